@@ -1,0 +1,1 @@
+#include <OKVDataManager/okvDataManager.h>

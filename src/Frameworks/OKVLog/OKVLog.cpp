@@ -1,0 +1,1 @@
+#include <OKVLog/OKVLog.h>
