@@ -182,6 +182,24 @@ private:
         return true;
     }
 
+    bool readData(Value& into) {
+        const auto end = text_.find('>', at_);
+        if (end == std::string_view::npos) return failHere("data without an end");
+        Data data;
+        int high = -1;
+        for (++at_; at_ < end; ++at_) {
+            if (isBlank(here())) continue;
+            const int digit = hexDigitValue(here());
+            if (digit < 0) return failHere("not a hexadecimal digit");
+            if (high >= 0) data.push_back(static_cast<std::uint8_t>(high * 16 + digit));
+            high = high < 0 ? digit : -1;
+        }
+        if (high >= 0) return failHere("half a byte of data");
+        ++at_;
+        into = std::move(data);
+        return true;
+    }
+
     bool readText(Value& into) {
         std::string text;
         if (here() == '"' || here() == '\'') {
