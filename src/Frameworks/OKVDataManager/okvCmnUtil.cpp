@@ -1,6 +1,8 @@
+#include <OKVDataManager/MainteFile.h>
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVPlatform/system/FileAttributes.h>
 #include <OKVPlatform/system/SystemVersion.h>
+#include <OKVPlatform/values/PropertyListFile.h>
 
 #include <algorithm>
 #include <array>
@@ -54,6 +56,58 @@ std::size_t utf16Length(std::string_view text) {
 }  // namespace
 
 // ---- Maintenance settings and log switches ----
+
+namespace {
+
+constexpr std::string_view kMainteFileName = "jp.nrm.okv6.mainte.plist";
+constexpr int kDefaultLogLevel = 10;
+
+std::string& otherMainteFile() {
+    static auto* const path = new std::string;
+    return *path;
+}
+
+std::string mainteFile() {
+    if (!otherMainteFile().empty()) return otherMainteFile();
+    return std::string(kInstallationRoot).append(kMainteFileName);
+}
+
+// nil when the file or the key is missing.
+okv::Value mainteValue(const char* key) {
+    const auto info = okvCmnUtil::loadMainteInfo();
+    return info ? (*info)[key] : okv::Value();
+}
+
+}  // namespace
+
+void okv::testing::setMainteFile(std::string path) {
+    otherMainteFile() = std::move(path);
+}
+
+std::optional<okv::Dictionary> okvCmnUtil::loadMainteInfo() {
+    auto file = okv::readPropertyListFile(mainteFile());
+    auto* const root = file ? file.value->getIf<okv::Dictionary>() : nullptr;
+    if (root == nullptr) return std::nullopt;
+    return std::move(*root);
+}
+
+int okvCmnUtil::logLevel() {
+    const auto value = mainteValue("logLevel");
+    return value.isNil() ? kDefaultLogLevel : value.intValue();
+}
+
+// A missing switch is nil, which reads as NO.
+bool okvCmnUtil::isNkeLog() {
+    return mainteValue("nkeLog").boolValue();
+}
+
+bool okvCmnUtil::isARSLog() {
+    return mainteValue("arsLog").boolValue();
+}
+
+bool okvCmnUtil::isDevModeLog() {
+    return mainteValue("devmode").boolValue();
+}
 
 // ---- Date and time ----
 
@@ -316,6 +370,14 @@ std::optional<std::string> okvCmnUtil::addPrefixName_forPrefix(
 std::optional<std::string> okvCmnUtil::removePrefixName_forPrefix(
     std::optional<std::string_view> text, std::optional<std::string_view> prefix) {
     return removePrefix_forPrefix(text, prefix);
+}
+
+std::optional<std::string> okvCmnUtil::localizedString_key(const okv::Bundle* bundle,
+                                                           std::string_view key) {
+    if (bundle != nullptr) return bundle->localizedString(key);
+    const auto mainBundle = okv::Bundle::mainBundle();
+    if (!mainBundle) return std::nullopt;
+    return mainBundle->localizedString(key);
 }
 
 // ---- Installation layout, file information and user agent ----

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/system/Bundle.h>
 #include <OKVPlatform/system/Calendar.h>
 #include <OKVPlatform/values/Value.h>
 
@@ -16,6 +17,22 @@ public:
     okvCmnUtil() = delete;
 
     // ---- Maintenance settings and log switches ----
+
+    // Every call reads "jp.nrm.okv6.mainte.plist" in the installation root afresh, so that an edit
+    // takes effect at once: who logs often asks once and keeps the answer. A missing, unreadable
+    // or malformed file, a root that is no dictionary and a missing key silently give the default.
+    // A value of another kind reads as its `intValue` or `boolValue`.
+
+    /// The whole file, or none.
+    static std::optional<okv::Dictionary> loadMainteInfo();
+    /// "logLevel": the level that the suite's processes log at; 10 unless told otherwise.
+    static int logLevel();
+    /// "nkeLog": the kernel extension's log; NO unless told otherwise, as the two below.
+    static bool isNkeLog();
+    /// "arsLog": the log of the ARS client.
+    static bool isARSLog();
+    /// "devmode": the developers' log.
+    static bool isDevModeLog();
 
     // ---- Date and time ----
 
@@ -116,6 +133,11 @@ public:
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
     static std::optional<std::string> removePrefixName_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+
+    /// The bundle's text for the key in the user's language, the key itself when it has none. No
+    /// bundle stands for the main bundle of the process; none when there is no such either.
+    static std::optional<std::string> localizedString_key(const okv::Bundle* bundle,
+                                                          std::string_view key);
 
     // ---- Installation layout, file information and user agent ----
 
