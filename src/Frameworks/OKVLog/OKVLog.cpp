@@ -1,10 +1,10 @@
+#include <OKVLog/Journal.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/system/NSLog.h>
 #include <OKVPlatform/system/SinkSlot.h>
 
 #include <dlfcn.h>
 #include <sys/syslog.h>
-#include <sys/uio.h>
 #include <unistd.h>
 #include <array>
 #include <atomic>
@@ -15,7 +15,6 @@
 namespace {
 
 using Sink = okv::SinkSlot<int, std::string_view>;
-using SendToJournal = int (*)(const iovec* fields, int count);
 
 std::atomic<int> levelInForce{okv::kDefaultLogLevel};
 
@@ -25,44 +24,50 @@ Sink& sink() {
     return *slot;
 }
 
-// The journal's library is loaded by the first text that is written: linked, it would nearly
-// double the start time of every process, also of those that never log.
-SendToJournal journalFunction() {
+okv::SendToJournal openJournalLibrary() {
     void* const library = dlopen("libsystemd.so.0", RTLD_LAZY | RTLD_LOCAL);
     if (library == nullptr) return nullptr;
-    return reinterpret_cast<SendToJournal>(dlsym(library, "sd_journal_sendv"));
+    return reinterpret_cast<okv::SendToJournal>(dlsym(library, "sd_journal_sendv"));
 }
 
-SendToJournal journal() {
-    static const SendToJournal function = journalFunction();
+// The journal's library is loaded by the first text that is written: linked, it would nearly
+// double the start time of every process, also of those that never log.
+okv::SendToJournal journalFunction() {
+    static const okv::SendToJournal function = openJournalLibrary();
     return function;
-}
-
-// The library calls a missing journal a success, so its socket is looked at first.
-bool journalIsThere() {
-    return access("/run/systemd/journal/socket", W_OK) == 0;
 }
 
 iovec field(std::string& text) {
     return {text.data(), text.size()};
 }
 
-bool wroteToJournal(int level, const std::string& text) {
-    if (!journalIsThere() || journal() == nullptr) return false;
+bool sent(okv::SendToJournal send, int level, const std::string& text) {
     std::string message = "MESSAGE=" + text;
     std::string priority = "PRIORITY=" + std::to_string(okv::journalPriority(level));
     std::string ownLevel = "OKV_LEVEL=" + std::to_string(level);
     std::string name = std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name;
     const std::array fields{field(message), field(priority), field(ownLevel), field(name)};
-    return journal()(fields.data(), static_cast<int>(fields.size())) >= 0;
+    return send(fields.data(), static_cast<int>(fields.size())) >= 0;
+}
+
+// The library calls a missing journal a success, so its socket is looked at first.
+bool wroteToJournal(const okv::Journal& journal, int level, const std::string& text) {
+    if (access(journal.socketPath, W_OK) != 0) return false;
+    const auto send = journal.find();
+    return send != nullptr && sent(send, level, text);
 }
 
 void log(int level, const std::string& text) {
+    constexpr okv::Journal kSystemJournal{"/run/systemd/journal/socket", journalFunction};
     sink()(level, text);
-    if (level <= okv::logLevel() && !wroteToJournal(level, text)) okv::writeLogLine(text);
+    if (level <= okv::logLevel()) okv::writeLogText(kSystemJournal, level, text);
 }
 
 }  // namespace
+
+void okv::writeLogText(const Journal& journal, int level, const std::string& text) {
+    if (!wroteToJournal(journal, level, text)) writeLogLine(text);
+}
 
 void OKVSystemLog(int level, const char* format, ...) {
     if (level > okv::logLevel() && !sink().isSet()) return;

@@ -1,5 +1,6 @@
 #include "../system/CapturedStderr.h"
 
+#include <OKVLog/Journal.h>
 #include <OKVLog/OKVLog.h>
 
 #include <gtest/gtest.h>
@@ -27,7 +28,71 @@ private:
     std::vector<Entry> entries_;
 };
 
+std::vector<std::string> journalFields;
+
+int recordFields(const iovec* fields, int count) {
+    journalFields.clear();
+    for (int i = 0; i < count; ++i)
+        journalFields.emplace_back(static_cast<const char*>(fields[i].iov_base), fields[i].iov_len);
+    return 0;
+}
+
+int refuseFields(const iovec* fields, int count) {
+    recordFields(fields, count);
+    return -EIO;
+}
+
+/// A journal whose socket is a path that exists or one that does not.
+okv::Journal journal(okv::SendToJournal (*find)(), const char* socketPath = "/dev/null") {
+    journalFields.clear();
+    return {socketPath, find};
+}
+
 }  // namespace
+
+TEST(OKVSystemLog, WritesTextPriorityLevelAndNameToTheJournalAlone) {
+    CapturedStderr standardError;
+    okv::writeLogText(journal([] { return &recordFields; }), 30, "two\nlines");
+    EXPECT_EQ(journalFields,
+              (std::vector<std::string>{
+                  "MESSAGE=two\nlines", "PRIORITY=7", "OKV_LEVEL=30",
+                  std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name}));
+    EXPECT_EQ(standardError.nextWrite(), "");
+}
+
+TEST(OKVSystemLog, WritesToStandardErrorWhereNoJournalListens) {
+    CapturedStderr standardError;
+    okv::writeLogText(journal([] { return &recordFields; }, "/nonexistent/socket"), 10, "text");
+    EXPECT_TRUE(standardError.nextWrite().ends_with("] text\n"));
+    EXPECT_TRUE(journalFields.empty());
+}
+
+TEST(OKVSystemLog, WritesToStandardErrorWithoutTheJournalsLibrary) {
+    CapturedStderr standardError;
+    okv::writeLogText(journal([]() -> okv::SendToJournal { return nullptr; }), 10, "text");
+    EXPECT_TRUE(standardError.nextWrite().ends_with("] text\n"));
+}
+
+TEST(OKVSystemLog, WritesToStandardErrorWhatTheJournalRefuses) {
+    CapturedStderr standardError;
+    okv::writeLogText(journal([] { return &refuseFields; }), 10, "text");
+    EXPECT_FALSE(journalFields.empty());
+    EXPECT_TRUE(standardError.nextWrite().ends_with("] text\n"));
+}
+
+TEST(OKVSystemLog, WritesNothingAboveTheLevelInForce) {
+    if (access("/run/systemd/journal/socket", F_OK) == 0)
+        GTEST_SKIP() << "a journal takes the texts";
+    CapturedStderr standardError;
+    OKVSystemLog(11, "too detailed");
+    EXPECT_EQ(standardError.nextWrite(), "");
+    OKVSystemLog(10, "written");
+    EXPECT_TRUE(standardError.nextWrite().ends_with("] written\n"));
+    okv::setLogLevel(11);
+    OKVSystemLog(11, "detailed");
+    okv::setLogLevel(okv::kDefaultLogLevel);
+    EXPECT_TRUE(standardError.nextWrite().ends_with("] detailed\n"));
+}
 
 TEST(OKVSystemLog, TheLevelInForceIs10UnlessSet) {
     EXPECT_EQ(okv::logLevel(), 10);

@@ -44,9 +44,9 @@ std::int64_t dayNumber(const DateComponents& components) {
 }
 
 bool isWithinTheYears(std::int64_t day) {
-    constexpr std::int64_t first = -4371586;  // -9999-01-01
-    constexpr std::int64_t last = 2932896;    // 9999-12-31
-    return day >= first && day <= last;
+    constexpr date::sys_days first{date::year{-kWidestYear} / 1 / 1};
+    constexpr date::sys_days last{date::year{kWidestYear} / 12 / 31};
+    return day >= first.time_since_epoch().count() && day <= last.time_since_epoch().count();
 }
 
 }  // namespace
