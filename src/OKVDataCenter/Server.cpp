@@ -7,7 +7,7 @@
 namespace datacenter {
 
 using Kind = okv::Refusal::Kind;
-using Clock = okv::RunLoop::Clock;
+using SteadyClock = okv::RunLoop::Clock;
 
 namespace {
 
@@ -19,13 +19,13 @@ double realTime() {
     return okv::Date::now().secondsSince1970;
 }
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
+double secondsSince(SteadyClock::time_point start) {
+    return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
 
 }  // namespace
 
-Server::Server(Store& store, Rights rights, NoticePoster& poster, RefusalLog::Write log)
+Server::Server(Store& store, Rights rights, NoticePoster& poster, LogLine log)
     : loop_(okv::RunLoop::current()),
       limits_(store.limits()),
       rights_(std::move(rights)),
@@ -123,8 +123,8 @@ void Server::end() {
 }
 
 void Server::closeWhenFlushed() {
-    if (flushUntil_ == Clock::time_point()) flushUntil_ = Clock::now() + kFlushWithin;
-    if (publication_ && !publication_->isFlushed() && Clock::now() < flushUntil_) {
+    if (flushUntil_ == SteadyClock::time_point()) flushUntil_ = SteadyClock::now() + kFlushWithin;
+    if (publication_ && !publication_->isFlushed() && SteadyClock::now() < flushUntil_) {
         loop_->performAfter(kFlushAgain, [this] { closeWhenFlushed(); });
         return;
     }
@@ -133,12 +133,9 @@ void Server::closeWhenFlushed() {
 }
 
 okv::Dictionary Server::status() const {
-    return {{"version", OKV_VERSION},
-            {"pid", getpid()},
-            {"uptime", secondsSince(start_)},
-            {"waiting", writer_.waiting()},
-            {"refused", refusals_.count()},
-            {"self_service", rights_.hasSelfService()}};
+    return {{"version", OKV_VERSION},         {"pid", getpid()},
+            {"uptime", secondsSince(start_)}, {"waiting", writer_.waiting()},
+            {"refused", refusals_.count()},   {"self_service", rights_.hasSelfService()}};
 }
 
 }  // namespace datacenter

@@ -13,11 +13,11 @@
 
 namespace datacenter {
 
-/// The running server: takes requests on its run loop, answers reads from the view, gives changes to
-/// the writer, and answers them when they are committed. Made, run and destroyed on one thread.
+/// The running server: takes requests on its run loop, answers reads from the view, gives changes
+/// to the writer, and answers them when they are committed. Made, run and destroyed on one thread.
 class Server {
 public:
-    Server(Store& store, Rights rights, NoticePoster& poster, RefusalLog::Write log);
+    Server(Store& store, Rights rights, NoticePoster& poster, LogLine log);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

@@ -24,7 +24,12 @@ Writer::Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster
       thread_([this] { run(); }) {}
 
 Writer::~Writer() {
-    finish();
+    {
+        const std::lock_guard lock(mutex_);
+        finishing_ = true;
+        abandoned_ = true;
+        wake_.notify_one();
+    }
     thread_.join();
 }
 
@@ -87,7 +92,8 @@ void Writer::takeRequests(Work& work) {
 
 bool Writer::next(Work& work) {
     std::unique_lock lock(mutex_);
-    wake_.wait(lock, [this] { return hasWork() || (finishing_ && unacknowledged_ == 0); });
+    wake_.wait(
+        lock, [this] { return hasWork() || (finishing_ && (unacknowledged_ == 0 || abandoned_)); });
     if (!hasWork()) return false;
     work = Work();
     work.acknowledged.swap(acknowledged_);
@@ -136,8 +142,7 @@ void Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
 }
 
 std::string Writer::send(const Queued& queued) {
-    if (queued.request)
-        return Speaker{data_, admin_}.carryOut(*queued.request, queued.method);
+    if (queued.request) return Speaker{data_, admin_}.carryOut(*queued.request, queued.method);
     data_.reloadDataPT();
     return {};
 }

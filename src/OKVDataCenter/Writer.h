@@ -26,12 +26,12 @@ struct Batch {
 };
 
 /// The one thread that writes to the store. It takes what has queued up meanwhile into one
-/// transaction, each request in a savepoint with an outcome of its own, commits, and hands the batch
-/// over. Nothing is answered before it is committed; where the commit fails, every request of the
-/// group is refused with the reason. Nothing waits for a group to fill.
+/// transaction, each request in a savepoint with an outcome of its own, commits, and hands the
+/// batch over. Nothing is answered before it is committed; where the commit fails, every request of
+/// the group is refused with the reason. Nothing waits for a group to fill.
 ///
-/// Notices are posted once their batch has come back by `acknowledge`: who hears one and reads, reads
-/// the new value.
+/// Notices are posted once their batch has come back by `acknowledge`: who hears one and reads,
+/// reads the new value.
 class Writer {
 public:
     /// Called on the writer's thread.
@@ -95,6 +95,7 @@ private:
     std::size_t unacknowledged_ = 0;
     bool announce_ = false;
     bool finishing_ = false;
+    bool abandoned_ = false;  ///< nobody is left to acknowledge a batch
     std::thread thread_;
 };
 
