@@ -100,7 +100,7 @@ int serveStore(const Options& options, Signals& signals) {
     Store store(options.store, Limits());
     const auto log = logFor(options);
     SystemPoster poster(log);
-    Server server(store, rightsFor(options), poster, log);
+    Server server(store, rightsFor(options), {poster, log});
     if (!makeRuntimeDirectory(okv::runtimeDirectory(), why) || !publish(server, why))
         return fail(why);
     signals.serve(server);

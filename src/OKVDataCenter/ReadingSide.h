@@ -14,7 +14,7 @@ struct ServerState {
     Clients clients;
     bool ending = false;
     std::function<void()> end = [] {};  ///< asks the server to end, once this request is answered
-    std::function<double()> now = [] { return okv::Date::now().secondsSince1970; };
+    std::function<double()> now;
     std::function<okv::Dictionary()> status = [] { return okv::Dictionary(); };
 };
 

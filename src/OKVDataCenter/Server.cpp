@@ -15,23 +15,20 @@ namespace {
 constexpr std::chrono::seconds kFlushWithin{2};
 constexpr std::chrono::milliseconds kFlushAgain{5};
 
-double realTime() {
-    return okv::Date::now().secondsSince1970;
-}
-
 double secondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
 
 }  // namespace
 
-Server::Server(Store& store, Rights rights, NoticePoster& poster, LogLine log)
+Server::Server(Store& store, Rights rights, Surroundings surroundings)
     : loop_(okv::RunLoop::current()),
       limits_(store.limits()),
       rights_(std::move(rights)),
-      refusals_(std::move(log)),
+      refusals_(std::move(surroundings.log)),
       view_(std::move(*store.load())),
-      writer_(store, rights_, realTime, poster, handlers()) {
+      writer_(store, rights_, surroundings.now, surroundings.poster, handlers()) {
+    state_.now = std::move(surroundings.now);
     state_.end = [this] { loop_->perform([this] { end(); }); };
     state_.status = [this] { return status(); };
 }
@@ -49,7 +46,9 @@ Writer::Handlers Server::handlers() {
 
 okv::RootObject Server::root() {
     okv::RootObject root;
-    root.handler = &Server::handle;
+    root.handler = [](void* self, okv::IncomingRequest& request) {
+        static_cast<Server*>(self)->handle(request);
+    };
     root.target = this;
     return root;
 }
@@ -74,10 +73,6 @@ bool Server::started(okv::Ref<okv::Publication> publication) {
     if (!publication_) return false;
     writer_.announce();
     return true;
-}
-
-void Server::handle(void* self, okv::IncomingRequest& request) {
-    static_cast<Server*>(self)->handle(request);
 }
 
 void Server::handle(okv::IncomingRequest& request) {

@@ -17,7 +17,13 @@ namespace datacenter {
 /// to the writer, and answers them when they are committed. Made, run and destroyed on one thread.
 class Server {
 public:
-    Server(Store& store, Rights rights, NoticePoster& poster, LogLine log);
+    /// What the server does not have of itself; the poster must outlive it.
+    struct Surroundings {
+        NoticePoster& poster;
+        LogLine log;
+        std::function<double()> now = [] { return okv::Date::now().secondsSince1970; };
+    };
+    Server(Store& store, Rights rights, Surroundings surroundings);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -34,9 +40,11 @@ public:
     void end();
     void reload() { writer_.queueReload(); }
 
-private:
-    static void handle(void* self, okv::IncomingRequest& request);
+    /// Answers a request to the root object, at once or when its change is committed.
     void handle(okv::IncomingRequest& request);
+    const View& view() const noexcept { return view_; }
+
+private:
     void refuse(okv::IncomingRequest& request, Method method, okv::Refusal refusal);
     void take(const std::shared_ptr<Batch>& batch);
     void closeWhenFlushed();
