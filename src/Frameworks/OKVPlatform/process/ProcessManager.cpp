@@ -1,6 +1,7 @@
 #include <OKVPlatform/process/ProcFolder.h>
 #include <OKVPlatform/process/ProcessManager.h>
 #include <OKVPlatform/process/ProcessStatus.h>
+#include <OKVPlatform/values/PropertyListFile.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +16,8 @@ namespace okv {
 namespace {
 
 constexpr std::size_t kStatusHead = 1024;
+// Real ones are a few KiB; every listing reads them all.
+constexpr std::size_t kInformationLimit = std::size_t{1} << 20;
 
 // An executable may be started through a link that lies outside its bundle; the kernel would have
 // told where the link leads.
@@ -141,7 +144,9 @@ OSStatus ProcessManager::GetProcessForPID(std::int32_t pid, ProcessSerialNumber*
 }
 
 PropertyListReader ProcessManager::defaultReader() {
-    return [](const std::string&) { return Value(); };
+    return [](const std::string& path) {
+        return readPropertyListFile(path, kInformationLimit).value.value_or(Value());
+    };
 }
 
 }  // namespace okv

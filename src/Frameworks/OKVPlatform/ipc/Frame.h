@@ -1,0 +1,80 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace okv {
+
+/// The version of the wire that this library speaks; the first frame of either side tells it.
+inline constexpr std::int64_t kWireVersion = 1;
+/// The largest payload a frame may announce.
+inline constexpr std::size_t kMaxFramePayload = 16U << 20;
+/// Length of the payload (4 bytes), kind (1), serial (4), the numbers with the high byte first.
+inline constexpr std::size_t kFrameHeaderSize = 9;
+
+enum class FrameKind : std::uint8_t {
+    hello = 1,     ///< the first frame of either side
+    request = 2,   ///< a message to an object
+    reply = 3,     ///< its result
+    failure = 4,   ///< it was not understood, and why
+    farewell = 5,  ///< why the sender is about to close
+};
+
+struct Frame {
+    FrameKind kind;
+    std::uint32_t serial;
+    std::string_view payload;
+};
+
+/// Bytes that are no frame; the connection they came from cannot be read any further.
+class OKV_EXPORT FrameError final : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Starts a frame at the end of `out`, and completes the one that began at `start` once its payload
+/// is appended. `finishFrame` throws std::length_error when the payload is larger than a frame may
+/// be.
+OKV_EXPORT std::size_t beginFrame(std::string& out, FrameKind kind);
+OKV_EXPORT void finishFrame(std::string& out, std::size_t start, std::uint32_t serial);
+/// Numbers a finished frame anew.
+OKV_EXPORT void setFrameSerial(std::string& frame, std::uint32_t serial);
+
+/// Bytes as they come from a socket, cut into frames. It grows with what has really come, not with
+/// what a header announces, and gives a large frame's memory back.
+class OKV_EXPORT FrameBuffer {
+public:
+    explicit FrameBuffer(std::size_t maxPayload = kMaxFramePayload) : maxPayload_(maxPayload) {}
+
+    /// Where the next bytes may be written; then tell how many were. Invalidates frames handed out
+    /// before.
+    std::span<char> room();
+    void added(std::size_t count) noexcept { end_ += count; }
+
+    /// The next whole frame; none when its bytes are not all there. Throws FrameError for what is
+    /// no frame.
+    std::optional<Frame> next();
+
+    bool empty() const noexcept { return begin_ == end_; }
+    void setMaxPayload(std::size_t bytes) noexcept { maxPayload_ = bytes; }
+
+private:
+    std::size_t wanted() const noexcept;
+    void move(std::size_t capacity);
+
+    std::size_t maxPayload_;
+    std::unique_ptr<char[]> bytes_;
+    std::size_t capacity_ = 0;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+};
+
+}  // namespace okv

@@ -1,0 +1,146 @@
+#include <OKVPlatform/ipc/Protocol.h>
+
+#include <mutex>
+#include <unordered_map>
+
+namespace okv {
+
+namespace {
+
+thread_local Invocation* currentInvocation = nullptr;
+
+struct Exports {
+    struct Entry {
+        Object* owner;
+        RequestHandler handler;
+        void* target;
+    };
+    std::mutex mutex;
+    std::uint64_t last = kRootObject;
+    std::unordered_map<std::uint64_t, Entry> byNumber;
+    std::unordered_map<const Object*, std::uint64_t> numbers;
+};
+
+// Never destroyed: objects may be withdrawn by static destructors.
+Exports& exports() {
+    static auto* const only = new Exports;
+    return *only;
+}
+
+}  // namespace
+
+IncomingRequest::IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload)
+    : port_(std::move(port)), serial_(serial), payload_(std::move(payload)), arguments_(payload_) {
+    object_ = static_cast<std::uint64_t>(arguments_.integer());
+    selector_ = arguments_.text();
+    types_ = arguments_.text();
+}
+
+IncomingRequest::~IncomingRequest() {
+    if (!answered_ && !selector_.empty()) fail("the request was given up");
+}
+
+void IncomingRequest::answer(std::string frame) {
+    answered_ = true;
+    setFrameSerial(frame, serial_);
+    port_->sendAnswer(std::move(frame));
+}
+
+void IncomingRequest::fail(std::string_view why) {
+    answered_ = true;
+    port_->sendAnswer(encodeFailure(serial_, why));
+}
+
+Invocation::Invocation(IncomingRequest& request) noexcept
+    : request_(request), outer_(currentInvocation) {
+    currentInvocation = this;
+}
+
+Invocation::~Invocation() {
+    currentInvocation = outer_;
+}
+
+Invocation* Invocation::current() noexcept {
+    return currentInvocation;
+}
+
+std::uint64_t ExportedObjects::add(Object& owner, RequestHandler handler, void* target) {
+    auto& all = exports();
+    const std::lock_guard lock(all.mutex);
+    const auto [at, isNew] = all.numbers.try_emplace(&owner, all.last + 1);
+    if (isNew) all.byNumber.emplace(++all.last, Exports::Entry{&owner, handler, target});
+    return at->second;
+}
+
+void ExportedObjects::withdraw(const Object& owner) {
+    auto& all = exports();
+    const std::lock_guard lock(all.mutex);
+    const auto at = all.numbers.find(&owner);
+    if (at == all.numbers.end()) return;
+    all.byNumber.erase(at->second);
+    all.numbers.erase(at);
+}
+
+std::optional<ExportedObjects::Found> ExportedObjects::find(std::uint64_t number) {
+    auto& all = exports();
+    const std::lock_guard lock(all.mutex);
+    const auto at = all.byNumber.find(number);
+    if (at == all.byNumber.end()) return std::nullopt;
+    auto owner = Ref<Object>::unlessDying(at->second.owner);
+    if (!owner) return std::nullopt;
+    return Found{std::move(owner), at->second.handler, at->second.target};
+}
+
+void beginRequest(std::string& frame, std::uint64_t object, std::string_view selector,
+                  std::string_view types) {
+    frame.clear();
+    beginFrame(frame, FrameKind::request);
+    CborWriter writer(frame);
+    writer.integer(static_cast<std::int64_t>(object));
+    writer.text(selector);
+    writer.text(types);
+}
+
+void finishRequest(std::string& frame) {
+    finishFrame(frame, 0, 0);
+}
+
+std::string encodeHello() {
+    std::string frame;
+    beginFrame(frame, FrameKind::hello);
+    CborWriter(frame).integer(kWireVersion);
+    finishFrame(frame, 0, 0);
+    return frame;
+}
+
+std::string encodeFailure(std::uint32_t serial, std::string_view why) {
+    std::string frame;
+    beginFrame(frame, FrameKind::failure);
+    CborWriter(frame).text(why);
+    finishFrame(frame, 0, serial);
+    return frame;
+}
+
+namespace detail {
+
+void throwBadReply(std::string_view selector, const CborError& error) {
+    throw ConnectionError(ConnectionError::Kind::badData,
+                          "the answer to " + std::string(selector) + ": " + error.what());
+}
+
+}  // namespace detail
+
+std::optional<Refusal> readRefusal(CborReader& reader) {
+    if (reader.atEnd()) return std::nullopt;
+    const auto kind = reader.integer();
+    return Refusal{static_cast<Refusal::Kind>(kind), std::string(reader.text())};
+}
+
+void appendRefusal(std::string& frame, const std::optional<Refusal>& refusal) {
+    if (!refusal) return;
+    CborWriter writer(frame);
+    writer.integer(static_cast<std::int64_t>(refusal->kind));
+    writer.text(refusal->reason);
+}
+
+}  // namespace okv

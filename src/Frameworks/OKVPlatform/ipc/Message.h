@@ -1,0 +1,161 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/ConnectionError.h>
+#include <OKVPlatform/ipc/Frame.h>
+#include <OKVPlatform/ipc/PeerIdentity.h>
+#include <OKVPlatform/values/Cbor.h>
+#include <OKVPlatform/values/Object.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace okv {
+
+/// The object that a publication vends; it exists where the publisher's hello says so.
+inline constexpr std::uint64_t kRootObject = 0;
+
+/// Why a request was answered with a zero value. It travels beside the value: who does not ask does
+/// not see it.
+struct OKV_EXPORT Refusal {
+    enum class Kind : std::uint8_t {
+        notAllowed = 1,  ///< the caller's account may not do this
+        locked = 2,      ///< the administrator has locked the key
+        invalid = 3,     ///< an argument that cannot be stored or looked up
+        tooLarge = 4,    ///< beyond a limit
+        noSpace = 5,     ///< the store has no room
+        failed = 6,      ///< the store could not do it
+    };
+    Kind kind;
+    std::string reason;
+};
+
+class IncomingRequest;
+
+/// One end of a conversation: what carries frames to the peer. Implemented by Connection (who
+/// calls) and by ServedConnection (who is called).
+class OKV_EXPORT MessagePort : public Object {
+public:
+    /// Sends a request frame and waits for its reply's payload. Throws ConnectionError.
+    virtual std::string call(std::string& frame) = 0;
+    /// Sends a request frame without waiting for anything; its reply is dropped.
+    virtual void post(std::string frame) = 0;
+    /// Sends a frame that answers a request; safe from any thread; a dead peer's is dropped.
+    virtual void sendAnswer(std::string frame) = 0;
+    virtual const PeerIdentity& peer() const noexcept = 0;
+    /// Notes that the peer may now address the exported object.
+    virtual void lend(std::uint64_t object) = 0;
+};
+
+/// An object that lives with the peer: a reference to the connection and the object's number there.
+class OKV_EXPORT RemoteObject final : public Object {
+public:
+    RemoteObject(Ref<MessagePort> port, std::uint64_t number)
+        : port_(std::move(port)), number_(number) {}
+
+    MessagePort& port() const noexcept { return *port_; }
+    std::uint64_t number() const noexcept { return number_; }
+
+private:
+    Ref<MessagePort> port_;
+    std::uint64_t number_;
+};
+
+/// A request that a peer sent. It may be kept and answered later, from any thread; one that is
+/// given up unanswered answers a failure by itself, so that no caller waits for ever.
+class OKV_EXPORT IncomingRequest final : public Object {
+public:
+    /// Throws CborError when the payload is no request.
+    IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload);
+
+    std::uint64_t object() const noexcept { return object_; }
+    std::string_view selector() const noexcept { return selector_; }
+    /// One character an argument: "@" object, "i" int, "c" BOOL.
+    std::string_view types() const noexcept { return types_; }
+    std::size_t size() const noexcept { return payload_.size(); }
+    const PeerIdentity& caller() const noexcept { return port_->peer(); }
+    MessagePort& port() const noexcept { return *port_; }
+    /// Stands at the first argument.
+    CborReader arguments() const noexcept { return arguments_; }
+    /// The object that a reference among the arguments names.
+    Ref<RemoteObject> remote(std::uint64_t number) const {
+        return make<RemoteObject>(port_, number);
+    }
+
+    /// Answers, once: with a frame that `beginReply` began, or with why the request was not
+    /// understood.
+    void answer(std::string frame);
+    void fail(std::string_view why);
+
+protected:
+    ~IncomingRequest() override;
+
+private:
+    Ref<MessagePort> port_;
+    std::uint32_t serial_;
+    std::string payload_;
+    std::uint64_t object_ = 0;
+    std::string_view selector_;
+    std::string_view types_;
+    CborReader arguments_{{}};
+    bool answered_ = false;
+};
+
+/// The conversation that the calling thread is serving, for methods that must know who asks or must
+/// say why they answer nothing.
+class OKV_EXPORT Invocation {
+public:
+    explicit Invocation(IncomingRequest& request) noexcept;
+    Invocation(const Invocation&) = delete;
+    Invocation& operator=(const Invocation&) = delete;
+    ~Invocation();
+
+    /// Null outside of a request.
+    static Invocation* current() noexcept;
+
+    IncomingRequest& request() const noexcept { return request_; }
+    const PeerIdentity& caller() const noexcept { return request_.caller(); }
+    void refuse(Refusal::Kind kind, std::string reason) {
+        refusal_ = Refusal{kind, std::move(reason)};
+    }
+    const std::optional<Refusal>& refusal() const noexcept { return refusal_; }
+
+private:
+    IncomingRequest& request_;
+    Invocation* outer_;
+    std::optional<Refusal> refusal_;
+};
+
+/// Who handles the requests to one object.
+using RequestHandler = void (*)(void* target, IncomingRequest& request);
+
+/// The objects of this process that were handed to peers by reference. They are not retained:
+/// `withdraw` belongs in their `dealloc`, and a request for what is gone or going is answered as
+/// for an unknown object.
+class OKV_EXPORT ExportedObjects {
+public:
+    struct Found {
+        Ref<Object> owner;
+        RequestHandler handler = nullptr;
+        void* target = nullptr;
+    };
+
+    /// The object's number, the same at every call until it is withdrawn.
+    static std::uint64_t add(Object& owner, RequestHandler handler, void* target);
+    static void withdraw(const Object& owner);
+    static std::optional<Found> find(std::uint64_t number);
+};
+
+/// A payload's parts: a frame is begun, its payload appended, and it is finished (see Frame.h).
+OKV_EXPORT void beginRequest(std::string& frame, std::uint64_t object, std::string_view selector,
+                             std::string_view types);
+OKV_EXPORT void finishRequest(std::string& frame);
+OKV_EXPORT std::string encodeHello();
+OKV_EXPORT std::string encodeFailure(std::uint32_t serial, std::string_view why);
+/// Reads what stands behind a reply's result.
+OKV_EXPORT std::optional<Refusal> readRefusal(CborReader& reader);
+OKV_EXPORT void appendRefusal(std::string& frame, const std::optional<Refusal>& refusal);
+
+}  // namespace okv

@@ -1,0 +1,79 @@
+#include <OKVPlatform/ipc/PrivateDescriptor.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace okv {
+
+namespace {
+
+std::atomic<std::uint32_t> generation{0};
+
+// What a child must close. Its mutex is held across fork, so that the child finds a whole list.
+struct Registry {
+    std::mutex mutex;
+    std::vector<int> open;
+
+    void closeInChild() {
+        for (const int fd : open) ::close(fd);
+        open.clear();
+        generation.fetch_add(1, std::memory_order_relaxed);
+    }
+};
+
+// Never destroyed: descriptors of static objects are closed after everything else.
+Registry& registry() {
+    static auto* const only = [] {
+        auto* made = new Registry;
+        pthread_atfork([] { registry().mutex.lock(); }, [] { registry().mutex.unlock(); },
+                       [] {
+                           registry().closeInChild();
+                           registry().mutex.unlock();
+                       });
+        return made;
+    }();
+    return *only;
+}
+
+}  // namespace
+
+PrivateDescriptor::PrivateDescriptor(int fd) : fd_(fd) {
+    if (fd < 0) return;
+    const std::lock_guard lock(registry().mutex);
+    registry().open.push_back(fd);
+    generation_ = forkGeneration();
+}
+
+PrivateDescriptor::PrivateDescriptor(PrivateDescriptor&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), generation_(other.generation_) {}
+
+PrivateDescriptor& PrivateDescriptor::operator=(PrivateDescriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    std::swap(generation_, other.generation_);
+    return *this;
+}
+
+void PrivateDescriptor::close() noexcept {
+    if (isValid()) {
+        const std::lock_guard lock(registry().mutex);
+        auto& open = registry().open;
+        if (const auto at = std::find(open.rbegin(), open.rend(), fd_); at != open.rend()) {
+            *at = open.back();
+            open.pop_back();
+        }
+        ::close(fd_);
+    }
+    fd_ = -1;
+}
+
+std::uint32_t PrivateDescriptor::forkGeneration() noexcept {
+    return generation.load(std::memory_order_relaxed);
+}
+
+}  // namespace okv

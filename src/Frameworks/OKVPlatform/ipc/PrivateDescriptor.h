@@ -1,0 +1,34 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+
+#include <cstdint>
+
+namespace okv {
+
+/// A descriptor that belongs to this process alone: it is closed on exec, and in a forked child it
+/// is closed by the fork itself, without touching what the parent has. Afterwards it is invalid
+/// there.
+class OKV_EXPORT PrivateDescriptor {
+public:
+    PrivateDescriptor() noexcept = default;
+    /// Takes ownership; -1 is "none".
+    explicit PrivateDescriptor(int fd);
+    PrivateDescriptor(PrivateDescriptor&& other) noexcept;
+    PrivateDescriptor& operator=(PrivateDescriptor&& other) noexcept;
+    ~PrivateDescriptor() { close(); }
+
+    /// The number, or -1: none, closed, or left behind in the parent.
+    int get() const noexcept { return isValid() ? fd_ : -1; }
+    bool isValid() const noexcept { return fd_ >= 0 && generation_ == forkGeneration(); }
+    void close() noexcept;
+
+    /// Counts the forks that lie between the first process and this one.
+    static std::uint32_t forkGeneration() noexcept;
+
+private:
+    int fd_ = -1;
+    std::uint32_t generation_ = 0;
+};
+
+}  // namespace okv

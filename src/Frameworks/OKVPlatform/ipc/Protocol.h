@@ -1,0 +1,381 @@
+#pragma once
+
+#include <OKVPlatform/ipc/Message.h>
+
+#include <algorithm>
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+/// A remote interface, written once. An abstract class declares the methods, one table ties each to
+/// its selector:
+///
+///     class Greeter {
+///     public:
+///         virtual okv::Value greeting_to(std::int32_t language, const okv::Value& name) = 0;
+///     };
+///     template <>
+///     inline constexpr auto okv::protocol<Greeter> =
+///         okv::protocolTable(okv::row<&Greeter::greeting_to>("greeting:to:"));
+///
+/// The caller sends, the server dispatches, both from that table:
+///
+///     okv::Value text = okv::send<&Greeter::greeting_to>(*remote, 81, "world");
+///     okv::dispatch<Greeter>(greeter, request);
+///
+/// Argument and result types: `const okv::Value&` (an object), `std::int32_t`, `bool`,
+/// `okv::RemoteObject&` (an object by reference); results may also be void. A method without a row,
+/// a selector whose colons do not match the method's arguments and a selector that stands twice do
+/// not compile.
+namespace okv {
+
+namespace detail {
+
+// Not constexpr: calling one in a table is the compile error that names the fault.
+inline void selector_colons_do_not_match_the_arguments() {}
+inline void selector_stands_twice() {}
+inline void method_stands_twice() {}
+
+template <class Wanted, class... All>
+inline constexpr int occurrences = (0 + ... + static_cast<int>(std::is_same_v<Wanted, All>));
+
+template <auto Method>
+struct MethodTraits;
+template <class P, class R, class... A, R (P::*Method)(A...)>
+struct MethodTraits<Method> {
+    using Protocol = P;
+    using Result = R;
+    using Parameters = std::tuple<A...>;
+    static constexpr std::size_t arity = sizeof...(A);
+};
+
+template <class T>
+struct Carried;
+template <>
+struct Carried<Value> {
+    static constexpr char type = '@';
+    template <class T>
+    static void write(CborWriter& out, const T& argument) {
+        if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+            out.text(argument);  // without making an object of it first
+        } else {
+            const Value& value = argument;
+            out.value(value);
+        }
+    }
+    static Value read(CborReader& in, IncomingRequest*) { return in.value(); }
+    static Value result(CborReader& in) { return in.value(); }
+};
+template <>
+struct Carried<std::int32_t> {
+    static constexpr char type = 'i';
+    static void write(CborWriter& out, std::int32_t number) { out.integer(number); }
+    static std::int32_t result(CborReader& in) {
+        const auto number = in.integer();
+        if (number < INT32_MIN || number > INT32_MAX)
+            throw CborError("an int beyond 32 bits", in.offset());
+        return static_cast<std::int32_t>(number);
+    }
+    static std::int32_t read(CborReader& in, IncomingRequest*) { return result(in); }
+};
+template <>
+struct Carried<bool> {
+    static constexpr char type = 'c';
+    static void write(CborWriter& out, bool flag) { out.boolean(flag); }
+    static bool read(CborReader& in, IncomingRequest*) { return in.boolean(); }
+    static bool result(CborReader& in) { return in.boolean(); }
+};
+template <>
+struct Carried<RemoteObject> {
+    static constexpr char type = '@';
+    static Ref<RemoteObject> read(CborReader& in, IncomingRequest* request) {
+        return request->remote(in.reference());
+    }
+};
+
+template <class T>
+using CarriedAs = Carried<std::remove_cvref_t<T>>;
+
+template <class T>
+decltype(auto) asArgument(const T& held) {
+    return (held);
+}
+inline RemoteObject& asArgument(const Ref<RemoteObject>& held) {
+    return *held;
+}
+
+template <auto Method, class = typename MethodTraits<Method>::Parameters>
+struct TypesText;
+template <auto Method, class... A>
+struct TypesText<Method, std::tuple<A...>> {
+    static constexpr std::array<char, sizeof...(A) + 1> text{CarriedAs<A>::type..., '\0'};
+    static constexpr std::string_view view{text.data(), sizeof...(A)};
+};
+
+}  // namespace detail
+
+template <auto Method>
+struct Row {
+    std::string_view selector;
+};
+
+template <auto Method>
+consteval Row<Method> row(std::string_view selector) {
+    const auto colons = static_cast<std::size_t>(std::count(selector.begin(), selector.end(), ':'));
+    if (colons != detail::MethodTraits<Method>::arity)
+        detail::selector_colons_do_not_match_the_arguments();
+    return {selector};
+}
+
+template <class... Rows>
+consteval std::tuple<Rows...> protocolTable(Rows... rows) {
+    const std::array<std::string_view, sizeof...(Rows)> selectors{rows.selector...};
+    for (std::size_t i = 0; i < selectors.size(); ++i) {
+        if (std::count(selectors.begin(), selectors.end(), selectors[i]) > 1)
+            detail::selector_stands_twice();
+    }
+    if (((detail::occurrences < Rows, Rows... >> 1) || ...)) detail::method_stands_twice();
+    return {rows...};
+}
+
+/// The table of a protocol; specialised beside each protocol's class.
+template <class P>
+inline constexpr std::tuple<> protocol{};
+
+namespace detail {
+
+template <class Wanted, class Table>
+inline constexpr bool hasRow = false;
+template <class Wanted, class... Rows>
+inline constexpr bool hasRow<Wanted, const std::tuple<Rows...>> = (std::is_same_v<Wanted, Rows> ||
+                                                                   ...);
+
+template <auto Method>
+consteval std::string_view selectorOf() {
+    using P = typename MethodTraits<Method>::Protocol;
+    static_assert(hasRow<Row<Method>, decltype(protocol<P>)>,
+                  "this method has no row in its protocol's table");
+    return std::get<Row<Method>>(protocol<P>).selector;
+}
+
+/// An object of this process, handed over by reference.
+struct LentObject {
+    std::uint64_t number;
+};
+
+template <class Parameter, class Argument>
+void writeArgument(CborWriter& out, MessagePort& port, const Argument& argument) {
+    if constexpr (std::is_same_v<Argument, LentObject>) {
+        static_assert(std::is_same_v<std::remove_cvref_t<Parameter>, RemoteObject>);
+        port.lend(argument.number);
+        out.reference(argument.number);
+    } else {
+        CarriedAs<Parameter>::write(out, argument);
+    }
+}
+
+// The calling thread's request; kept between calls, because allocating it anew would cost more than
+// filling it.
+inline std::string& scratchFrame() {
+    thread_local std::string frame;
+    if (frame.capacity() > 64 * 1024) frame = std::string();
+    return frame;
+}
+
+template <class... A, class... Arguments>
+void writeArguments(CborWriter& out, MessagePort& port, const std::tuple<A...>*,
+                    const Arguments&... arguments) {
+    (writeArgument<A>(out, port, arguments), ...);
+}
+
+template <auto Method, class... Arguments>
+void encode(std::string& frame, RemoteObject& remote, const Arguments&... arguments) {
+    using Traits = MethodTraits<Method>;
+    static_assert(sizeof...(Arguments) == Traits::arity,
+                  "the method takes another number of arguments");
+    beginRequest(frame, remote.number(), selectorOf<Method>(), TypesText<Method>::view);
+    CborWriter out(frame);
+    writeArguments(out, remote.port(), static_cast<const typename Traits::Parameters*>(nullptr),
+                   arguments...);
+    finishRequest(frame);
+}
+
+// Turns a reply's payload into a result; bytes that are none are the peer's fault: ConnectionError,
+// badData.
+[[noreturn]] OKV_EXPORT void throwBadReply(std::string_view selector, const CborError& error);
+
+template <class R>
+R readResult(CborReader& reader) {
+    if constexpr (std::is_void_v<R>) {
+        reader.value();
+    } else {
+        return CarriedAs<R>::result(reader);
+    }
+}
+
+}  // namespace detail
+
+/// A result together with why it is a zero value, where the peer said so.
+template <class R>
+struct Answer {
+    R value{};
+    std::optional<Refusal> refusal;
+};
+
+/// Sends the message and waits for its result; a refusal beside it is ignored, as the interface
+/// asks. Arguments are what the method takes, a text for an object, or `lend<P>(object)` for an
+/// object by reference. Throws ConnectionError. Any number of threads may send over one connection.
+template <auto Method, class... Arguments>
+typename detail::MethodTraits<Method>::Result send(RemoteObject& remote,
+                                                   const Arguments&... arguments) {
+    auto& frame = detail::scratchFrame();
+    detail::encode<Method>(frame, remote, arguments...);
+    const auto payload = remote.port().call(frame);
+    try {
+        CborReader reader(payload);
+        return detail::readResult<typename detail::MethodTraits<Method>::Result>(reader);
+    } catch (const CborError& error) {
+        detail::throwBadReply(detail::selectorOf<Method>(), error);
+    }
+}
+
+/// As `send`, for those who want to know of a refusal. A method without a result answers nil.
+template <auto Method, class... Arguments>
+auto sendForAnswer(RemoteObject& remote, const Arguments&... arguments) {
+    using R = typename detail::MethodTraits<Method>::Result;
+    auto& frame = detail::scratchFrame();
+    detail::encode<Method>(frame, remote, arguments...);
+    const auto payload = remote.port().call(frame);
+    try {
+        CborReader reader(payload);
+        using Held = std::conditional_t<std::is_void_v<R>, Value, R>;
+        auto value = detail::readResult<Held>(reader);
+        return Answer<Held>{std::move(value), readRefusal(reader)};
+    } catch (const CborError& error) {
+        detail::throwBadReply(detail::selectorOf<Method>(), error);
+    }
+}
+
+/// Sends the message and goes on at once; its result is dropped.
+template <auto Method, class... Arguments>
+void post(RemoteObject& remote, const Arguments&... arguments) {
+    std::string frame;
+    detail::encode<Method>(frame, remote, arguments...);
+    remote.port().post(std::move(frame));
+}
+
+/// The receiving side of a protocol: finds a request's row and carries it out on an object.
+template <class P>
+class Dispatcher {
+public:
+    static constexpr std::size_t rowCount =
+        std::tuple_size_v<std::remove_const_t<decltype(protocol<P>)>>;
+
+    /// The row's place in the protocol's table; none for a selector that has no row.
+    static std::optional<std::size_t> find(std::string_view selector) {
+        const auto at = std::lower_bound(
+            entries.begin(), entries.end(), selector,
+            [](const Entry& entry, std::string_view wanted) { return entry.selector < wanted; });
+        if (at == entries.end() || at->selector != selector) return std::nullopt;
+        return static_cast<std::size_t>(at - entries.begin());
+    }
+    static std::string_view selector(std::size_t row) { return entries[row].selector; }
+    static std::string_view types(std::size_t row) { return entries[row].types; }
+    /// The row of a method, for tables that stand beside the protocol's.
+    template <auto Method>
+    static std::size_t rowOf() {
+        return *find(detail::selectorOf<Method>());
+    }
+
+    /// Calls the method and answers the frame to be sent back: its result with a refusal if there
+    /// was one, or why the arguments are not what the method takes.
+    static std::string carryOut(P& target, IncomingRequest& request, std::size_t row) {
+        if (request.types() != entries[row].types)
+            return encodeFailure(0, "other argument types than the method takes");
+        try {
+            Invocation invocation(request);
+            auto reader = request.arguments();
+            std::string frame;
+            beginFrame(frame, FrameKind::reply);
+            entries[row].invoke(target, request, reader, frame);
+            appendRefusal(frame, invocation.refusal());
+            finishFrame(frame, 0, 0);
+            return frame;
+        } catch (const std::exception& error) {
+            return encodeFailure(0, error.what());
+        }
+    }
+
+private:
+    using Invoke = void (*)(P&, IncomingRequest&, CborReader&, std::string&);
+    struct Entry {
+        std::string_view selector;
+        std::string_view types;
+        Invoke invoke = nullptr;
+    };
+
+    template <auto Method, class... A>
+    static void invokeMethod(P& target, IncomingRequest& request, CborReader& reader,
+                             std::string& frame, const std::tuple<A...>*) {
+        // Braces, because they read the arguments from left to right.
+        std::tuple<decltype(detail::CarriedAs<A>::read(reader, &request))...> held{
+            detail::CarriedAs<A>::read(reader, &request)...};
+        if (!reader.atEnd()) throw CborError("more arguments than the types tell", reader.offset());
+        const auto call = [&](auto&... argument) {
+            return (target.*Method)(detail::asArgument(argument)...);
+        };
+        CborWriter out(frame);
+        using R = typename detail::MethodTraits<Method>::Result;
+        if constexpr (std::is_void_v<R>) {
+            std::apply(call, held);
+            out.nil();
+        } else {
+            detail::CarriedAs<R>::write(out, std::apply(call, held));
+        }
+    }
+    template <auto Method>
+    static void invoke(P& target, IncomingRequest& request, CborReader& reader,
+                       std::string& frame) {
+        invokeMethod<Method>(
+            target, request, reader, frame,
+            static_cast<const typename detail::MethodTraits<Method>::Parameters*>(nullptr));
+    }
+    template <auto... Method>
+    static consteval std::array<Entry, rowCount> sortedEntries(
+        const std::tuple<Row<Method>...>& rows) {
+        std::array<Entry, rowCount> sorted{Entry{std::get<Row<Method>>(rows).selector,
+                                                 detail::TypesText<Method>::view,
+                                                 &invoke<Method>}...};
+        std::sort(sorted.begin(), sorted.end(),
+                  [](const Entry& a, const Entry& b) { return a.selector < b.selector; });
+        return sorted;
+    }
+
+    static constexpr std::array<Entry, rowCount> entries = sortedEntries(protocol<P>);
+};
+
+/// Carries the request out on the object and answers it; a selector without a row answers a
+/// failure.
+template <class P>
+void dispatch(P& target, IncomingRequest& request) {
+    if (const auto row = Dispatcher<P>::find(request.selector())) {
+        request.answer(Dispatcher<P>::carryOut(target, request, *row));
+    } else {
+        request.fail("unknown selector");
+    }
+}
+
+/// Hands an object of this process over by reference, to be called back through protocol P. It is
+/// not retained: its `dealloc` must call `ExportedObjects::withdraw`.
+template <class P, class T>
+detail::LentObject lend(T& object) {
+    constexpr RequestHandler handler = [](void* target, IncomingRequest& request) {
+        dispatch<P>(*static_cast<P*>(target), request);
+    };
+    return {ExportedObjects::add(object, handler, static_cast<P*>(&object))};
+}
+
+}  // namespace okv

@@ -1,0 +1,234 @@
+#include <OKVPlatform/ipc/RegisteredName.h>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+namespace okv {
+
+namespace {
+
+constexpr std::size_t kNameAtMost = 80;
+
+const char* overriddenFolder() {
+    return secure_getenv("OKV_RUNTIME_DIR");
+}
+
+bool isNameCharacter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '_' || c == '-';
+}
+
+std::string withReason(const std::string& what) {
+    return what + ": " + std::strerror(errno);
+}
+
+std::optional<uid_t> serviceUser() {
+    char buffer[4096];
+    passwd entry{};
+    passwd* found = nullptr;
+    if (getpwnam_r(OKV_SERVICE_USER, &entry, buffer, sizeof buffer, &found) != 0 ||
+        found == nullptr)
+        return std::nullopt;
+    return entry.pw_uid;
+}
+
+// The service user counts only where it was built in: for the folder that was built in too.
+bool isServiceUser(uid_t uid) {
+    return overriddenFolder() == nullptr && serviceUser() == uid;
+}
+
+bool isFolderOwner(uid_t uid) {
+    return uid == 0 || uid == geteuid() || isServiceUser(uid);
+}
+
+bool ownsBuiltInFolder(uid_t uid) {
+    struct stat status {};
+    return isServiceUser(uid) && stat(OKV_RUNTIME_DIR, &status) == 0 && status.st_uid == uid;
+}
+
+bool isTrustedServer(const PeerIdentity& peer) {
+    return peer.isAccount() &&
+           (peer.uid == 0 || peer.uid == geteuid() || ownsBuiltInFolder(peer.uid));
+}
+
+std::string folderPath(std::string_view subfolder) {
+    auto path = runtimeDirectory();
+    if (!subfolder.empty()) path.append("/").append(subfolder);
+    return path;
+}
+
+// Sockets are addressed through the folder's descriptor: no limit on the length of its path, no
+// race on it.
+sockaddr_un addressIn(int folder, const std::string& file) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const auto path = "/proc/self/fd/" + std::to_string(folder) + "/" + file;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+const sockaddr* asSocketAddress(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+std::string temporaryName() {
+    static std::atomic<unsigned> count{0};
+    return ".new-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+}
+
+}  // namespace
+
+std::string runtimeDirectory() {
+    const char* folder = overriddenFolder();
+    return folder != nullptr && *folder != '\0' ? folder : OKV_RUNTIME_DIR;
+}
+
+bool isRegisteredName(std::string_view name) {
+    return !name.empty() && name.size() <= kNameAtMost && name.front() != '.' &&
+           std::all_of(name.begin(), name.end(), isNameCharacter);
+}
+
+bool PublishedName::openFolder(const Options& options, std::string& why) {
+    const auto path = folderPath(options.subfolder);
+    folder_ = PrivateDescriptor(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (!folder_.isValid() || fstat(folder_.get(), &status) != 0) {
+        why = withReason("the runtime folder " + path);
+        return false;
+    }
+    const bool shared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    const bool sticky = (status.st_mode & S_ISVTX) != 0;
+    // Names of single processes live in a sticky folder that every account may write.
+    if (isFolderOwner(status.st_uid) && (!shared || (sticky && !options.subfolder.empty())))
+        return true;
+    why = "the runtime folder " + path +
+          (shared ? ": others may write it" : ": owned by uid " + std::to_string(status.st_uid));
+    return false;
+}
+
+bool PublishedName::lockName(const std::string& lockFile, std::string& why) {
+    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    lock_ = PrivateDescriptor(openat(folder_.get(), lockFile.c_str(), flags, 0600));
+    if (!lock_.isValid()) {
+        why = withReason("the lock file " + lockFile);
+        return false;
+    }
+    if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) return true;
+    why = errno == EWOULDBLOCK ? "the name is taken" : withReason("the lock file " + lockFile);
+    return false;
+}
+
+bool PublishedName::bindTemporary(const std::string& temporary, const Options& options,
+                                  std::string& why) {
+    listener_ = PrivateDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const auto address = addressIn(folder_.get(), temporary);
+    unlinkat(folder_.get(), temporary.c_str(), 0);
+    struct stat status {};
+    if (bind(listener_.get(), asSocketAddress(address), sizeof address) != 0 ||
+        fchmodat(folder_.get(), temporary.c_str(), options.mode, 0) != 0 ||
+        listen(listener_.get(), options.backlog) != 0 ||
+        fstatat(folder_.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        why = withReason("a socket in the runtime folder");
+        return false;
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    return true;
+}
+
+// Whoever connects meets a socket that listens already: it gets the name only then.
+bool PublishedName::listenAt(const Options& options, std::string& why) {
+    const auto temporary = temporaryName();
+    const bool bound = bindTemporary(temporary, options, why);
+    if (bound && renameat(folder_.get(), temporary.c_str(), folder_.get(), name_.c_str()) == 0)
+        return true;
+    if (bound) why = withReason("the name " + name_);
+    unlinkat(folder_.get(), temporary.c_str(), 0);
+    return false;
+}
+
+std::unique_ptr<PublishedName> PublishedName::publish(std::string_view name, const Options& options,
+                                                      std::string& why) {
+    if (!isRegisteredName(name)) {
+        why = "not a name: 1 to 80 of A-Z a-z 0-9 . _ -, not beginning with a dot";
+        return nullptr;
+    }
+    std::unique_ptr<PublishedName> published(new PublishedName);
+    if (!published->openFolder(options, why)) return nullptr;
+    if (options.subfolder.empty() && !published->lockName(std::string(name) + ".lock", why))
+        return nullptr;
+    published->name_ = name;
+    if (published->listenAt(options, why)) return published;
+    published->name_.clear();
+    return nullptr;
+}
+
+std::unique_ptr<PublishedName> PublishedName::adopt(int listener, std::string& why) {
+    std::unique_ptr<PublishedName> published(new PublishedName);
+    published->listener_ = PrivateDescriptor(listener);
+    fcntl(listener, F_SETFL, fcntl(listener, F_GETFL) | O_NONBLOCK);
+    fcntl(listener, F_SETFD, FD_CLOEXEC);
+    // Listening again makes the kernel record this process as the one that serves.
+    if (listen(listener, SOMAXCONN) == 0) return published;
+    why = withReason("the socket that was handed over");
+    return nullptr;
+}
+
+void PublishedName::withdraw() noexcept {
+    struct stat status {};
+    if (!name_.empty() && folder_.isValid() &&
+        fstatat(folder_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        status.st_dev == device_ && status.st_ino == inode_) {
+        unlinkat(folder_.get(), name_.c_str(), 0);
+    }
+    name_.clear();
+    listener_.close();
+    lock_.close();  // last: the next publisher must not be able to start before the file is gone
+    folder_.close();
+}
+
+namespace {
+
+ConnectedSocket notConnected(std::string why, bool refusedPeer = false) {
+    ConnectedSocket result;
+    result.why = std::move(why);
+    result.refusedPeer = refusedPeer;
+    return result;
+}
+
+}  // namespace
+
+ConnectedSocket connectToName(std::string_view name, std::string_view subfolder) {
+    if (!isRegisteredName(name)) return notConnected("not a registered name");
+    const PrivateDescriptor folder(
+        open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.isValid())
+        return notConnected(withReason("the runtime folder " + folderPath(subfolder)));
+    ConnectedSocket result;
+    result.socket =
+        PrivateDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const auto address = addressIn(folder.get(), std::string(name));
+    if (connect(result.socket.get(), asSocketAddress(address), sizeof address) != 0)
+        return notConnected(
+            withReason("no server at " + folderPath(subfolder) + "/" + std::string(name)));
+    if (const auto peer = PeerIdentity::ofSocket(result.socket.get(), false)) result.peer = *peer;
+    if (!isTrustedServer(result.peer))
+        return notConnected(
+            "served by uid " + std::to_string(result.peer.uid) + ", which is not trusted", true);
+    fcntl(result.socket.get(), F_SETFL, 0);
+    return result;
+}
+
+}  // namespace okv

@@ -1,0 +1,227 @@
+#include <OKVPlatform/ipc/RunLoop.h>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace okv {
+
+namespace {
+
+constexpr RunLoop::Id kWake = 1;
+constexpr RunLoop::Id kTimer = 2;
+constexpr int kEventsPerTurn = 64;
+
+thread_local Ref<RunLoop> currentLoop;
+thread_local std::uint32_t currentGeneration;
+
+int required(int fd, const char* what) {
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
+    return fd;
+}
+
+void control(int epoll, int operation, int descriptor, std::uint32_t events, RunLoop::Id id) {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    epoll_ctl(epoll, operation, descriptor, &event);
+}
+
+void drain(int counter) {
+    std::uint64_t count = 0;
+    while (read(counter, &count, sizeof count) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+RunLoop::RunLoop()
+    : epoll_(required(epoll_create1(EPOLL_CLOEXEC), "run loop")),
+      wake_(required(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "run loop")) {
+    control(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), EPOLLIN, kWake);
+}
+
+Ref<RunLoop> RunLoop::current() {
+    if (!currentLoop || currentGeneration != PrivateDescriptor::forkGeneration()) {
+        currentLoop = make<RunLoop>();
+        currentGeneration = PrivateDescriptor::forkGeneration();
+    }
+    return currentLoop;
+}
+
+bool RunLoop::isCurrent() const noexcept {
+    return currentLoop.get() == this;
+}
+
+void RunLoop::run() {
+    engage();
+    while (!stopped_.exchange(false)) turn(-1);
+}
+
+bool RunLoop::runUntil(Clock::time_point deadline) {
+    engage();
+    while (!stopped_.exchange(false)) {
+        if (Clock::now() >= deadline) return false;
+        turn(millisecondsUntil(deadline));
+    }
+    return true;
+}
+
+int RunLoop::millisecondsUntil(Clock::time_point deadline) const {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3600000));
+}
+
+void RunLoop::stop() {
+    stopped_.store(true);
+    perform([] {});
+}
+
+int RunLoop::fd() {
+    engage();
+    return epoll_.get();
+}
+
+void RunLoop::dispatch() {
+    engage();
+    turn(0);
+}
+
+RunLoop::Id RunLoop::watch(int descriptor, std::uint32_t events, Handler handler,
+                           const Object* owner) {
+    const std::lock_guard lock(mutex_);
+    const auto id = ++lastId_;
+    sources_.emplace(
+        id, std::make_shared<Source>(Source{descriptor, events, std::move(handler), owner}));
+    if (events != 0) control(epoll_.get(), EPOLL_CTL_ADD, descriptor, events, id);
+    return id;
+}
+
+void RunLoop::rewatch(Id id, std::uint32_t events) {
+    const std::lock_guard lock(mutex_);
+    const auto found = sources_.find(id);
+    if (found == sources_.end() || found->second->events == events) return;
+    auto& source = *found->second;
+    // Out of the set, not masked: the kernel reports hang-ups of a masked descriptor all the same.
+    const int operation = events == 0          ? EPOLL_CTL_DEL
+                          : source.events == 0 ? EPOLL_CTL_ADD
+                                               : EPOLL_CTL_MOD;
+    source.events = events;
+    control(epoll_.get(), operation, source.descriptor, events, id);
+}
+
+void RunLoop::unwatch(Id id) {
+    std::shared_ptr<Source>
+        dropped;  // its handler may own things: destroyed after the lock is given back
+    const std::lock_guard lock(mutex_);
+    const auto found = sources_.find(id);
+    if (found == sources_.end()) return;
+    dropped = found->second;
+    if (dropped->events != 0) control(epoll_.get(), EPOLL_CTL_DEL, dropped->descriptor, 0, id);
+    sources_.erase(found);
+}
+
+void RunLoop::perform(Task task) {
+    {
+        const std::lock_guard lock(mutex_);
+        tasks_.push_back(std::move(task));
+        if (tasks_.size() > 1) return;
+    }
+    const std::uint64_t one = 1;
+    while (write(wake_.get(), &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
+RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object* owner) {
+    const std::lock_guard lock(mutex_);
+    if (!timerDescriptor_.isValid()) {
+        timerDescriptor_ =
+            PrivateDescriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+        control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer);
+    }
+    const auto id = ++lastId_;
+    timers_.emplace(Clock::now() + delay, Timer{id, std::move(task), owner});
+    setTimer();
+    return id;
+}
+
+void RunLoop::cancel(Id timer) {
+    Task dropped;
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find_if(timers_.begin(), timers_.end(),
+                                    [&](const auto& entry) { return entry.second.id == timer; });
+    if (found == timers_.end()) return;
+    dropped = std::move(found->second.task);
+    timers_.erase(found);
+    setTimer();
+}
+
+// Lock held.
+void RunLoop::setTimer() {
+    itimerspec when{};
+    if (!timers_.empty()) {
+        const auto since = timers_.begin()->first.time_since_epoch();
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+        when.it_value.tv_sec = seconds.count();
+        when.it_value.tv_nsec =
+            std::max<long>(1, std::chrono::nanoseconds(since - seconds).count());
+    }
+    timerfd_settime(timerDescriptor_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+void RunLoop::turn(int timeoutMilliseconds) {
+    epoll_event events[kEventsPerTurn];
+    const int ready = epoll_wait(epoll_.get(), events, kEventsPerTurn, timeoutMilliseconds);
+    for (int i = 0; i < ready; ++i) serve(events[i].data.u64, events[i].events);
+}
+
+void RunLoop::serve(Id id, std::uint32_t events) {
+    if (id == kWake) return serveTasks();
+    if (id == kTimer) return serveTimers();
+    std::shared_ptr<Source> source;
+    Ref<const Object> owner;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = sources_.find(id);
+        if (found == sources_.end() || found->second->events == 0) return;
+        source = found->second;
+        owner = Ref<const Object>::unlessDying(source->owner);
+        if (source->owner != nullptr && !owner) return;
+    }
+    source->handler(events);
+}
+
+void RunLoop::serveTasks() {
+    drain(wake_.get());
+    std::vector<Task> tasks;
+    {
+        const std::lock_guard lock(mutex_);
+        tasks.swap(tasks_);
+    }
+    for (auto& task : tasks) task();
+}
+
+void RunLoop::serveTimers() {
+    drain(timerDescriptor_.get());
+    const auto now = Clock::now();
+    for (;;) {
+        Task task;
+        Ref<const Object> owner;
+        {
+            const std::lock_guard lock(mutex_);
+            const auto first = timers_.begin();
+            if (first == timers_.end() || first->first > now) return setTimer();
+            owner = Ref<const Object>::unlessDying(first->second.owner);
+            if (first->second.owner == nullptr || owner) task = std::move(first->second.task);
+            timers_.erase(first);
+        }
+        if (task) task();
+    }
+}
+
+}  // namespace okv

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/Object.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+namespace okv {
+
+/// A thread's run loop: what comes from outside (incoming requests, distributed notices) reaches a
+/// process only while the thread that asked for it runs its loop.
+///
+///     auto loop = okv::RunLoop::current();
+///     loop->run();                                  // until stop()
+///
+/// or, inside an application's own loop (poll, GLib, Qt, Asio):
+///
+///     pollfd entry{loop->fd(), POLLIN, 0};          // readable: something to do
+///     if (poll(&entry, 1, -1) > 0) loop->dispatch();
+///
+/// Threads: `stop`, `perform`, and watching may be called from any thread; the rest belongs to the
+/// loop's own. Handlers run on the loop's thread and under no lock. In a forked child `current()`
+/// is a new loop.
+class OKV_EXPORT RunLoop final : public Object {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Handler = std::function<void(std::uint32_t events)>;
+    using Task = std::function<void()>;
+    using Id = std::uint64_t;
+
+    /// The calling thread's loop, made at the first call. Throws std::system_error without
+    /// descriptors.
+    static Ref<RunLoop> current();
+
+    /// Serves until `stop()`.
+    void run();
+    /// Serves until `stop()` (answers true) or the deadline (answers false).
+    bool runUntil(Clock::time_point deadline);
+    /// Ends the run that is on, or the next one when none is.
+    void stop();
+
+    /// A descriptor that is readable whenever `dispatch()` has something to do.
+    int fd();
+    /// Serves what is ready now; never waits.
+    void dispatch();
+
+    /// Calls `handler` when one of the epoll `events` is ready on `descriptor` (level-triggered).
+    /// With an owner, it is called under a reference to it, and not at all once the owner is being
+    /// deallocated.
+    Id watch(int descriptor, std::uint32_t events, Handler handler, const Object* owner = nullptr);
+    /// Changes the events waited for; none at all takes the descriptor out of the set until the
+    /// next change.
+    void rewatch(Id id, std::uint32_t events);
+    void unwatch(Id id);
+
+    /// Runs the task on the loop's thread, at its next turn.
+    void perform(Task task);
+    /// Runs the task on the loop's thread once `delay` has passed. With an owner: as for `watch`.
+    Id performAfter(Clock::duration delay, Task task, const Object* owner = nullptr);
+    void cancel(Id timer);
+
+    bool isCurrent() const noexcept;
+    /// Whether the loop was ever run or handed to a foreign loop: before, nobody waits on its
+    /// descriptors.
+    bool isEngaged() const noexcept { return engaged_.load(std::memory_order_acquire); }
+
+private:
+    friend Ref<RunLoop> make<RunLoop>();
+    struct Source {
+        int descriptor;
+        std::uint32_t events;
+        Handler handler;
+        const Object* owner;
+    };
+    struct Timer {
+        Id id;
+        Task task;
+        const Object* owner;
+    };
+
+    RunLoop();
+
+    void turn(int timeoutMilliseconds);
+    void serve(Id id, std::uint32_t events);
+    void serveTasks();
+    void serveTimers();
+    void setTimer();
+    void engage() noexcept { engaged_.store(true, std::memory_order_release); }
+    int millisecondsUntil(Clock::time_point deadline) const;
+
+    PrivateDescriptor epoll_;
+    PrivateDescriptor wake_;
+    PrivateDescriptor timerDescriptor_;
+    std::atomic<bool> engaged_{false};
+    std::atomic<bool> stopped_{false};
+    std::mutex mutex_;  // guards all below; held for look-ups only, never around a handler
+    Id lastId_ = 15;    // the ids up to here are the loop's own
+    std::unordered_map<Id, std::shared_ptr<Source>> sources_;
+    std::multimap<Clock::time_point, Timer> timers_;
+    std::vector<Task> tasks_;
+};
+
+}  // namespace okv
