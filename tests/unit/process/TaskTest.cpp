@@ -348,12 +348,14 @@ TEST(Task, TheErrorPipeStaysOpenWhileAGrandchildMayWriteToIt) {
 
 TEST(Task, APipeDoesNotTakeThePlaceOfAClosedStandardDescriptor) {
     const TempFolder folder;
+    mkfifo((folder / "gate").c_str(), 0600);
     const int outcome = processtest::inFork([&] {
         for (const int standard : {0, 1, 2}) close(standard);
-        auto task = shell("echo err >&2; [ -e /proc/$$/fd/1 ] || : > closed", folder);
+        auto task = shell("echo x >&2; [ -e /proc/$$/fd/1 ] || : > closed; read x < gate", folder);
         task.pipeStandardError();
         task.launch();
         const int end = otherEndOfErrors(task.processIdentifier());
+        std::ofstream(folder / "gate") << "go\n";
         task.waitUntilExit();
         return end > 2 ? 0 : 1;
     });
