@@ -2,6 +2,8 @@
 
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/process/ProcessManager.h>
+#include <OKVPlatform/system/Bundle.h>
+#include <OKVPlatform/system/Calendar.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <cstdint>
@@ -17,7 +19,63 @@ public:
 
     // ---- Maintenance settings and log switches ----
 
+    // Every call reads "jp.nrm.okv6.mainte.plist" in the installation root afresh, so that an edit
+    // takes effect at once: who logs often asks once and keeps the answer. A missing, unreadable
+    // or malformed file, a root that is no dictionary and a missing key silently give the default.
+    // A value of another kind reads as its `intValue` or `boolValue`.
+
+    /// The whole file, or none.
+    static std::optional<okv::Dictionary> loadMainteInfo();
+    /// "logLevel": the level that the suite's processes log at; 10 unless told otherwise.
+    static int logLevel();
+    /// "nkeLog": the kernel extension's log; NO unless told otherwise, as the two below.
+    static bool isNkeLog();
+    /// "arsLog": the log of the ARS client.
+    static bool isARSLog();
+    /// "devmode": the developers' log.
+    static bool isDevModeLog();
+
     // ---- Date and time ----
+
+    // The four formatters write an instant (`baseDate`; the present one when there is none) in the
+    // zone that an abbreviation such as "JST" stands for. An abbreviation that is not known, or an
+    // empty one, is no error: the local zone is used. An instant that is not a finite number or not
+    // in the years 1 to 9999 has no text: "(null)" is written, as for any missing object.
+
+    /// "2010/02/01 00:30:00"
+    static std::string nowDate_baseDate(std::string_view abbreviation,
+                                        std::optional<okv::Date> baseDate);
+    /// "20100201"
+    static std::string nowDateOnly_baseDate(std::string_view abbreviation,
+                                            std::optional<okv::Date> baseDate);
+    /// "2010/02/01"
+    static std::string nowDateOnlySlash_baseDate(std::string_view abbreviation,
+                                                 std::optional<okv::Date> baseDate);
+    /// "00:30:00"
+    static std::string nowTime_baseDate(std::string_view abbreviation,
+                                        std::optional<okv::Date> baseDate);
+
+    /// Seconds since 1970-01-01 00:00:00 UTC as "1970/01/01 09:00:00" in Japan Standard Time; none
+    /// when they are not a finite number or not in the years 1 to 9999.
+    static std::optional<std::string> descriptionWithTimeIntervalSince1970(double seconds);
+
+    /// The calendar date in Japan Standard Time of an instant, or of the present one; none as
+    /// above.
+    static std::optional<okv::CalendarDate> baseDateJST(std::optional<okv::Date> date);
+
+    /// The user's calendar with its zone set to Japan Standard Time: a copy of the caller's own.
+    static okv::Calendar baseCalJST();
+
+    // The two parsers read in the *local* zone, not in Japan Standard Time; that is intended. The
+    // text must have exactly the told number of characters (UTF-16 units), else there is no date.
+    // Characters that are not digits are not refused: a field reads as its leading digits, 0 when
+    // there are none, and the calendar rolls over what is out of range (month 13 is the next
+    // January, month 0 the December before, day 0 the last day of the month before).
+
+    /// "201003": the first instant of 1 March 2010.
+    static std::optional<okv::Date> createDateFromyyyymm(std::string_view text);
+    /// "20100315": the first instant of 15 March 2010. A day without a midnight begins later.
+    static std::optional<okv::Date> createDateFromyyyymmdd(std::string_view text);
 
     // ---- Process inspection ----
 
@@ -85,11 +143,114 @@ public:
 
     // ---- Category data and byte buffers ----
 
+    /// Packs 128 flags, one ASCII character each, into 16 bytes: flag i is the bit 0x80 >> (i % 8)
+    /// of byte i / 8. Only "1" sets a flag, every other character clears it. None when the text is
+    /// not ASCII or not exactly 128 characters long.
+    static std::optional<okv::Data> stringToCategoryData(std::string_view text);
+
+    /// The 128 characters "1" and "0" for 16 bytes; none when there are not exactly 16.
+    static std::optional<std::string> dataToCategoryString(const okv::Data& data);
+
+    /// Moves the first `size` bytes of the buffer into `dstData`. NO, with both left untouched,
+    /// when the size is 0 or above the buffer's length, which is taken as 32 bits.
+    static bool subData_size_dstData(okv::Data& buffer, std::uint32_t size, okv::Data& dstData);
+
+    /// Cuts off and answers what stands before the first delimiter, which is dropped; none, with
+    /// the buffer left unchanged, when the delimiter is empty or not found.
+    ///
+    /// Three oddities are intended. The last byte position is never tried: a one-byte delimiter
+    /// that is the buffer's final byte is not found. The compared stretch is as many bytes wide as
+    /// the delimiter has characters (UTF-16 units): a delimiter that is not ASCII never matches.
+    /// A delimiter of three or more characters that is not found in a buffer of two or more bytes
+    /// throws std::out_of_range, the buffer left unchanged.
+    ///
+    /// Cutting a buffer into pieces takes time in proportion to its length in total.
+    static std::optional<okv::Data> subDataToDelimiter_delimiter(okv::Data& buffer,
+                                                                 std::string_view delimiter);
+
     // ---- Identifier prefixes and localisation ----
+
+    /// The prefix, then the text; the text itself when either is missing. A prefix that is already
+    /// there is put there again.
+    static std::optional<std::string> addPrefix_forPrefix(std::optional<std::string_view> text,
+                                                          std::optional<std::string_view> prefix);
+
+    /// The text without as many leading characters (UTF-16 units) as the prefix has, if the prefix
+    /// occurs in it.
+    ///
+    /// Intended as it is: it does not matter *where* the prefix occurs ("xxAB" without "AB" is
+    /// "AB"), and a text that would lose all its characters gives none, not "". A missing text
+    /// stays missing; an empty text, or a missing or empty prefix, gives the text unchanged. Of a
+    /// character beyond U+FFFF that is cut in two, U+FFFD remains.
+    static std::optional<std::string> removePrefix_forPrefix(
+        std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+
+    // User ids and names have no rules of their own: these four only hand on to the two above.
+    static std::optional<std::string> addPrefixUId_forPrefix(
+        std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    static std::optional<std::string> removePrefixUId_forPrefix(
+        std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    static std::optional<std::string> addPrefixName_forPrefix(
+        std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    static std::optional<std::string> removePrefixName_forPrefix(
+        std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+
+    /// The bundle's text for the key in the user's language, the key itself when it has none. No
+    /// bundle stands for the main bundle of the process; none when there is no such either.
+    static std::optional<std::string> localizedString_key(const okv::Bundle* bundle,
+                                                          std::string_view key);
 
     // ---- Installation layout, file information and user agent ----
 
+    // Where the suite is installed, fixed when it is built. The trailing slashes differ on
+    // purpose: the five folders have one, everything else has none.
+
+    /// ".../okv6/bin/"
     static std::string appBinPath();
+    /// ".../okv6/Frameworks/"
+    static std::string appFrameworkPath();
+    /// ".../okv6/log/"
+    static std::string appLogPath();
+    /// ".../okv6/conf/"
+    static std::string appConfPath();
+    /// ".../okv6/report/"
+    static std::string appReportPath();
+    /// ".../okv6/bin/nrsockfilter.kext"
+    static std::string nkeFilterPath();
+    /// ".../okv6/bin/sockfilterController.app"
+    static std::string nkeControllerPath();
+    /// ".../okv6/bin/OKVService.app"
+    static std::string okvServicePath();
+    /// ".../okv6/bin/OKVDataCenter.app"
+    static std::string dataCenterPath();
+    /// ".../okv6/bin/OKVHammer.app"
+    static std::string hammerPath();
+    /// ".../okv6/bin/OKVGUIController.app"
+    static std::string settingGUIPath();
+    /// ".../okv6/bin/OKVUpdater.app"
+    static std::string updaterPath();
+    /// ".../okv6/form"
+    static std::string formPath();
+    /// ".../okv6/filterdata"
+    static std::string filterPath();
+
+    /// Whether a directory is at the path, links followed: an application bundle is one.
+    static bool isAppPath(std::string_view path);
+
+    /// The file's attributes, a link at the path's end followed to its target (see
+    /// okv::fileAttributesAtPath for the keys); none when nothing exists there.
+    static std::optional<okv::Dictionary> fileInfo(std::string_view path);
+
+    /// The file's size in bytes, links followed; 0 when it is empty and when it is missing.
+    static std::uint64_t fileSize(std::string_view path);
+
+    /// "okvara/6.0"
+    static std::string macUserAgentShort();
+
+    /// "okvara/6.0; MIDDLE; mac(VERSION)". The version is the running kernel's code in hexadecimal,
+    /// (major << 16) + (minor << 8) + patch, 0 when it cannot be found out. A missing middle part
+    /// is written as "(null)".
+    static std::string macUserAgent(std::optional<std::string_view> middlePart);
 
     // ---- Published connections and bulk release ----
 };

@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "../process/Support.h"
 #include "PrivateRoot.h"
+#include "unit/process/Support.h"
 
 using okv::Array;
 using okv::OSStatus;

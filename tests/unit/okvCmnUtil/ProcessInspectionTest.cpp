@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../process/Support.h"
+#include "unit/process/Support.h"
 
 using okv::Array;
 using okv::Dictionary;
@@ -69,7 +69,7 @@ public:
 
 private:
     static void fill(void* buffer, std::size_t size, const std::vector<ProcessRecord>& records) {
-        if (buffer == nullptr) return;
+        if (buffer == nullptr || records.empty()) return;
         std::memcpy(buffer, records.data(), std::min(size, records.size() * sizeof(ProcessRecord)));
     }
 
@@ -296,7 +296,7 @@ TEST(GetPathName, AnswersNullForAFailureNoLengthOrNoText) {
 
 TEST(ThisProcess, KnowsItsIdAndItsName) {
     EXPECT_EQ(okvCmnUtil::processID(), getpid());
-    EXPECT_EQ(okvCmnUtil::processName(), "okvCmnUtil_process_test");
+    EXPECT_EQ(okvCmnUtil::processName(), "okvcmnutil_process_test");
 }
 
 TEST(ThisProcess, KnowsTheLoginNameOfItsAccount) {

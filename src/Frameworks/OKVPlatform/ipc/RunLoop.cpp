@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <vector>
 
 namespace okv {
 
@@ -30,6 +31,12 @@ void control(int epoll, int operation, int descriptor, std::uint32_t events, Run
     event.events = events;
     event.data.u64 = id;
     epoll_ctl(epoll, operation, descriptor, &event);
+}
+
+void signal(int counter) {
+    const std::uint64_t one = 1;
+    while (write(counter, &one, sizeof one) < 0 && errno == EINTR) {
+    }
 }
 
 void drain(int counter) {
@@ -126,15 +133,13 @@ void RunLoop::unwatch(Id id) {
     sources_.erase(found);
 }
 
-void RunLoop::perform(Task task) {
+void RunLoop::perform(Task task, const Object* owner) {
     {
         const std::lock_guard lock(mutex_);
-        tasks_.push_back(std::move(task));
+        tasks_.push_back({0, std::move(task), owner});
         if (tasks_.size() > 1) return;
     }
-    const std::uint64_t one = 1;
-    while (write(wake_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-    }
+    signal(wake_.get());
 }
 
 RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object* owner) {
@@ -145,7 +150,7 @@ RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object
         control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer);
     }
     const auto id = ++lastId_;
-    timers_.emplace(Clock::now() + delay, Timer{id, std::move(task), owner});
+    timers_.emplace(Clock::now() + delay, OwnedTask{id, std::move(task), owner});
     setTimer();
     return id;
 }
@@ -159,6 +164,36 @@ void RunLoop::cancel(Id timer) {
     dropped = std::move(found->second.task);
     timers_.erase(found);
     setTimer();
+}
+
+void RunLoop::forget(const Object* owner) {
+    // Destroyed after the lock is given back: what they hold may end with them and come here again.
+    std::vector<std::shared_ptr<Source>> droppedSources;
+    std::vector<OwnedTask> droppedTasks;
+    const std::lock_guard lock(mutex_);
+    for (auto at = sources_.begin(); at != sources_.end();) {
+        if (at->second->owner != owner) {
+            ++at;
+            continue;
+        }
+        if (at->second->events != 0)
+            control(epoll_.get(), EPOLL_CTL_DEL, at->second->descriptor, 0, at->first);
+        droppedSources.push_back(std::move(at->second));
+        at = sources_.erase(at);
+    }
+    forgetTasks(owner, droppedTasks);
+}
+
+// Lock held.
+void RunLoop::forgetTasks(const Object* owner, std::vector<OwnedTask>& dropped) {
+    for (auto at = tasks_.begin(); at != tasks_.end();) {
+        if (at->owner == owner) dropped.push_back(std::move(*at));
+        at = at->owner == owner ? tasks_.erase(at) : at + 1;
+    }
+    for (auto at = timers_.begin(); at != timers_.end();) {
+        if (at->second.owner == owner) dropped.push_back(std::move(at->second));
+        at = at->second.owner == owner ? timers_.erase(at) : std::next(at);
+    }
 }
 
 // Lock held.
@@ -196,14 +231,32 @@ void RunLoop::serve(Id id, std::uint32_t events) {
     source->handler(events);
 }
 
+// Only what was there when the turn began: a task that queues another must not keep the loop from
+// its descriptors.
 void RunLoop::serveTasks() {
     drain(wake_.get());
-    std::vector<Task> tasks;
+    for (auto left = taskCount(); left > 0 && serveTask(); --left) {
+    }
+    if (taskCount() > 0) signal(wake_.get());
+}
+
+std::size_t RunLoop::taskCount() {
+    const std::lock_guard lock(mutex_);
+    return tasks_.size();
+}
+
+bool RunLoop::serveTask() {
+    OwnedTask next;
+    Ref<const Object> owner;
     {
         const std::lock_guard lock(mutex_);
-        tasks.swap(tasks_);
+        if (tasks_.empty()) return false;
+        next = std::move(tasks_.front());
+        tasks_.pop_front();
+        owner = Ref<const Object>::unlessDying(next.owner);
     }
-    for (auto& task : tasks) task();
+    if (next.owner == nullptr || owner) next.task();
+    return true;
 }
 
 void RunLoop::serveTimers() {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -62,11 +63,13 @@ public:
     void rewatch(Id id, std::uint32_t events);
     void unwatch(Id id);
 
-    /// Runs the task on the loop's thread, at its next turn.
-    void perform(Task task);
+    /// Runs the task on the loop's thread, at its next turn. With an owner: as for `watch`.
+    void perform(Task task, const Object* owner = nullptr);
     /// Runs the task on the loop's thread once `delay` has passed. With an owner: as for `watch`.
     Id performAfter(Clock::duration delay, Task task, const Object* owner = nullptr);
     void cancel(Id timer);
+    /// Drops all that waits for this owner; belongs in its `dealloc`.
+    void forget(const Object* owner);
 
     bool isCurrent() const noexcept;
     /// Whether the loop was ever run or handed to a foreign loop: before, nobody waits on its
@@ -81,10 +84,10 @@ private:
         Handler handler;
         const Object* owner;
     };
-    struct Timer {
-        Id id;
+    struct OwnedTask {
+        Id id = 0;
         Task task;
-        const Object* owner;
+        const Object* owner = nullptr;
     };
 
     RunLoop();
@@ -92,7 +95,10 @@ private:
     void turn(int timeoutMilliseconds);
     void serve(Id id, std::uint32_t events);
     void serveTasks();
+    bool serveTask();
+    std::size_t taskCount();
     void serveTimers();
+    void forgetTasks(const Object* owner, std::vector<OwnedTask>& dropped);
     void setTimer();
     void engage() noexcept { engaged_.store(true, std::memory_order_release); }
     int millisecondsUntil(Clock::time_point deadline) const;
@@ -105,8 +111,8 @@ private:
     std::mutex mutex_;  // guards all below; held for look-ups only, never around a handler
     Id lastId_ = 15;    // the ids up to here are the loop's own
     std::unordered_map<Id, std::shared_ptr<Source>> sources_;
-    std::multimap<Clock::time_point, Timer> timers_;
-    std::vector<Task> tasks_;
+    std::multimap<Clock::time_point, OwnedTask> timers_;
+    std::deque<OwnedTask> tasks_;
 };
 
 }  // namespace okv

@@ -1,0 +1,428 @@
+#include <OKVPlatform/ipc/Connection.h>
+
+#include <OKVPlatform/ipc/NotificationCenter.h>
+#include <OKVPlatform/ipc/RegisteredName.h>
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+namespace okv {
+
+namespace {
+
+using Kind = ConnectionError::Kind;
+
+// What a peer may ask of this process before its run loop serves it.
+constexpr std::size_t kQueuedRequests = 1024;
+constexpr std::size_t kQueuedBytes = 4U << 20;
+constexpr char kInherited[] = "the connection belongs to the parent process";
+
+std::optional<RunLoop::Clock::time_point> deadlineAfter(double seconds) {
+    constexpr double longest = 1e9;  // beyond that, and for a NaN, there is none
+    if (!(seconds > 0) || seconds > longest) return std::nullopt;
+    return RunLoop::Clock::now() + std::chrono::duration_cast<RunLoop::Clock::duration>(
+                                       std::chrono::duration<double>(seconds));
+}
+
+// Waits until the socket is ready or the deadline is over; answers whether it is ready.
+bool waitFor(int socket, short events, RunLoop::Clock::time_point deadline) {
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - RunLoop::Clock::now()).count();
+        if (left <= 0) return false;
+        pollfd entry{socket, events, 0};
+        const int ready = poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left, 3600000)));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
+    }
+}
+
+}  // namespace
+
+struct Connection::PendingCall {
+    enum class State { waiting, answered, notUnderstood, failed };
+
+    std::uint32_t serial = 0;  // 0 waits for the greeting
+    bool onLoopThread = false;
+    bool leads = false;
+    State state = State::waiting;
+    std::string payload;
+    std::condition_variable turn;
+};
+
+Connection::Connection(PrivateDescriptor socket, PeerIdentity peer)
+    : socket_(std::move(socket)), peer_(std::move(peer)), loop_(RunLoop::current()) {}
+
+Ref<Connection> Connection::connectionWithRegisteredName(std::string_view name,
+                                                         std::optional<std::string_view> host,
+                                                         std::string* why) {
+    if (host) {
+        if (why != nullptr) *why = "only this machine's names can be looked up";
+        return nullptr;
+    }
+    auto connected = connectToName(name);
+    if (why != nullptr) *why = connected.why;
+    if (!connected.socket.isValid()) return nullptr;
+    return connectionWithSocket(std::move(connected.socket), std::move(connected.peer));
+}
+
+Ref<Connection> Connection::connectionWithSocket(PrivateDescriptor socket, PeerIdentity peer) {
+    auto connection = make<Connection>(std::move(socket), std::move(peer));
+    connection->start();
+    return connection;
+}
+
+void Connection::start() {
+    source_ = loop_->watch(
+        socket_.get(), EPOLLIN, [this](std::uint32_t) { serve(); }, this);
+    armed_ = true;
+    write(encodeHello(), std::nullopt);
+}
+
+void Connection::dealloc() {
+    if (socket_.isValid()) loop_->forget(this);
+    socket_.close();
+}
+
+bool Connection::isValid() const noexcept {
+    if (!socket_.isValid() || ended_.load(std::memory_order_acquire)) return false;
+    pollfd entry{socket_.get(), POLLRDHUP, 0};
+    return poll(&entry, 1, 0) <= 0 ||
+           (entry.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) == 0;
+}
+
+void Connection::invalidate() {
+    if (!socket_.isValid()) return;
+    const auto self = Ref<Connection>::retaining(this);
+    {
+        const Lock lock(mutex_);
+        end(Kind::outcomeUnknown, "the connection was invalidated", false);
+    }
+    postNoticeIfDue();
+}
+
+// ---- Calls ----
+
+void Connection::throwIfEnded() const {
+    if (reason_)
+        throw ConnectionError(reason_->kind == Kind::badData ? Kind::badData : Kind::notSent,
+                              reason_->why);
+}
+
+void Connection::link(PendingCall& pending, bool numbered) {
+    if (!socket_.isValid()) throw ConnectionError(Kind::notSent, kInherited);
+    pending.onLoopThread = loop_->isCurrent();
+    const Lock lock(mutex_);
+    throwIfEnded();
+    if (numbered && ++lastSerial_ == 0) ++lastSerial_;
+    if (numbered) pending.serial = lastSerial_;
+    pending_.push_back(&pending);
+    if (!leading_) lead(pending);
+}
+
+std::string Connection::call(std::string& frame) {
+    PendingCall pending;
+    link(pending, true);
+    setFrameSerial(frame, pending.serial);
+    const auto written = write(frame, deadlineAfter(requestTimeout_));
+    if (written == Written::timedOut) {
+        unlink(pending);
+        throw ConnectionError(Kind::timedOut, "the peer took no request in the time that was set");
+    }
+    await(pending, deadlineAfter(replyTimeout_));
+    return settled(pending, written);
+}
+
+std::string Connection::settled(PendingCall& pending, Written written) {
+    if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
+    switch (pending.state) {
+        case PendingCall::State::answered:
+            return std::move(pending.payload);
+        case PendingCall::State::waiting:
+            throw ConnectionError(Kind::timedOut, "no answer in the time that was set");
+        case PendingCall::State::failed:
+            throwFailed(written);
+        case PendingCall::State::notUnderstood:
+            break;
+    }
+    CborReader reader(pending.payload);
+    try {
+        throw ConnectionError(Kind::notUnderstood,
+                              "the peer does not understand: " + std::string(reader.text()));
+    } catch (const CborError& error) {
+        throw ConnectionError(Kind::badData, error.what());
+    }
+}
+
+void Connection::throwFailed(Written written) {
+    const Lock lock(mutex_);
+    if (reason_->kind == Kind::badData) throw ConnectionError(Kind::badData, reason_->why);
+    const auto kind = written == Written::all ? Kind::outcomeUnknown : Kind::notSent;
+    throw ConnectionError(kind, farewell_.empty() ? reason_->why : farewell_);
+}
+
+// Blocking, unless a deadline is set. A frame that went out in part cannot be taken back: the
+// connection is done for then.
+Connection::Written Connection::write(std::string_view bytes, Deadline deadline) {
+    const std::lock_guard lock(writeMutex_);
+    const int flags = MSG_NOSIGNAL | (deadline ? MSG_DONTWAIT : 0);
+    bool begun = false;
+    while (!bytes.empty()) {
+        const auto count = ::send(socket_.get(), bytes.data(), bytes.size(), flags);
+        if (count > 0) {
+            begun = true;
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN && deadline) {
+            if (waitFor(socket_.get(), POLLOUT, *deadline)) continue;
+            if (begun) ::shutdown(socket_.get(), SHUT_RDWR);
+            return Written::timedOut;
+        } else if (errno != EINTR) {
+            // Who reads now meets the end, behind all that the peer had sent.
+            ::shutdown(socket_.get(), SHUT_RDWR);
+            return Written::nothing;
+        }
+    }
+    return Written::all;
+}
+
+void Connection::await(PendingCall& pending, Deadline deadline) {
+    Lock lock(mutex_);
+    while (pending.state == PendingCall::State::waiting) {
+        if (deadline && RunLoop::Clock::now() >= *deadline) break;
+        if (pending.leads) {
+            readOnce(lock, true, deadline);
+        } else if (deadline) {
+            pending.turn.wait_until(lock, *deadline);
+        } else {
+            pending.turn.wait(lock);
+        }
+    }
+    std::erase(pending_, &pending);
+    if (pending.leads) passLead();
+}
+
+void Connection::unlink(PendingCall& pending) {
+    const Lock lock(mutex_);
+    std::erase(pending_, &pending);
+    if (pending.leads) passLead();
+}
+
+void Connection::post(std::string frame) {
+    if (!socket_.isValid()) throw ConnectionError(Kind::notSent, kInherited);
+    {
+        const Lock lock(mutex_);
+        throwIfEnded();
+        if (++lastSerial_ == 0) ++lastSerial_;
+        setFrameSerial(frame, lastSerial_);
+    }
+    if (write(frame, deadlineAfter(requestTimeout_)) != Written::all)
+        throw ConnectionError(Kind::notSent, "the message could not be sent");
+}
+
+void Connection::sendAnswer(std::string frame) {
+    write(frame, std::nullopt);
+}
+
+void Connection::lend(std::uint64_t object) {
+    if (!socket_.isValid()) return;
+    const Lock lock(mutex_);
+    lent_.insert(object);
+}
+
+Ref<RemoteObject> Connection::rootProxy() {
+    PendingCall pending;
+    link(pending, false);
+    {
+        const Lock lock(mutex_);
+        if (greeted_) pending.state = PendingCall::State::answered;
+    }
+    await(pending, deadlineAfter(replyTimeout_));
+    settled(pending, Written::nothing);
+    const Lock lock(mutex_);
+    return hasRoot_ ? make<RemoteObject>(Ref<MessagePort>::retaining(this), kRootObject) : nullptr;
+}
+
+// ---- Reading ----
+
+void Connection::lead(PendingCall& pending) {
+    leading_ = true;
+    pending.leads = true;
+    // Another thread may sleep in the run loop: it must not wake up for bytes that this one reads.
+    setArmed(pending.onLoopThread || !loop_->isEngaged());
+}
+
+void Connection::setArmed(bool armed) {
+    if (armed_ == armed) return;
+    armed_ = armed;
+    loop_->rewatch(source_, armed ? std::uint32_t{EPOLLIN} : 0U);
+}
+
+void Connection::passLead() {
+    leading_ = false;
+    if (ended_) return;
+    if (pending_.empty()) return setArmed(true);
+    auto& next = *pending_.front();
+    lead(next);
+    next.turn.notify_one();
+}
+
+void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
+    lock.unlock();
+    const auto room = bytes_.room();
+    const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
+    const auto count =
+        ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
+    const int error = errno;
+    lock.lock();
+    if (!ready || (count < 0 && (error == EINTR || error == EAGAIN))) return;
+    if (count <= 0) return end(Kind::outcomeUnknown, "the peer hung up", true);
+    bytes_.added(static_cast<std::size_t>(count));
+    takeFrames();
+}
+
+void Connection::takeFrames() {
+    try {
+        while (const auto frame = bytes_.next()) takeFrame(*frame);
+    } catch (const std::exception& error) {
+        end(Kind::badData, error.what(), true);
+    }
+}
+
+void Connection::takeFrame(const Frame& frame) {
+    if (frame.kind == FrameKind::farewell) {
+        farewell_ = CborReader(frame.payload).text();
+    } else if (frame.kind == FrameKind::hello) {
+        takeHello(frame);
+    } else if (!greeted_) {
+        throw FrameError("a peer that does not greet first");
+    } else if (frame.kind == FrameKind::request) {
+        queue(frame);
+    } else {
+        settle(frame);
+    }
+}
+
+void Connection::takeHello(const Frame& frame) {
+    CborReader reader(frame.payload);
+    const auto version = reader.integer();
+    if (version != kWireVersion)
+        throw FrameError("a peer that speaks version " + std::to_string(version) + " of the wire");
+    hasRoot_ = reader.boolean();
+    greeted_ = true;
+    for (auto* waiting : pending_) {
+        if (waiting->serial != 0) continue;
+        waiting->state = PendingCall::State::answered;
+        waiting->turn.notify_one();
+    }
+}
+
+// An answer that nobody waits for any more belongs to a call that timed out, or to a message that
+// was posted.
+void Connection::settle(const Frame& frame) {
+    const auto at = std::find_if(pending_.begin(), pending_.end(), [&](const PendingCall* waiting) {
+        return waiting->serial == frame.serial;
+    });
+    if (at == pending_.end() || frame.serial == 0) return;
+    auto& settled = **at;
+    settled.payload = frame.payload;
+    settled.state = frame.kind == FrameKind::reply ? PendingCall::State::answered
+                                                   : PendingCall::State::notUnderstood;
+    pending_.erase(at);
+    settled.turn.notify_one();
+}
+
+void Connection::queue(const Frame& frame) {
+    queuedBytes_ += frame.payload.size();
+    if (queue_.size() >= kQueuedRequests || queuedBytes_ > kQueuedBytes)
+        throw FrameError("more requests than this process serves");
+    queue_.push_back({frame.serial, std::string(frame.payload)});
+    if (queue_.size() == 1) loop_->perform([this] { serveQueued(); }, this);
+}
+
+// The one place where a connection ends. Lock held; the caller posts the notice once it has given
+// the lock back.
+void Connection::end(Kind kind, std::string why, bool byPeer) {
+    if (reason_) return;
+    reason_ = End{kind, std::move(why)};
+    ended_.store(true, std::memory_order_release);
+    ::shutdown(socket_.get(), SHUT_RDWR);
+    setArmed(false);
+    for (auto* waiting : pending_) {
+        waiting->state = PendingCall::State::failed;
+        waiting->turn.notify_one();
+    }
+    pending_.clear();
+    if (!byPeer) queue_.clear();
+    noticeOwed_ = true;
+}
+
+// ---- On the run loop's thread ----
+
+void Connection::serve() {
+    {
+        Lock lock(mutex_);
+        if (!leading_ && !ended_) {
+            leading_ = true;
+            readOnce(lock, false, std::nullopt);
+            passLead();
+        }
+    }
+    serveQueued();
+}
+
+void Connection::serveQueued() {
+    while (serveNext()) {
+    }
+    postNoticeIfDue();
+}
+
+bool Connection::serveNext() {
+    QueuedRequest next;
+    {
+        const Lock lock(mutex_);
+        if (queue_.empty()) return false;
+        next = std::move(queue_.front());
+        queue_.pop_front();
+        queuedBytes_ -= next.payload.size();
+        ++serving_;
+    }
+    handle(std::move(next));
+    const Lock lock(mutex_);
+    --serving_;
+    return true;
+}
+
+void Connection::handle(QueuedRequest queued) {
+    const auto serial = queued.serial;
+    try {
+        const auto request = make<IncomingRequest>(Ref<MessagePort>::retaining(this), queued.serial,
+                                                   std::move(queued.payload));
+        bool known = false;
+        {
+            const Lock lock(mutex_);
+            known = lent_.contains(request->object());
+        }
+        const auto found = known ? ExportedObjects::find(request->object()) : std::nullopt;
+        found ? found->handler(found->target, *request) : request->fail("no such object");
+    } catch (const CborError& error) {
+        sendAnswer(encodeFailure(serial, error.what()));
+    }
+}
+
+// What the peer asked before it hung up comes first: while that waits or is being served, the run
+// loop posts after it.
+void Connection::postNoticeIfDue() {
+    {
+        const Lock lock(mutex_);
+        if (!noticeOwed_ || !queue_.empty() || serving_ > 0) return;
+        noticeOwed_ = false;
+    }
+    NotificationCenter::defaultCenter().post({NSConnectionDidDieNotification, this});
+}
+
+}  // namespace okv

@@ -1,0 +1,138 @@
+#include <OKVPlatform/ipc/Publication.h>
+
+#include <OKVPlatform/ipc/ServedConnection.h>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace okv {
+
+namespace {
+
+// Without descriptors the next try comes when a connection ends, and in any case after this time.
+constexpr std::chrono::milliseconds kAcceptAgain{100};
+// Accepted in one turn, so that a storm of connections does not keep the connected waiting.
+constexpr int kAcceptsPerTurn = 16;
+
+}  // namespace
+
+Publication::Publication(std::unique_ptr<PublishedName> name, RootObject root,
+                         PublicationOptions options)
+    : name_(std::move(name)),
+      root_(std::move(root)),
+      options_(std::move(options)),
+      loop_(RunLoop::current()) {}
+
+Ref<Publication> Publication::serving(std::unique_ptr<PublishedName> name, RootObject root,
+                                      PublicationOptions options) {
+    if (!name) return nullptr;
+    auto publication = make<Publication>(std::move(name), std::move(root), std::move(options));
+    auto* self = publication.get();
+    publication->source_ = self->loop_->watch(
+        self->name_->listener(), EPOLLIN, [self](std::uint32_t) { self->acceptAll(); }, self);
+    return publication;
+}
+
+Ref<Publication> Publication::publish(std::string_view name, RootObject root,
+                                      PublicationOptions options, std::string& why) {
+    auto published = PublishedName::publish(name, options.name, why);
+    return serving(std::move(published), std::move(root), std::move(options));
+}
+
+Ref<Publication> Publication::adopt(int listener, RootObject root, PublicationOptions options,
+                                    std::string& why) {
+    auto adopted = PublishedName::adopt(listener, why);
+    return serving(std::move(adopted), std::move(root), std::move(options));
+}
+
+void Publication::acceptAll() {
+    for (int i = 0; i < kAcceptsPerTurn && acceptOne(); ++i) {
+    }
+}
+
+bool Publication::acceptOne() {
+    PrivateDescriptor socket(accept4(name_->listener(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!socket.isValid()) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
+            pauseAccepting();
+        return errno == EINTR || errno == ECONNABORTED;
+    }
+    auto peer = PeerIdentity::ofSocket(socket.get());
+    if (!peer) return true;
+    const auto uid = peer->uid;
+    const auto refusal = refusalFor(*peer);
+    const auto connection = make<ServedConnection>(*this, std::move(socket), std::move(*peer));
+    connections_.emplace(connection.get(), connection);
+    ++perUid_[uid];
+    ungreeted_.push_back(connection.get());
+    if (options_.connected) options_.connected(*connection);
+    refusal.empty() ? connection->start() : connection->refuse(refusal);
+    dropSilent();
+    return true;
+}
+
+bool Publication::isCounted(uid_t uid) const {
+    return uid != 0 && uid != geteuid();
+}
+
+std::string Publication::refusalFor(const PeerIdentity& peer) const {
+    if (connections_.size() >= options_.maxConnections)
+        return "too many connections: " + std::to_string(options_.maxConnections);
+    const auto held = perUid_.find(peer.uid);
+    if (!isCounted(peer.uid) || held == perUid_.end() ||
+        held->second < options_.maxConnectionsPerUid)
+        return {};
+    return "too many connections of uid " + std::to_string(peer.uid) + ": " +
+           std::to_string(options_.maxConnectionsPerUid);
+}
+
+void Publication::pauseAccepting() {
+    loop_->rewatch(source_, 0);
+    loop_->performAfter(
+        kAcceptAgain, [this] { resumeAccepting(); }, this);
+}
+
+void Publication::resumeAccepting() {
+    if (isValid()) loop_->rewatch(source_, EPOLLIN);
+}
+
+void Publication::greeted(ServedConnection& connection) {
+    ungreeted_.remove(&connection);
+}
+
+void Publication::dropSilent() {
+    while (ungreeted_.size() > options_.maxUngreeted) ungreeted_.front()->close();
+}
+
+void Publication::remove(ServedConnection& connection) {
+    ungreeted_.remove(&connection);
+    const auto held = perUid_.find(connection.peer().uid);
+    if (held != perUid_.end() && --held->second == 0) perUid_.erase(held);
+    if (options_.disconnected) options_.disconnected(connection);
+    connections_.erase(&connection);
+    resumeAccepting();
+}
+
+bool Publication::isFlushed() const noexcept {
+    return std::all_of(connections_.begin(), connections_.end(),
+                       [](const auto& held) { return held.second->isFlushed(); });
+}
+
+void Publication::stopAccepting() {
+    if (!isValid()) return;  // in a forked child, too: what is there belongs to the parent
+    loop_->unwatch(source_);
+    name_->withdraw();
+}
+
+void Publication::invalidate() {
+    if (generation_ != PrivateDescriptor::forkGeneration()) return;
+    stopAccepting();
+    loop_->forget(this);
+    while (!connections_.empty()) connections_.begin()->first->close();
+}
+
+}  // namespace okv

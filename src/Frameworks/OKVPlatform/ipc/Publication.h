@@ -1,0 +1,122 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/Message.h>
+#include <OKVPlatform/ipc/Protocol.h>
+#include <OKVPlatform/ipc/RegisteredName.h>
+#include <OKVPlatform/ipc/RunLoop.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace okv {
+
+class ServedConnection;
+
+/// What a publication vends. `owner`, where given, is retained while it is vended.
+struct RootObject {
+    RequestHandler handler =
+        nullptr;  ///< none: the publication has no root object, and clients see nil
+    void* target = nullptr;
+    Ref<Object> owner;
+};
+
+/// A root object that answers protocol P.
+template <class P, class T>
+RootObject rootObject(T& object) {
+    RootObject root;
+    root.handler = [](void* target, IncomingRequest& request) {
+        dispatch<P>(*static_cast<P*>(target), request);
+    };
+    root.target = static_cast<P*>(&object);
+    return root;
+}
+
+/// How much the outside may take of a publishing process.
+struct PublicationOptions {
+    PublishedName::Options name;
+    std::size_t maxConnections = 1024;
+    std::size_t maxConnectionsPerUid = 1024;  ///< uid 0 and this process's own uid are not counted
+    std::size_t maxUngreeted = 32;  ///< beyond, the one that kept silent longest is dropped
+    std::chrono::milliseconds greetWithin{2000};
+    std::size_t maxRequestBytes = kMaxFramePayload;
+    std::size_t maxQueuedOutput =
+        4U << 20;  ///< a client that does not read is not read either; one reply may exceed it
+    std::size_t maxPendingRequests =
+        64;  ///< of one client, kept and not yet answered; more are not read
+    std::function<void(MessagePort&)> connected;
+    std::function<void(MessagePort&)> disconnected;
+};
+
+/// A root object published under a registered name: the called end.
+///
+/// It lives on the run loop of the thread that published it: requests come to the root's handler
+/// there, never on two threads at once, and may be kept and answered later from any thread. No
+/// client can make it wait: what cannot be written is queued, what is too much is not read.
+/// Destroying it withdraws the name and closes every connection. In a forked child it is nothing.
+class OKV_EXPORT Publication final : public Object {
+public:
+    /// Null when the name cannot be had; `why` then says what stands in the way.
+    static Ref<Publication> publish(std::string_view name, RootObject root,
+                                    PublicationOptions options, std::string& why);
+    /// Serves a listening socket that a service manager handed over.
+    static Ref<Publication> adopt(int listener, RootObject root, PublicationOptions options,
+                                  std::string& why);
+
+    bool isValid() const noexcept { return name_ != nullptr && name_->listener() >= 0; }
+    /// Withdraws the name; who is connected stays so.
+    void stopAccepting();
+    /// Withdraws the name and closes every connection.
+    void invalidate();
+    std::size_t connectionCount() const noexcept { return connections_.size(); }
+    /// Whether everything that was sent has left this process.
+    bool isFlushed() const noexcept;
+
+    /// Seconds; for calls that this process makes to its clients' objects.
+    void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
+    void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
+    double requestTimeout() const noexcept { return requestTimeout_; }
+    double replyTimeout() const noexcept { return replyTimeout_; }
+
+protected:
+    void dealloc() override { invalidate(); }
+
+private:
+    friend class ServedConnection;
+    friend Ref<Publication> make<Publication>(std::unique_ptr<PublishedName>&&, RootObject&&,
+                                              PublicationOptions&&);
+
+    Publication(std::unique_ptr<PublishedName> name, RootObject root, PublicationOptions options);
+    static Ref<Publication> serving(std::unique_ptr<PublishedName> name, RootObject root,
+                                    PublicationOptions options);
+
+    void acceptAll();
+    bool acceptOne();
+    void pauseAccepting();
+    void resumeAccepting();
+    std::string refusalFor(const PeerIdentity& peer) const;
+    bool isCounted(uid_t uid) const;
+    void greeted(ServedConnection& connection);
+    void dropSilent();
+    void remove(ServedConnection& connection);
+
+    std::unique_ptr<PublishedName> name_;
+    const RootObject root_;
+    const PublicationOptions options_;
+    const Ref<RunLoop> loop_;
+    RunLoop::Id source_ = 0;
+    const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
+    double requestTimeout_ = 0;
+    double replyTimeout_ = 0;
+    std::unordered_map<ServedConnection*, Ref<ServedConnection>> connections_;
+    std::list<ServedConnection*> ungreeted_;  // the longest waiting first
+    std::unordered_map<uid_t, std::size_t> perUid_;
+};
+
+}  // namespace okv

@@ -1,0 +1,193 @@
+#include <OKVPlatform/ipc/ServedConnection.h>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace okv {
+
+namespace {
+
+std::string encodeServerHello(bool hasRoot) {
+    std::string frame;
+    beginFrame(frame, FrameKind::hello);
+    CborWriter writer(frame);
+    writer.integer(kWireVersion);
+    writer.boolean(hasRoot);
+    finishFrame(frame, 0, 0);
+    return frame;
+}
+
+std::string encodeFarewell(std::string_view why) {
+    std::string frame;
+    beginFrame(frame, FrameKind::farewell);
+    CborWriter(frame).text(why);
+    finishFrame(frame, 0, 0);
+    return frame;
+}
+
+}  // namespace
+
+ServedConnection::ServedConnection(Publication& publication, PrivateDescriptor socket,
+                                   PeerIdentity peer)
+    : publication_(&publication),
+      loop_(publication.loop_),
+      socket_(std::move(socket)),
+      peer_(std::move(peer)),
+      bytes_(publication.options_.maxRequestBytes) {}
+
+const PublicationOptions& ServedConnection::options() const noexcept {
+    return publication_->options_;
+}
+
+// The greeting has mostly come along with the connection: reading at once spares the timer and
+// keeps those who greet apart from those who do not.
+void ServedConnection::start() {
+    source_ = loop_->watch(
+        socket_.get(), EPOLLIN, [this](std::uint32_t events) { serve(events); }, this);
+    readOnce();
+    if (publication_ == nullptr || greeted_) return;
+    greeting_ = loop_->performAfter(
+        options().greetWithin, [this] { end("no greeting in time"); }, this);
+}
+
+void ServedConnection::serve(std::uint32_t events) {
+    if (publication_ != nullptr && (events & EPOLLOUT) != 0) flush();
+    if (publication_ == nullptr) return;
+    if ((events & EPOLLIN) != 0 && mayRead()) return readOnce();
+    // Gone, and nothing left to read: answers that wait for it are in vain.
+    if ((events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) end();
+}
+
+// Once a turn: a client that sends without pause does not keep the others waiting.
+void ServedConnection::readOnce() {
+    const auto room = bytes_.room();
+    const auto count = recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (count <= 0) return end();
+    bytes_.added(static_cast<std::size_t>(count));
+    takeFrames();
+}
+
+void ServedConnection::takeFrames() {
+    const auto self = Ref<ServedConnection>::retaining(this);
+    try {
+        while (publication_ != nullptr && mayRead()) {
+            const auto frame = bytes_.next();
+            if (!frame) break;
+            takeFrame(*frame);
+        }
+    } catch (const std::exception& error) {
+        end(error.what());
+    }
+    if (publication_ != nullptr) updateEvents();
+}
+
+void ServedConnection::takeFrame(const Frame& frame) {
+    if (frame.kind == FrameKind::hello && !greeted_) return takeHello(frame);
+    if (!greeted_) return end("greet first");
+    if (frame.kind == FrameKind::request) return handle(frame);
+    // Replies to what was posted, without waiting for them, are dropped.
+    if (frame.kind != FrameKind::reply && frame.kind != FrameKind::failure)
+        end("a frame that has no place here");
+}
+
+void ServedConnection::takeHello(const Frame& frame) {
+    const auto version = CborReader(frame.payload).integer();
+    sendNow(encodeServerHello(publication_->root_.handler != nullptr));
+    if (version != kWireVersion)
+        return end("this server speaks version " + std::to_string(kWireVersion) + " of the wire");
+    greeted_ = true;
+    loop_->cancel(greeting_);
+    publication_->greeted(*this);
+}
+
+void ServedConnection::handle(const Frame& frame) {
+    ++pending_;
+    const auto request = make<IncomingRequest>(Ref<MessagePort>::retaining(this), frame.serial,
+                                               std::string(frame.payload));
+    const auto& root = publication_->root_;
+    if (request->object() == kRootObject && root.handler != nullptr)
+        return root.handler(root.target, *request);
+    request->fail("no such object");
+}
+
+std::string ServedConnection::call(std::string&) {
+    throw ConnectionError(ConnectionError::Kind::notSent,
+                          "a server posts to its clients and waits for none");
+}
+
+void ServedConnection::post(std::string frame) {
+    if (loop_->isCurrent()) {
+        setFrameSerial(frame, ++lastSerial_);
+        return sendNow(frame);
+    }
+    const auto self = Ref<ServedConnection>::retaining(this);
+    loop_->perform([self, held = std::move(frame)]() mutable { self->post(std::move(held)); });
+}
+
+void ServedConnection::sendAnswer(std::string frame) {
+    if (loop_->isCurrent()) return answerNow(frame);
+    const auto self = Ref<ServedConnection>::retaining(this);
+    loop_->perform([self, held = std::move(frame)] { self->answerNow(held); });
+}
+
+void ServedConnection::answerNow(std::string_view frame) {
+    const bool wasFull = !mayRead();
+    --pending_;
+    sendNow(frame);
+    // Requests that had already been read wait in the buffer, and no descriptor will tell of them.
+    if (wasFull && publication_ != nullptr && mayRead()) takeFrames();
+}
+
+void ServedConnection::sendNow(std::string_view frame) {
+    if (publication_ == nullptr) return;
+    if (out_.empty()) {
+        const auto count =
+            ::send(socket_.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0 && errno != EAGAIN && errno != EINTR)
+            return;  // the hang-up is seen by reading
+        if (count > 0) frame.remove_prefix(static_cast<std::size_t>(count));
+        if (frame.empty()) return;
+    }
+    out_.append(frame);
+    updateEvents();
+}
+
+void ServedConnection::flush() {
+    const bool wasFull = !mayRead();
+    const auto count = ::send(socket_.get(), &out_[outFront_], out_.size() - outFront_,
+                              MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0 && errno != EAGAIN && errno != EINTR) return end();
+    if (count > 0) outFront_ += static_cast<std::size_t>(count);
+    if (outFront_ == out_.size()) {
+        std::string().swap(out_);
+        outFront_ = 0;
+    }
+    if (wasFull && mayRead()) return takeFrames();
+    updateEvents();
+}
+
+bool ServedConnection::mayRead() const noexcept {
+    return publication_ != nullptr && pending_ < options().maxPendingRequests &&
+           out_.size() - outFront_ <= options().maxQueuedOutput;
+}
+
+void ServedConnection::updateEvents() {
+    loop_->rewatch(source_, (mayRead() ? std::uint32_t{EPOLLIN} : std::uint32_t{EPOLLRDHUP}) |
+                                (out_.empty() ? 0U : std::uint32_t{EPOLLOUT}));
+}
+
+void ServedConnection::end(const std::string& farewell) {
+    if (publication_ == nullptr) return;
+    const auto self = Ref<ServedConnection>::retaining(this);
+    if (!farewell.empty()) sendNow(encodeFarewell(farewell));
+    auto& publication = *publication_;
+    publication_ = nullptr;
+    loop_->forget(this);
+    publication.remove(*this);
+    socket_.close();
+}
+
+}  // namespace okv

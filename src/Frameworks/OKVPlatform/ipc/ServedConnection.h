@@ -1,0 +1,60 @@
+#pragma once
+
+#include <OKVPlatform/ipc/Publication.h>
+
+#include <atomic>
+#include <string>
+
+namespace okv {
+
+/// One client of a publication. All but `sendAnswer` and `post` belongs to the publication's run
+/// loop.
+class ServedConnection final : public MessagePort {
+public:
+    ServedConnection(Publication& publication, PrivateDescriptor socket, PeerIdentity peer);
+
+    /// Begins to read; may end the connection at once.
+    void start();
+    /// Tells the client why it is not served, and ends.
+    void refuse(const std::string& why) { end(why); }
+    void close() { end(); }
+    bool isGreeted() const noexcept { return greeted_; }
+    bool isFlushed() const noexcept { return out_.empty(); }
+
+    /// Not offered: a server that waited for a client would let it stand still.
+    std::string call(std::string& frame) override;
+    void post(std::string frame) override;
+    void sendAnswer(std::string frame) override;
+    const PeerIdentity& peer() const noexcept override { return peer_; }
+    void lend(std::uint64_t) override {}
+
+private:
+    void serve(std::uint32_t events);
+    void readOnce();
+    void takeFrames();
+    void takeFrame(const Frame& frame);
+    void takeHello(const Frame& frame);
+    void handle(const Frame& frame);
+    void sendNow(std::string_view frame);
+    void answerNow(std::string_view frame);
+    void flush();
+    void end(const std::string& farewell = {});
+    bool mayRead() const noexcept;
+    void updateEvents();
+    const PublicationOptions& options() const noexcept;
+
+    Publication* publication_;  // null once ended
+    const Ref<RunLoop> loop_;
+    PrivateDescriptor socket_;
+    const PeerIdentity peer_;
+    RunLoop::Id source_ = 0;
+    RunLoop::Id greeting_ = 0;
+    FrameBuffer bytes_;
+    std::string out_;
+    std::size_t outFront_ = 0;
+    std::size_t pending_ = 0;
+    bool greeted_ = false;
+    std::uint32_t lastSerial_ = 0;
+};
+
+}  // namespace okv

@@ -1,0 +1,361 @@
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/NotificationCenter.h>
+#include <OKVPlatform/ipc/Publication.h>
+
+#include "support/TestService.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+using okv::Connection;
+using okv::ConnectionError;
+using okv::Publication;
+using okv::RunLoop;
+using okv::Value;
+using okv::test::RuntimeFolder;
+using okv::test::ThreadService;
+
+namespace {
+
+class Bell {
+public:
+    virtual ~Bell() = default;
+    virtual void ring() = 0;
+};
+
+class Desk {
+public:
+    virtual ~Desk() = default;
+    virtual Value echo(const Value& value) = 0;
+    virtual std::int32_t sum_with(std::int32_t a, std::int32_t b) = 0;
+    virtual bool isTrue(bool flag) = 0;
+    virtual void nothing() = 0;
+    virtual bool lendBell(okv::RemoteObject& bell) = 0;
+    virtual void ringBell() = 0;
+    virtual void hangUp() = 0;
+    virtual void ringAndHangUp() = 0;
+    virtual void keepSilent() = 0;
+    virtual bool refused() = 0;
+};
+
+class Stranger {
+public:
+    virtual ~Stranger() = default;
+    virtual Value unheardOf() = 0;
+    virtual Value echo(std::int32_t value) = 0;
+};
+
+}  // namespace
+
+template <>
+inline constexpr auto okv::protocol<Bell> = okv::protocolTable(okv::row<&Bell::ring>("ring"));
+template <>
+inline constexpr auto okv::protocol<Desk> = okv::protocolTable(
+    okv::row<&Desk::echo>("echo:"), okv::row<&Desk::sum_with>("sum:with:"),
+    okv::row<&Desk::isTrue>("isTrue:"), okv::row<&Desk::nothing>("nothing"),
+    okv::row<&Desk::lendBell>("lendBell:"), okv::row<&Desk::ringBell>("ringBell"),
+    okv::row<&Desk::hangUp>("hangUp"), okv::row<&Desk::ringAndHangUp>("ringAndHangUp"),
+    okv::row<&Desk::keepSilent>("keepSilent"), okv::row<&Desk::refused>("refused"));
+template <>
+inline constexpr auto okv::protocol<Stranger> = okv::protocolTable(
+    okv::row<&Stranger::unheardOf>("unheardOf"), okv::row<&Stranger::echo>("echo:"));
+
+namespace {
+
+constexpr char kName[] = "jp.nrm.test.desk";
+
+class DeskObject final : public Desk {
+public:
+    Value echo(const Value& value) override { return value; }
+    std::int32_t sum_with(std::int32_t a, std::int32_t b) override { return a + b; }
+    bool isTrue(bool flag) override { return flag; }
+    void nothing() override {}
+    bool lendBell(okv::RemoteObject& bell) override {
+        bell_ = okv::Ref<okv::RemoteObject>::retaining(&bell);
+        return true;
+    }
+    void ringBell() override { okv::post<&Bell::ring>(*bell_); }
+    void hangUp() override { publication->invalidate(); }
+    void ringAndHangUp() override {
+        ringBell();
+        hangUp();
+    }
+    void keepSilent() override {
+        kept_ = okv::Ref<okv::IncomingRequest>::retaining(&okv::Invocation::current()->request());
+    }
+    bool refused() override {
+        okv::Invocation::current()->refuse(okv::Refusal::Kind::locked, "the drawer is locked");
+        return false;
+    }
+
+    Publication* publication = nullptr;
+
+private:
+    okv::Ref<okv::RemoteObject> bell_;
+    okv::Ref<okv::IncomingRequest> kept_;
+};
+
+class BellObject final : public okv::Object, public Bell {
+public:
+    void ring() override {
+        ++rings;
+        if (onRing) onRing();
+    }
+    int rings = 0;
+    std::function<void()> onRing;
+
+protected:
+    void dealloc() override { okv::ExportedObjects::withdraw(*this); }
+};
+
+class Mourner final : public okv::Object {
+public:
+    Mourner() {
+        okv::NotificationCenter::defaultCenter().addObserver(*this, &Mourner::note,
+                                                             okv::NSConnectionDidDieNotification);
+    }
+    void note(const okv::LocalNotification& notice) {
+        if (notice.object == watched) ++deaths;
+    }
+    const okv::Object* watched = nullptr;
+    std::atomic<int> deaths{0};
+
+protected:
+    void dealloc() override {
+        okv::NotificationCenter::defaultCenter().removeObserver(
+            *this, okv::NSConnectionDidDieNotification);
+    }
+};
+
+class ConnectionTest : public testing::Test {
+protected:
+    ConnectionTest() {
+        service_.on([&](Publication& publication) { desk_.publication = &publication; });
+        connection_ = Connection::connectionWithRegisteredName(kName);
+        root_ = connection_->rootProxy();
+        mourner_->watched = connection_.get();
+    }
+
+    template <class Call>
+    static ConnectionError::Kind failureOf(Call call) {
+        try {
+            call();
+        } catch (const ConnectionError& error) {
+            return error.kind();
+        }
+        ADD_FAILURE() << "did not throw";
+        return ConnectionError::Kind::badData;
+    }
+    static void serveUntil(const std::function<bool()>& done) {
+        const auto deadline = RunLoop::Clock::now() + std::chrono::seconds(10);
+        while (!done() && RunLoop::Clock::now() < deadline)
+            RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(5));
+        EXPECT_TRUE(done());
+    }
+
+    RuntimeFolder folder_;
+    DeskObject desk_;
+    ThreadService service_{kName, okv::rootObject<Desk>(desk_)};
+    okv::Ref<Connection> connection_;
+    okv::Ref<okv::RemoteObject> root_;
+    okv::Ref<Mourner> mourner_ = okv::make<Mourner>();
+};
+
+}  // namespace
+
+TEST_F(ConnectionTest, CarriesEveryTypeThereAndBack) {
+    const Value rich =
+        okv::Dictionary{{"a", okv::Array{1, 2.5, okv::Null{}, Value()}}, {7, okv::Data{1, 2}}};
+    EXPECT_EQ(okv::send<&Desk::echo>(*root_, rich), rich);
+    EXPECT_EQ(okv::send<&Desk::echo>(*root_, "text"), Value("text"));
+    EXPECT_EQ(okv::send<&Desk::echo>(*root_, Value()), Value());
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, -2000000000, 5), -1999999995);
+    EXPECT_TRUE(okv::send<&Desk::isTrue>(*root_, true));
+    EXPECT_FALSE(okv::send<&Desk::isTrue>(*root_, false));
+    okv::send<&Desk::nothing>(*root_);
+}
+
+TEST_F(ConnectionTest, CarriesSixteenMebibytesAndRefusesMoreBeforeSending) {
+    const std::string large(15U << 20, 'x');
+    EXPECT_EQ(okv::send<&Desk::echo>(*root_, large), Value(large));
+    EXPECT_THROW(okv::send<&Desk::echo>(*root_, std::string(17U << 20, 'x')), std::length_error);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
+TEST_F(ConnectionTest, AnUnknownSelectorFailsThatCallOnly) {
+    EXPECT_EQ(failureOf([&] { okv::send<&Stranger::unheardOf>(*root_); }),
+              ConnectionError::Kind::notUnderstood);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
+TEST_F(ConnectionTest, OtherArgumentTypesFailThatCallOnly) {
+    EXPECT_EQ(failureOf([&] { okv::send<&Stranger::echo>(*root_, 1); }),
+              ConnectionError::Kind::notUnderstood);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
+TEST_F(ConnectionTest, ARefusalTravelsBesideTheZeroValue) {
+    EXPECT_FALSE(okv::send<&Desk::refused>(*root_));
+    const auto answer = okv::sendForAnswer<&Desk::refused>(*root_);
+    EXPECT_FALSE(answer.value);
+    ASSERT_TRUE(answer.refusal);
+    EXPECT_EQ(answer.refusal->kind, okv::Refusal::Kind::locked);
+    EXPECT_EQ(answer.refusal->reason, "the drawer is locked");
+    EXPECT_FALSE(okv::sendForAnswer<&Desk::nothing>(*root_).refusal);
+}
+
+TEST_F(ConnectionTest, ACallbackIsServedByTheRunLoopAndNotBefore) {
+    auto bell = okv::make<BellObject>();
+    EXPECT_TRUE(okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell)));
+    okv::send<&Desk::ringBell>(*root_);
+    okv::send<&Desk::nothing>(*root_);
+    EXPECT_EQ(bell->rings, 0);
+    serveUntil([&] { return bell->rings == 1; });
+}
+
+TEST_F(ConnectionTest, ACallMadeInsideACallbackIsAnswered) {
+    auto bell = okv::make<BellObject>();
+    std::int32_t sum = 0;
+    bell->onRing = [&] { sum = okv::send<&Desk::sum_with>(*root_, 20, 1); };
+    okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell));
+    okv::send<&Desk::ringBell>(*root_);
+    serveUntil([&] { return sum == 21; });
+}
+
+TEST_F(ConnectionTest, ACallbackMayDropTheLastReferenceToItsConnection) {
+    auto bell = okv::make<BellObject>();
+    bell->onRing = [&] {
+        root_ = nullptr;
+        connection_ = nullptr;
+    };
+    okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell));
+    okv::send<&Desk::ringBell>(*root_);
+    serveUntil([&] { return bell->rings == 1; });
+    EXPECT_EQ(mourner_->deaths, 0) << "releasing closes silently";
+}
+
+TEST_F(ConnectionTest, AWithdrawnObjectIsNotCalled) {
+    auto bell = okv::make<BellObject>();
+    okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell));
+    bell = nullptr;
+    okv::send<&Desk::ringBell>(*root_);
+    RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(20));
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
+TEST_F(ConnectionTest, WhatThePeerAskedBeforeItHungUpIsServedBeforeTheDeathNotice) {
+    auto bell = okv::make<BellObject>();
+    int deathsAtRing = -1;
+    bell->onRing = [&] { deathsAtRing = mourner_->deaths; };
+    okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell));
+    EXPECT_EQ(failureOf([&] { okv::send<&Desk::ringAndHangUp>(*root_); }),
+              ConnectionError::Kind::outcomeUnknown);
+    EXPECT_EQ(mourner_->deaths, 0);
+    serveUntil([&] { return mourner_->deaths == 1; });
+    EXPECT_EQ(bell->rings, 1);
+    EXPECT_EQ(deathsAtRing, 0);
+}
+
+TEST_F(ConnectionTest, WhatIsQueuedWhenThisSideInvalidatesIsDropped) {
+    auto bell = okv::make<BellObject>();
+    okv::send<&Desk::lendBell>(*root_, okv::lend<Bell>(*bell));
+    okv::send<&Desk::ringBell>(*root_);
+    okv::send<&Desk::nothing>(*root_);
+    connection_->invalidate();
+    EXPECT_EQ(mourner_->deaths, 1);
+    RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(20));
+    EXPECT_EQ(bell->rings, 0);
+    EXPECT_EQ(mourner_->deaths, 1);
+}
+
+TEST_F(ConnectionTest, ADeadPeerIsSeenWithoutARunLoopAndNothingIsPostedByLooking) {
+    service_.stop();
+    EXPECT_FALSE(connection_->isValid());
+    EXPECT_EQ(mourner_->deaths, 0);
+    EXPECT_EQ(failureOf([&] { okv::send<&Desk::nothing>(*root_); }),
+              ConnectionError::Kind::notSent);
+    EXPECT_EQ(mourner_->deaths, 1);
+    EXPECT_EQ(failureOf([&] { okv::send<&Desk::nothing>(*root_); }),
+              ConnectionError::Kind::notSent);
+    EXPECT_EQ(mourner_->deaths, 1);
+}
+
+TEST_F(ConnectionTest, TheRunLoopPostsTheDeathOfAnIdleConnection) {
+    service_.stop();
+    serveUntil([&] { return mourner_->deaths == 1; });
+    EXPECT_FALSE(connection_->isValid());
+}
+
+TEST_F(ConnectionTest, InvalidatingFailsTheCallsOfOtherThreads) {
+    std::thread other([&] {
+        EXPECT_EQ(failureOf([&] { okv::send<&Desk::keepSilent>(*root_); }),
+                  ConnectionError::Kind::outcomeUnknown);
+    });
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+    connection_->invalidate();
+    other.join();
+    EXPECT_EQ(mourner_->deaths, 1);
+}
+
+TEST_F(ConnectionTest, AReplyThatDoesNotComeInTimeFailsThatCallOnly) {
+    connection_->setReplyTimeout(0.05);
+    // Kept and given up with the service: the answer comes when nobody waits for it any more.
+    const auto silent = [&] { okv::send<&Desk::keepSilent>(*root_); };
+    EXPECT_EQ(failureOf(silent), ConnectionError::Kind::timedOut);
+    connection_->setReplyTimeout(0);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
+TEST_F(ConnectionTest, EightThreadsGetTheirOwnAnswers) {
+    std::vector<std::thread> threads;
+    std::atomic<int> wrong{0};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 2000; ++i)
+                wrong += okv::send<&Desk::sum_with>(*root_, t * 10000, i) != t * 10000 + i;
+        });
+    }
+    RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(50));
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(ConnectionTest, AForkedChildHasNoConnectionAndTheParentKeepsItsOwn) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool invalid = !connection_->isValid();
+        const bool throws =
+            failureOf([&] { okv::send<&Desk::nothing>(*root_); }) == ConnectionError::Kind::notSent;
+        root_ = nullptr;
+        connection_ = nullptr;
+        const auto anew = Connection::connectionWithRegisteredName(kName);
+        const bool works = anew && okv::send<&Desk::sum_with>(*anew->rootProxy(), 1, 2) == 3;
+        _exit(invalid && throws && works ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+    EXPECT_TRUE(connection_->isValid());
+}
+
+TEST_F(ConnectionTest, APublicationWithoutARootObjectGivesNone) {
+    ThreadService bare("jp.nrm.test.bare", {});
+    const auto connection = Connection::connectionWithRegisteredName("jp.nrm.test.bare");
+    EXPECT_EQ(connection->rootProxy(), nullptr);
+    EXPECT_TRUE(connection->isValid());
+}
+
+TEST_F(ConnectionTest, NobodyAtTheNameGivesNoConnectionAndAReason) {
+    std::string why;
+    EXPECT_EQ(Connection::connectionWithRegisteredName("jp.nrm.test.nobody", std::nullopt, &why),
+              nullptr);
+    EXPECT_NE(why.find("no server"), std::string::npos);
+    EXPECT_EQ(Connection::connectionWithRegisteredName(kName, "elsewhere", &why), nullptr);
+}

@@ -1,0 +1,95 @@
+#include "CapturedStderr.h"
+
+#include <OKVPlatform/system/NSLog.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <atomic>
+#include <cerrno>
+#include <regex>
+#include <thread>
+
+namespace {
+
+/// Collects texts for the life of a test.
+class Recorded {
+public:
+    Recorded() {
+        okv::setNSLogSink([this](std::string_view text) { texts_.emplace_back(text); });
+    }
+    ~Recorded() { okv::setNSLogSink(nullptr); }
+    const std::vector<std::string>& texts() const { return texts_; }
+
+private:
+    std::vector<std::string> texts_;
+};
+
+}  // namespace
+
+TEST(NSLog, WritesDateTimeProcessAndTextAsOneLineInOneWrite) {
+    CapturedStderr standardError;
+    okv::NSLog("DataFW: %s %d. ", "text", 7);
+    const std::regex form(
+        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (\S+)\[(\d+):(\d+)\] DataFW: text 7\. \n)");
+    const std::string line = standardError.nextWrite();
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(line, parts, form)) << line;
+    EXPECT_EQ(parts[1], program_invocation_short_name);
+    EXPECT_EQ(parts[2], std::to_string(getpid()));
+    EXPECT_EQ(parts[3], std::to_string(syscall(SYS_gettid)));
+    EXPECT_EQ(standardError.nextWrite(), "");
+}
+
+TEST(NSLog, ALineFeedInTheTextCannotForgeASecondLine) {
+    CapturedStderr standardError;
+    okv::NSLog("first\nsecond\n");
+    const std::string line = standardError.nextWrite();
+    EXPECT_TRUE(line.ends_with("] first\\nsecond\n")) << line;
+}
+
+TEST(NSLog, GivesTheSinkTheTextAloneUntilItIsTakenAway) {
+    CapturedStderr standardError;
+    {
+        const Recorded recorded;
+        okv::NSLog("-> %d\n", 1);
+        EXPECT_EQ(recorded.texts(), std::vector<std::string>{"-> 1\n"});
+    }
+    okv::NSLog("unheard");
+    EXPECT_NE(standardError.nextWrite(), "");
+}
+
+TEST(NSLog, KeepsErrno) {
+    CapturedStderr standardError;
+    errno = ENOENT;
+    okv::NSLog("text");
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(NSLog, FormatsTextsOfAnyLength) {
+    CapturedStderr standardError;
+    const Recorded recorded;
+    const std::string text(3000, 'x');
+    okv::NSLog("%s", text.c_str());
+    okv::NSLog("%s", "");
+    EXPECT_EQ(recorded.texts(), (std::vector<std::string>{text, ""}));
+}
+
+TEST(NSLog, TheSinkMayChangeWhileOtherThreadsLog) {
+    CapturedStderr standardError;
+    std::atomic<int> heard{0};
+    std::atomic<bool> done{false};
+    std::jthread logger([&] {
+        while (!done) {
+            okv::NSLog("x");
+            standardError.nextWrite();
+        }
+    });
+    while (heard < 50) {
+        okv::setNSLogSink([&heard](std::string_view) { ++heard; });
+        okv::setNSLogSink(nullptr);
+    }
+    done = true;
+    logger.join();
+    EXPECT_GE(heard, 50);
+}
