@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "PrivateRoot.h"
+#include "support/TestService.h"
 #include "unit/process/Support.h"
 
 using okv::Array;
@@ -240,6 +241,19 @@ TEST(SendQuit, AProcessThatDoesNotListenIsNotFound) {
     const ProcessSerialNumber nobody{};
     EXPECT_EQ(okvCmnUtil::sendQuitAppleEvent(&nobody), okv::procNotFound);
     EXPECT_TRUE(isRunning(child.pid()));
+}
+
+TEST(SendQuit, ReachesAnApplicationThatListens) {
+    const okv::test::RuntimeFolder runtime;
+    const std::string path = OKV_TEST_QUITTING_APPLICATION;
+    const Child accepting(path);
+    const Child declining(path, {{path, "--reply", "-128"}});
+    EXPECT_EQ(okvCmnUtil::sendQuitAppleEventForPid(accepting.pid()), 0);
+    processtest::waitForEnd(accepting.pid());
+    EXPECT_EQ(okvCmnUtil::sendQuitAppleEventForPid(declining.pid()), -128);
+    const ProcessSerialNumber psn{0, static_cast<std::uint32_t>(declining.pid())};
+    EXPECT_EQ(okvCmnUtil::sendQuitAppleEvent(&psn), -128);
+    EXPECT_TRUE(isRunning(declining.pid()));
 }
 
 // ---- Launching ----
