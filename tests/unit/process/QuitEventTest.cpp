@@ -2,6 +2,8 @@
 #include <OKVPlatform/ipc/Publication.h>
 #include <OKVPlatform/process/QuitEvent.h>
 
+#include <OKVTesting/RuntimeFolder.h>
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -13,7 +15,6 @@
 #include <string>
 
 #include "Support.h"
-#include "support/TestService.h"
 
 using okv::ProcessSerialNumber;
 using okv::QuitEventListener;
@@ -66,7 +67,7 @@ class QuitEvent : public testing::Test {
 protected:
     std::string appsFolder() const { return runtime_.path() / "apps"; }
 
-    okv::test::RuntimeFolder runtime_;
+    okv::testing::RuntimeFolder runtime_;
 };
 
 }  // namespace
