@@ -483,3 +483,47 @@ std::string okvCmnUtil::macUserAgent(std::optional<std::string_view> middlePart)
 }
 
 // ---- Published connections and bulk release ----
+
+okv::Ref<okv::Publication> okvCmnUtil::rootObject_registerName_timeout_delegate(
+    const okv::RootObject& rootObject, std::string_view name, double timeout,
+    okv::PublicationDelegate* delegate) {
+    if (rootObject.handler == nullptr) return nullptr;
+    if (timeout <= 0.0) return nullptr;  // exactly this comparison: a NaN goes on
+    std::string why;
+    auto publication = okv::Publication::publish(name, rootObject, {}, why);
+    if (!publication) return nullptr;
+    publication->setRequestTimeout(timeout);
+    publication->setReplyTimeout(timeout);
+    publication->setDelegate(delegate);
+    return publication;
+}
+
+void okvCmnUtil::unregisterName(okv::Ref<okv::Publication> connection) {
+    if (connection) connection->invalidate();
+}
+
+bool okvCmnUtil::existRegisteredName(std::string_view name) {
+    return okv::connectToName(name).socket.isValid();
+}
+
+void okvCmnUtil::releaseNSMutableArray(okv::ObjectArray* array) {
+    if (array == nullptr) return;
+    const auto count = array->elements.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        // Releasing an element may run code that reaches the array.
+        if (array->elements.size() != count)
+            throw std::logic_error("the array was changed while it was walked");
+        if (array->elements[i] != nullptr) array->elements[i]->release();
+    }
+    array->release();
+}
+
+void okvCmnUtil::forceRelease(okv::Object* object) {
+    if (object == nullptr) return;
+    for (;;) {
+        const auto count = object->retainCount();
+        if (count == 0) return;
+        object->release();
+        if (count == 1) return;
+    }
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/Publication.h>
 #include <OKVPlatform/system/Bundle.h>
 #include <OKVPlatform/system/Calendar.h>
 #include <OKVPlatform/values/Value.h>
@@ -192,4 +193,25 @@ public:
     static std::string macUserAgent(std::optional<std::string_view> middlePart);
 
     // ---- Published connections and bulk release ----
+
+    /// Publishes a root object under a registered name, on the calling thread's run loop (requests
+    /// are served while that runs). `timeout`, in seconds, bounds sending and waiting for replies;
+    /// it must not be 0 or less. A NaN is not less than anything and goes on: intended. The
+    /// delegate, where given, is asked about new connections; it is not retained. Null on every
+    /// failure: no root object, no name, a name that is taken or cannot be had; then no name and no
+    /// connection is left behind.
+    static okv::Ref<okv::Publication> rootObject_registerName_timeout_delegate(
+        const okv::RootObject& rootObject, std::string_view name, double timeout,
+        okv::PublicationDelegate* delegate);
+    /// Withdraws the name, closes the connections, and gives up the reference that is handed in.
+    /// Nothing for null.
+    static void unregisterName(okv::Ref<okv::Publication> connection);
+    /// Whether a connection to the name can be made; nothing is sent over it.
+    static bool existRegisteredName(std::string_view name);
+    /// Gives up one reference of each element and one of the array itself. Nothing for null. Throws
+    /// std::logic_error when the array changes during the walk.
+    static void releaseNSMutableArray(okv::ObjectArray* array);
+    /// Releases the object as often as its count says, whoever else still holds it: intended. The
+    /// caller must hold no pointer to it afterwards. Nothing for null.
+    static void forceRelease(okv::Object* object);
 };
