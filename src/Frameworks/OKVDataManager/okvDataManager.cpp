@@ -1,1 +1,546 @@
 #include <OKVDataManager/okvDataManager.h>
+
+#include <OKVDataManager/okvSystemProcList.h>
+#include <OKVLog/OKVLog.h>
+#include <OKVPlatform/system/NSLog.h>
+
+#include <uriparser/Uri.h>
+
+#include <unistd.h>
+
+#include <mutex>
+
+namespace {
+
+constexpr int kConnectTries = 5;
+constexpr useconds_t kConnectSleepMicroseconds = 500000;
+constexpr int kSwitchLogLevel = 30;
+constexpr char kFilterOffKey[] = "dc-cmnset-common_filter_off";
+
+// The monitor of the class: it may be entered again by the thread that holds it.
+std::recursive_mutex& classMonitor() {
+    static auto& monitor = *new std::recursive_mutex;
+    return monitor;
+}
+
+// The shared instance belongs to its class and is not destroyed at process exit.
+okv::Ref<okvDataManager>& sharedInstance() {
+    static auto& shared = *new okv::Ref<okvDataManager>;
+    return shared;
+}
+
+template <class Create>
+okv::Ref<okvDataManager> sharedOrCreated(Create create) {
+    const std::lock_guard lock(classMonitor());
+    auto& shared = sharedInstance();
+    if (!shared) {
+        shared = okv::Ref<okvDataManager>::adopting(create());
+    } else if (!(shared->isConnect() ? shared->isValid() : shared->reconnectSrv())) {
+        // Not created anew in the same call: that is the next caller's.
+        shared = nullptr;
+    }
+    return shared;
+}
+
+}  // namespace
+
+// The one place where a message meets a missing proxy: it then answers the zero value of its
+// result.
+template <auto Method, class... Arguments>
+auto okvDataManager::forward(const Arguments&... arguments) const {
+    using Result = decltype(okv::send<Method>(std::declval<okv::RemoteObject&>(), arguments...));
+    const auto proxy = _proxySrv.load();
+    return proxy ? okv::send<Method>(*proxy, arguments...) : Result();
+}
+
+// ---- The shared instance ----
+
+okv::Ref<okvDataManager> okvDataManager::sharedDataManager() {
+    return sharedOrCreated([] { return (new okvDataManager)->init(); });
+}
+
+okv::Ref<okvDataManager> okvDataManager::sharedDataManagerInit(okv::Object* object) {
+    return sharedOrCreated([object] { return (new okvDataManager)->initialize(object); });
+}
+
+// ---- Life and connection ----
+
+okvDataManager::okvDataManager() = default;
+
+okvDataManager* okvDataManager::init() {
+    auto self = okv::Ref<okvDataManager>::adopting(
+        this);  // released on failure and on the way of an exception
+    if (!connectSrv()) return nullptr;
+    initData();
+    return self.leak();
+}
+
+okvDataManager* okvDataManager::initialize(okv::Object* object) {
+    _myObj = object;
+    return init();
+}
+
+void okvDataManager::dealloc() {
+    okv::ExportedObjects::withdraw(*this);
+    okv::NotificationCenter::defaultCenter().removeObserver(*this,
+                                                            okv::NSConnectionDidDieNotification);
+    if (_proxySrv) disConnectSrv();
+    _connectOKVService = nullptr;
+    clearData();
+}
+
+bool okvDataManager::isValid() const {
+    const auto connection = _connectSrv.load();
+    return connection && connection->isValid();
+}
+
+bool okvDataManager::isConnect() const {
+    return static_cast<bool>(_connectSrv);
+}
+
+okv::Ref<okv::RemoteObject> okvDataManager::proxyObj() const {
+    return isConnect() ? _proxySrv.load() : nullptr;
+}
+
+okv::Ref<okv::Connection> okvDataManager::lookUpServer() {
+    for (int count = 1; count <= kConnectTries; ++count) {
+        usleep(kConnectSleepMicroseconds);  // before the first try, too
+        if (auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName)) {
+            okv::NSLog("-> connect is ok!");
+            return connection;
+        }
+        _proxySrv.store(nullptr);
+        _connectSrv.store(nullptr);
+        okv::NSLog("-> retry connection... [%d]", count);
+    }
+    return nullptr;
+}
+
+bool okvDataManager::connectSrv() {
+    okv::NSLog("DataFW: connectSrv.");
+    _bReconFlg.store(true, std::memory_order_relaxed);
+    const auto connection = lookUpServer();
+    if (!connection) {
+        okv::NSLog("DataSrv is connect fail. (connection fail...)");
+        return false;
+    }
+    _connectSrv.store(connection);
+    const auto proxy = connection->rootProxy();
+    _proxySrv.store(proxy);
+    return proxy && registerWith(*proxy);
+}
+
+// The protocol's types are known at compile time: nothing needs to be declared to the proxy before.
+bool okvDataManager::registerWith(okv::RemoteObject& proxy) {
+    const bool registered = okv::send<&OKVDataMng_protocol::registerAsClient>(
+        proxy, okv::lend<OKVClientMng_protocol>(*this));
+    // Whatever the answer was, and once more for every connection: the handler does no harm when it
+    // is called again.
+    okv::NotificationCenter::defaultCenter().addObserver(
+        *this, &okvDataManager::removeInvalidServerConnection, okv::NSConnectionDidDieNotification);
+    return registered;
+}
+
+void okvDataManager::disConnectSrv() {
+    okv::NSLog("DataFW: disConnectSrv. ");  // the trailing blank belongs to the line
+    _bReconFlg.store(false, std::memory_order_relaxed);
+    if (!_connectSrv) return;
+    // Released, not invalidated; the observer of its death stays, too.
+    _proxySrv.store(nullptr);
+    _connectSrv.store(nullptr);
+}
+
+bool okvDataManager::reconnectSrv() {
+    okv::NSLog("DataFW: reconnectSrv.");
+    if (isConnect()) return true;
+    if (!_bReconFlg.load(std::memory_order_relaxed))
+        return true;  // told to disconnect, and still fit for use
+    if (!connectSrv()) return false;
+    initData();
+    return true;
+}
+
+void okvDataManager::initData() {
+    setNowSessionUserId(currentUserId());
+    _bReconFlg.store(true, std::memory_order_relaxed);
+}
+
+void okvDataManager::removeInvalidServerConnection(const okv::LocalNotification&) {
+    const auto connection = _connectSrv.load();
+    if (!connection || connection->isValid()) return;
+    // Another thread may have connected anew meanwhile: only what was found dead is cleared.
+    const auto proxy = _proxySrv.load();
+    if (proxy && &proxy->port() == connection.get()) _proxySrv.clearIf(proxy.get());
+    _connectSrv.clearIf(connection.get());
+}
+
+// ---- User identities ----
+
+std::int32_t okvDataManager::defaultUserId() const {
+    return forward<&OKVDataMng_protocol::defaultUserIdPT>();
+}
+std::int32_t okvDataManager::currentUserId() const {
+    return forward<&OKVDataMng_protocol::currentUserIdPT>();
+}
+std::int32_t okvDataManager::maxUserId() const {
+    return forward<&OKVDataMng_protocol::maxUserIdPT>();
+}
+
+bool okvDataManager::setCurrentUserId(std::int32_t appUid) {
+    return forward<&OKVDataMng_protocol::setCurrentUserIdPT>(okv::Value(appUid));
+}
+
+bool okvDataManager::setCurrentUserIdForOS(std::int32_t appUid) {
+    return forward<&OKVDataMng_protocol::setCurrentUserIdForOSPT>(okv::Value(appUid));
+}
+
+void okvDataManager::setUserid_applyUid(std::int32_t userId, std::int32_t appUid) {
+    forward<&OKVDataMng_protocol::setUseridPT_applyUid>(userId, appUid);
+}
+
+std::int32_t okvDataManager::delUserid(std::int32_t userId) {
+    return forward<&OKVDataMng_protocol::delUseridPT>(userId);
+}
+
+okv::Value okvDataManager::userIdOSList() const {
+    return forward<&OKVDataMng_protocol::uidListPT>();
+}
+
+okv::Value okvDataManager::userIdList() const {
+    auto list = forward<&OKVDataMng_protocol::useridAppListPT>();
+    return list.is<okv::Array>() ? list : okv::Value();
+}
+
+void okvDataManager::removeUserInfoAll() {
+    forward<&OKVDataMng_protocol::removeUserInfoAllPT>();
+}
+
+bool okvDataManager::removeUserInfo(std::int32_t appUid) {
+    return forward<&OKVDataMng_protocol::removeUserInfoPT>(okv::Value(appUid));
+}
+
+bool okvDataManager::isUserId(std::int32_t appUid) const {
+    const auto list = userIdList();
+    const auto* users = list.getIf<okv::Array>();
+    if (users == nullptr) return false;
+    for (const auto& user : *users) {
+        if (user.intValue() == appUid) return true;
+    }
+    return false;
+}
+
+std::int32_t okvDataManager::isAppUserIdWithOSId() const {
+    const auto list = userIdOSList();
+    const auto* accounts = list.getIf<okv::Dictionary>();
+    if (accounts == nullptr) return -1;
+    for (const auto& [account, user] : *accounts) {
+        // Only the low 32 bits count, and the real uid, not the effective one: both intended.
+        if (static_cast<std::uint32_t>(account.longLongValue()) == getuid()) return user.intValue();
+    }
+    return -1;
+}
+
+// ---- Session user and server clock ----
+
+void okvDataManager::setNowSessionUserId(std::int32_t appUid) {
+    _nowSessionAppUid.store(appUid, std::memory_order_relaxed);
+}
+
+std::int32_t okvDataManager::nowSessionUserId() const {
+    return _nowSessionAppUid.load(std::memory_order_relaxed);
+}
+
+bool okvDataManager::updateNowSessionUserId(std::int32_t appUid) {
+    if (isUserId(appUid)) return false;
+    setNowSessionUserId(defaultUserId());
+    return true;
+}
+
+void okvDataManager::updateSessionUserId(const okv::Value& userInformation) {
+    const auto* information = userInformation.getIf<okv::Dictionary>();
+    if (information == nullptr) return;
+    const auto osUid = (*information)["osuserid"].intValue();
+    const auto sessionUserId = (*information)["session_userid"].intValue();
+    OKVSystemLog(kSwitchLogLevel, "->userSwitch! osUid:%d, sessionUserId:%d", osUid, sessionUserId);
+    if (static_cast<uid_t>(osUid) == getuid()) setNowSessionUserId(sessionUserId);
+}
+
+void okvDataManager::setServerTime(const okv::Value& date) {
+    forward<&OKVDataMng_protocol::setServerTimePT>(date);
+}
+
+okv::Date okvDataManager::serverTime() const {
+    if (isConnect()) {
+        const auto answer = forward<&OKVDataMng_protocol::serverTimePT>();
+        if (const auto* date = answer.getIf<okv::Date>()) return *date;
+    }
+    return okv::Date::now();
+}
+
+void okvDataManager::startServerTimeTimer() {
+    forward<&OKVDataMng_protocol::startServerTimeTimer>();
+}
+void okvDataManager::stopServerTimeTimer() {
+    forward<&OKVDataMng_protocol::stopServerTimeTimer>();
+}
+
+// ---- Settings ----
+
+// Before every read for the session user: a user that was removed at the server is not used any
+// more.
+std::int32_t okvDataManager::refreshedSessionUser() {
+    updateNowSessionUserId(nowSessionUserId());
+    return nowSessionUserId();
+}
+
+bool okvDataManager::reloadOKVData() {
+    return forward<&OKVDataMng_protocol::reloadDataPT>();
+}
+
+std::int32_t okvDataManager::userAppuid(std::int32_t osUid) const {
+    return forward<&OKVDataMng_protocol::userAppuidPT>(osUid);
+}
+
+okv::Value okvDataManager::okvData(std::string_view key) {
+    if (key.empty()) return okv::Null{};
+    const auto user = refreshedSessionUser();
+    return forward<&OKVDataMng_protocol::okvDataPT_appUid>(key, user);
+}
+
+okv::Value okvDataManager::okvDataAll(const okv::Value& keys) {
+    const auto* array = keys.getIf<okv::Array>();
+    if (array == nullptr || array->empty())
+        return {};  // nil, where the single read answers the null object: intended
+    const auto user = refreshedSessionUser();
+    return forward<&OKVDataMng_protocol::okvDataAllPT_appUid>(keys, user);
+}
+
+bool okvDataManager::setOKVData_value(std::optional<std::string_view> key,
+                                      const okv::Value& value) {
+    return setOKVData_value_appUid(key, value,
+                                   nowSessionUserId());  // as it stands: writes do not refresh it
+}
+
+bool okvDataManager::setOKVData_value_appUid(std::optional<std::string_view> key,
+                                             const okv::Value& value, std::int32_t appUid) {
+    if (!key || value.isNil()) return false;
+    return forward<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(*key, value, appUid);
+}
+
+bool okvDataManager::setOKVData_value_osUid(std::optional<std::string_view> key,
+                                            const okv::Value& value, std::int32_t osUid) {
+    if (!key || value.isNil()) return false;
+    return forward<&OKVDataMng_protocol::setOKVDataPT_value_osUid>(*key, value, osUid);
+}
+
+bool okvDataManager::setOKVDataAll(const okv::Value& settings) {
+    return setOKVDataAll_appUid(settings, nowSessionUserId());
+}
+
+bool okvDataManager::setOKVDataAll_appUid(const okv::Value& settings, std::int32_t appUid) {
+    return !settings.isNil() &&
+           forward<&OKVDataMng_protocol::setOKVDataAllPT_appUid>(settings, appUid);
+}
+
+bool okvDataManager::setOKVDataAll_osUid(const okv::Value& settings, std::int32_t osUid) {
+    return !settings.isNil() &&
+           forward<&OKVDataMng_protocol::setOKVDataAllPT_osUid>(settings, osUid);
+}
+
+bool okvDataManager::setAgentRun(bool flag) {
+    return forward<&OKVDataMng_protocol::setAgentAutoRunPT>(flag);
+}
+
+bool okvDataManager::isFilterOff() {
+    return okvData(kFilterOffKey).boolValue();
+}
+
+// ---- Per-user lists ----
+
+// By the effective uid, where the account table above is searched by the real one: intended.
+std::int32_t okvDataManager::accountUser() const {
+    return userAppuid(static_cast<std::int32_t>(geteuid()));
+}
+
+template <auto Read>
+okv::Value okvDataManager::listOf(std::int32_t appUid) const {
+    return forward<Read>(okv::Value(appUid));
+}
+
+template <auto Replace>
+bool okvDataManager::replaceList(std::int32_t appUid, const okv::Value& value) {
+    return !value.isNil() && forward<Replace>(okv::Value(appUid), value);
+}
+
+okv::Value okvDataManager::okvCurrentUserSetting() {
+    return okvUserSetting(refreshedSessionUser());
+}
+okv::Value okvDataManager::okvCurrentUserSetting2OSUid() const {
+    return okvUserSetting(accountUser());
+}
+okv::Value okvDataManager::okvUserSetting(std::int32_t appUid) const {
+    return listOf<&OKVDataMng_protocol::okvUserSettingPT>(appUid);
+}
+bool okvDataManager::setOkvUserSetting_value(std::int32_t appUid, const okv::Value& value) {
+    return replaceList<&OKVDataMng_protocol::setOkvUserSettingPT_value>(appUid, value);
+}
+
+okv::Value okvDataManager::okvCurrentContentsWords() {
+    return okvContentsWords(refreshedSessionUser());
+}
+okv::Value okvDataManager::okvCurrentContentsWords2OSUid() const {
+    return okvContentsWords(accountUser());
+}
+okv::Value okvDataManager::okvContentsWords(std::int32_t appUid) const {
+    return listOf<&OKVDataMng_protocol::okvContentsWordsPT>(appUid);
+}
+bool okvDataManager::setOkvContentsWords_value(std::int32_t appUid, const okv::Value& value) {
+    return replaceList<&OKVDataMng_protocol::setOkvContentsWordsPT_value>(appUid, value);
+}
+
+okv::Value okvDataManager::okvCurrentHammerList() {
+    return okvHammerList(refreshedSessionUser());
+}
+okv::Value okvDataManager::okvCurrentHammerList2OSUid() const {
+    return okvHammerList(accountUser());
+}
+okv::Value okvDataManager::okvHammerList(std::int32_t appUid) const {
+    return listOf<&OKVDataMng_protocol::okvHammerListPT>(appUid);
+}
+bool okvDataManager::setOkvHammerList_value(std::int32_t appUid, const okv::Value& value) {
+    return replaceList<&OKVDataMng_protocol::setOkvHammerListPT_value>(appUid, value);
+}
+
+okv::Value okvDataManager::okvCurrentBlackExtensionList() {
+    return okvBlackExtensionList(refreshedSessionUser());
+}
+okv::Value okvDataManager::okvCurrentBlackExtensionList2OSUid() const {
+    return okvBlackExtensionList(accountUser());
+}
+okv::Value okvDataManager::okvBlackExtensionList(std::int32_t appUid) const {
+    return listOf<&OKVDataMng_protocol::okvBlackExtensionListPT>(appUid);
+}
+bool okvDataManager::setOkvBlackExtensionList_value(std::int32_t appUid, const okv::Value& value) {
+    return replaceList<&OKVDataMng_protocol::setOkvBlackExtensionListPT_value>(appUid, value);
+}
+
+// ---- Process lists ----
+
+template <auto Method>
+okv::Array okvDataManager::valuesOf() const {
+    const auto answer = forward<Method>();
+    okv::Array values;
+    if (const auto* dictionary = answer.template getIf<okv::Dictionary>()) {
+        for (const auto& entry : *dictionary) values.push_back(entry.value);
+    }
+    return values;
+}
+
+okv::Array okvDataManager::okvKillWebProcList() const {
+    return valuesOf<&OKVDataMng_protocol::okvKillWebProcListPT>();
+}
+okv::Array okvDataManager::okvFltProcBlackList() const {
+    return valuesOf<&OKVDataMng_protocol::okvFltProcBlackListPT>();
+}
+okv::Array okvDataManager::okvFltProcWhiteList() const {
+    return valuesOf<&OKVDataMng_protocol::okvFltProcWhiteListPT>();
+}
+okv::Array okvDataManager::systemBlackProcs() {
+    return okvSystemProcList::sysBlockProcBlackLists();
+}
+okv::Array okvDataManager::systemWhiteProcs() {
+    return okvSystemProcList::sysBlockProcWhiteLists();
+}
+
+// ---- Service endpoints ----
+
+struct okvDataManager::Endpoint {
+    const char* key;
+    const char* standard;  // ports are texts, read in the same way as a stored value
+};
+
+namespace {
+
+// The ports that mean the secure scheme, in the order in which they are compared.
+constexpr const char* kSecurePorts[] = {"443", "21079"};
+
+std::optional<std::string> hostOf(const std::string& url) {
+    UriUriA uri;
+    if (uriParseSingleUriA(&uri, url.c_str(), nullptr) != URI_SUCCESS) return std::nullopt;
+    std::optional<std::string> host;
+    if (uri.hostText.first != nullptr) host.emplace(uri.hostText.first, uri.hostText.afterLast);
+    uriFreeUriMembersA(&uri);
+    return host;
+}
+
+}  // namespace
+
+// The answer as it stands; the standard where nothing is stored, or nothing that is a text.
+std::string okvDataManager::textAt(const Endpoint& endpoint) const {
+    const auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
+    if (const auto* text = answer.getIf<std::string>()) return *text;
+    return answer.is<std::int64_t>() ? std::to_string(answer.longLongValue()) : endpoint.standard;
+}
+
+std::int32_t okvDataManager::portAt(const Endpoint& endpoint) const {
+    const auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
+    return answer.isMissing() ? okv::intValueOf(endpoint.standard) : answer.intValue();
+}
+
+std::string okvDataManager::arsEncodekey() const {
+    return textAt({"dc-syscmnf-ars2_encodekey", ""});
+}
+std::string okvDataManager::arsServHost() const {
+    return textAt({"dc-syscmnf-ars2_server_host", OKV_DEFAULT_ARS_HOST});
+}
+std::int32_t okvDataManager::arsServPort() const {
+    return portAt({"dc-syscmnf-ars2_server_port", "80"});
+}
+std::int32_t okvDataManager::arsLogServPort() const {
+    return portAt({"dc-syscmnf-ars2_logserver_port", "20083"});
+}
+std::string okvDataManager::settingServHost() const {
+    return textAt({"dc-syscmnf-setting_server_host", OKV_DEFAULT_SETTING_HOST});
+}
+std::int32_t okvDataManager::settingServPort() const {
+    return portAt({"dc-syscmnf-setting_server_port", "443"});
+}
+std::string okvDataManager::passwdForgotUrl() const {
+    return textAt({"dc-syscmnf-passwd_forgot_url", ""});
+}
+std::string okvDataManager::pgUpdateServUrl() const {
+    return textAt({"dc-syscmnf-pg_update_server_url", ""});
+}
+std::string okvDataManager::fdUpdateServUrl() const {
+    return textAt({"dc-syscmnf-fd_update_server_url", ""});
+}
+
+std::string okvDataManager::checkHTTPProtocol(std::int32_t port) const {
+    for (const char* secure : kSecurePorts) {
+        if (okv::intValueOf(secure) == port) return "https";
+    }
+    return "http";
+}
+
+bool okvDataManager::isOKVServer(std::string_view url) const {
+    const auto host = hostOf(std::string(url));
+    if (!host) return false;
+    const auto prefix = settingServHost();
+    return !prefix.empty() && host->starts_with(prefix);  // an empty text is the prefix of none
+}
+
+std::string okvDataManager::settingBaseUrl() const {
+    const auto port = settingServPort();
+    const auto scheme = checkHTTPProtocol(port);
+    return scheme + "://" + settingServHost() + ":" + std::to_string(port);
+}
+
+std::string okvDataManager::loginTopUrl() const {
+    return settingBaseUrl() + "/kv6/login";
+}
+std::string okvDataManager::forgotPasswdUrl() const {
+    return settingBaseUrl() + "/kv6/forgot";
+}
+std::string okvDataManager::bpCancelUrl() const {
+    return settingBaseUrl() + "/kv6/cancel_url/request";
+}

@@ -1,9 +1,17 @@
 #pragma once
 
+#include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Protocol.h>
+#include <OKVPlatform/values/AtomicRef.h>
 #include <OKVPlatform/values/Value.h>
 
+#include <atomic>
 #include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
 
 /// The name under which the data server vends its root object.
 inline constexpr char kOKVDataServerName[] = "jp.nrm.okv6.dataConnection";
@@ -148,3 +156,211 @@ public:
 template <>
 inline constexpr auto okv::protocol<OKVClientMng_protocol> =
     okv::protocolTable(okv::row<&OKVClientMng_protocol::disConnectSrv>("disConnectSrv"));
+
+/// A process's way to its settings: one shared object that is connected to the data server.
+///
+///     auto manager = okvDataManager::sharedDataManager();
+///     if (!manager) return;                                  // no data server; the next call
+///     tries again okv::Value colour = manager->okvData("dc-gui-colour");
+///
+/// Life. `sharedDataManager` creates the shared instance at its first call (five tries, half a
+/// second of sleep before each), checks it at every later one, reconnects it when its connection
+/// has died, and discards it when that fails: the call answers null, and the next creates anew.
+/// Every connection registers the data manager as a client, and every one but a direct `connectSrv`
+/// seeds the session user with the server's current user. After `disConnectSrv`, which the data
+/// server sends too, it stays unconnected until a client sends `connectSrv` itself.
+///
+/// Without a connection every operation answers its zero value (NO, 0, nil), sends nothing, and
+/// does not try to connect. A connection that is held but dead throws okv::ConnectionError, as
+/// every failed call does; nothing is caught here.
+///
+/// Threads. The two class operations hold one monitor, also while they sleep. Instance operations
+/// take no lock and may be called from any thread. `disConnectSrv` of the server is served by the
+/// run loop of the thread that connected.
+class OKV_EXPORT okvDataManager final : public okv::Object, public OKVClientMng_protocol {
+public:
+    // ---- The shared instance ----
+
+    /// The shared data manager, or null when there is no connection to be had.
+    static okv::Ref<okvDataManager> sharedDataManager();
+    /// The same; the object is handed to a newly created instance and ignored otherwise. It is not
+    /// retained.
+    static okv::Ref<okvDataManager> sharedDataManagerInit(okv::Object* object);
+
+    // ---- Life and connection ----
+
+    okvDataManager();
+    /// Connects and seeds the session user. Answers this, or null when there is no connection: then
+    /// the instance has been released.
+    okvDataManager* init();
+    /// Stores the object, then as `init`.
+    okvDataManager* initialize(okv::Object* object);
+
+    /// Whether the connection is held and alive; NO without one.
+    bool isValid() const;
+    /// Whether a connection is held, dead or alive.
+    bool isConnect() const;
+    /// The server's root object while connected, else null.
+    okv::Ref<okv::RemoteObject> proxyObj() const;
+    /// Connects anew and registers: up to five tries, half a second of sleep before each. Answers
+    /// what the server answers to the registration. It does not seed the session user.
+    bool connectSrv();
+    /// Drops the connection and forbids reconnecting. The data server sends it to its clients, too.
+    void disConnectSrv() override;
+    /// Connects again where that is permitted and needed. YES as well where it is not permitted: a
+    /// data manager that was told to disconnect is still fit for use.
+    bool reconnectSrv();
+    /// Seeds the session user with the server's current user and permits reconnecting.
+    void initData();
+    /// Does nothing; a hook that the teardown calls.
+    void clearData() {}
+    /// Drops the connection if it has died, whichever connection the notice is about.
+    void removeInvalidServerConnection(const okv::LocalNotification& notification);
+
+    // ---- User identities: every operation asks the server anew ----
+
+    std::int32_t defaultUserId() const;
+    std::int32_t currentUserId() const;
+    std::int32_t maxUserId() const;
+    bool setCurrentUserId(std::int32_t appUid);
+    bool setCurrentUserIdForOS(std::int32_t appUid);
+    void setUserid_applyUid(std::int32_t userId, std::int32_t appUid);
+    /// The server's integer as it comes, negative ones included.
+    std::int32_t delUserid(std::int32_t userId);
+    /// Accounts to application users, as the server gives it; nil without one.
+    okv::Value userIdOSList() const;
+    /// The application users; nil, not an empty array, when the server gives none.
+    okv::Value userIdList() const;
+    void removeUserInfoAll();
+    bool removeUserInfo(std::int32_t appUid);
+    /// Whether the id is among the application users.
+    bool isUserId(std::int32_t appUid) const;
+    /// Despite its name no yes or no: the application user of this process's real uid, or -1.
+    std::int32_t isAppUserIdWithOSId() const;
+
+    // ---- Session user and server clock ----
+
+    /// Stores the id unchecked.
+    void setNowSessionUserId(std::int32_t appUid);
+    std::int32_t nowSessionUserId() const;
+    /// Makes the server's default user the session user when the id is no known user; answers
+    /// whether it did. The id is only tested, never stored.
+    bool updateNowSessionUserId(std::int32_t appUid);
+    /// Applies a switch of user from a notice's user information ("osuserid", "session_userid"; a
+    /// missing entry reads as 0) when it concerns this process's real uid. Anything but a
+    /// dictionary is ignored.
+    void updateSessionUserId(const okv::Value& userInformation);
+    void setServerTime(const okv::Value& date);
+    /// The server's clock, or the local one where the server has no answer.
+    okv::Date serverTime() const;
+    void startServerTimeTimer();
+    void stopServerTimeTimer();
+
+    // ---- Settings. Reads for the session user make sure that it still exists; writes take it as
+    // it stands ----
+
+    bool reloadOKVData();
+    std::int32_t userAppuid(std::int32_t osUid) const;
+    /// The null object for an empty key, else what the server answers, nil included.
+    okv::Value okvData(std::string_view key);
+    /// Nil (not the null object: intended) for no keys, else what the server answers.
+    okv::Value okvDataAll(const okv::Value& keys);
+    /// NO when the key or the value is missing (nil); an empty key and the null object are sent.
+    bool setOKVData_value(std::optional<std::string_view> key, const okv::Value& value);
+    bool setOKVData_value_appUid(std::optional<std::string_view> key, const okv::Value& value,
+                                 std::int32_t appUid);
+    bool setOKVData_value_osUid(std::optional<std::string_view> key, const okv::Value& value,
+                                std::int32_t osUid);
+    /// NO when the settings are missing (nil); an empty collection is sent.
+    bool setOKVDataAll(const okv::Value& settings);
+    bool setOKVDataAll_appUid(const okv::Value& settings, std::int32_t appUid);
+    bool setOKVDataAll_osUid(const okv::Value& settings, std::int32_t osUid);
+    bool setAgentRun(bool flag);
+    /// The boolean reading of "dc-cmnset-common_filter_off"; NO without a value or with the null
+    /// object.
+    bool isFilterOff();
+
+    // ---- Per-user lists: for the session user, for the account of the effective uid, for any user
+    // ----
+
+    okv::Value okvCurrentUserSetting();
+    okv::Value okvCurrentUserSetting2OSUid() const;
+    okv::Value okvUserSetting(std::int32_t appUid) const;
+    bool setOkvUserSetting_value(std::int32_t appUid, const okv::Value& value);
+    okv::Value okvCurrentContentsWords();
+    okv::Value okvCurrentContentsWords2OSUid() const;
+    okv::Value okvContentsWords(std::int32_t appUid) const;
+    bool setOkvContentsWords_value(std::int32_t appUid, const okv::Value& value);
+    okv::Value okvCurrentHammerList();
+    okv::Value okvCurrentHammerList2OSUid() const;
+    okv::Value okvHammerList(std::int32_t appUid) const;
+    bool setOkvHammerList_value(std::int32_t appUid, const okv::Value& value);
+    okv::Value okvCurrentBlackExtensionList();
+    okv::Value okvCurrentBlackExtensionList2OSUid() const;
+    okv::Value okvBlackExtensionList(std::int32_t appUid) const;
+    bool setOkvBlackExtensionList_value(std::int32_t appUid, const okv::Value& value);
+
+    // ---- Process lists: the values of the server's dictionary; empty for any other answer ----
+
+    okv::Array okvKillWebProcList() const;
+    okv::Array okvFltProcBlackList() const;
+    okv::Array okvFltProcWhiteList() const;
+    /// The compiled-in lists; they need neither an instance nor a server.
+    static okv::Array systemBlackProcs();
+    static okv::Array systemWhiteProcs();
+
+    // ---- Service endpoints: read anew at every call, with a fixed default where nothing is stored
+    // ----
+
+    std::string arsEncodekey() const;
+    std::string arsServHost() const;
+    std::int32_t arsServPort() const;
+    std::int32_t arsLogServPort() const;
+    std::string settingServHost() const;
+    std::int32_t settingServPort() const;
+    /// A stored address; not to be confused with `forgotPasswdUrl`, which is built.
+    std::string passwdForgotUrl() const;
+    std::string pgUpdateServUrl() const;
+    std::string fdUpdateServUrl() const;
+    /// "https" for the ports 443 and 21079, else "http".
+    std::string checkHTTPProtocol(std::int32_t port) const;
+    /// Whether the host of the address begins with the setting server's name. A prefix is enough:
+    /// intended.
+    bool isOKVServer(std::string_view url) const;
+    /// Scheme, host and port of the setting server; the port is always written.
+    std::string settingBaseUrl() const;
+    std::string loginTopUrl() const;
+    std::string forgotPasswdUrl() const;
+    std::string bpCancelUrl() const;
+
+protected:
+    void dealloc() override;
+
+private:
+    friend struct okvDataManagerInspector;  // the tests' view of the fields
+
+    okv::Ref<okv::Connection> lookUpServer();
+    bool registerWith(okv::RemoteObject& proxy);
+    std::int32_t refreshedSessionUser();
+    std::int32_t accountUser() const;
+    struct Endpoint;
+    std::string textAt(const Endpoint& endpoint) const;
+    std::int32_t portAt(const Endpoint& endpoint) const;
+    template <auto Read>
+    okv::Value listOf(std::int32_t appUid) const;
+    template <auto Replace>
+    bool replaceList(std::int32_t appUid, const okv::Value& value);
+    template <auto Method, class... Arguments>
+    auto forward(const Arguments&... arguments) const;
+    template <auto Method>
+    okv::Array valuesOf() const;
+
+    okv::Ref<okv::Connection>
+        _connectOKVService;                       // a second slot that nothing in this library sets
+    okv::AtomicRef<okv::Connection> _connectSrv;  // set before the proxy and cleared after it
+    okv::AtomicRef<okv::RemoteObject> _proxySrv;  // holds its connection itself
+    std::atomic<bool> _bSrvFlg{false};
+    std::atomic<bool> _bReconFlg{false};
+    std::atomic<std::int32_t> _nowSessionAppUid{0};
+    okv::Object* _myObj = nullptr;  // kept for the client, read by nothing here, not retained
+};

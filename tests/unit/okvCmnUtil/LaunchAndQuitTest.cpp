@@ -1,5 +1,6 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvCmnUtilSeams.h>
+#include <OKVTesting/RuntimeFolder.h>
 
 #include <gtest/gtest.h>
 
@@ -15,7 +16,6 @@
 #include <vector>
 
 #include "PrivateRoot.h"
-#include "support/TestService.h"
 #include "unit/process/Support.h"
 
 using okv::Array;
@@ -244,7 +244,7 @@ TEST(SendQuit, AProcessThatDoesNotListenIsNotFound) {
 }
 
 TEST(SendQuit, ReachesAnApplicationThatListens) {
-    const okv::test::RuntimeFolder runtime;
+    const okv::testing::RuntimeFolder runtime;
     const std::string path = OKV_TEST_QUITTING_APPLICATION;
     const Child accepting(path);
     const Child declining(path, {{path, "--reply", "-128"}});

@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/Publication.h>
 #include <OKVPlatform/process/QuitEvent.h>
+#include <OKVTesting/RuntimeFolder.h>
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,6 @@
 #include <string>
 
 #include "Support.h"
-#include "support/TestService.h"
 
 using okv::ProcessSerialNumber;
 using okv::QuitEventListener;
@@ -66,7 +66,7 @@ class QuitEvent : public testing::Test {
 protected:
     std::string appsFolder() const { return runtime_.path() / "apps"; }
 
-    okv::test::RuntimeFolder runtime_;
+    okv::testing::RuntimeFolder runtime_;
 };
 
 }  // namespace

@@ -161,6 +161,16 @@ consteval std::string_view selectorOf() {
     return std::get<Row<Method>>(protocol<P>).selector;
 }
 
+template <auto Method>
+consteval char resultType() {
+    using R = typename MethodTraits<Method>::Result;
+    if constexpr (std::is_void_v<R>) {
+        return 'v';
+    } else {
+        return CarriedAs<R>::type;
+    }
+}
+
 /// An object of this process, handed over by reference.
 struct LentObject {
     std::uint64_t number;
@@ -284,6 +294,8 @@ public:
     }
     static std::string_view selector(std::size_t row) { return entries[row].selector; }
     static std::string_view types(std::size_t row) { return entries[row].types; }
+    /// "@" object, "i" int, "c" BOOL, "v" none.
+    static char resultType(std::size_t row) { return entries[row].result; }
     /// The row of a method, for tables that stand beside the protocol's.
     template <auto Method>
     static std::size_t rowOf() {
@@ -314,6 +326,7 @@ private:
     struct Entry {
         std::string_view selector;
         std::string_view types;
+        char result = 'v';
         Invoke invoke = nullptr;
     };
 
@@ -348,7 +361,7 @@ private:
         const std::tuple<Row<Method>...>& rows) {
         std::array<Entry, rowCount> sorted{Entry{std::get<Row<Method>>(rows).selector,
                                                  detail::TypesText<Method>::view,
-                                                 &invoke<Method>}...};
+                                                 detail::resultType<Method>(), &invoke<Method>}...};
         std::sort(sorted.begin(), sorted.end(),
                   [](const Entry& a, const Entry& b) { return a.selector < b.selector; });
         return sorted;

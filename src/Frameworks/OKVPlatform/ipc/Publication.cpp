@@ -132,6 +132,10 @@ void Publication::invalidate() {
     if (generation_ != PrivateDescriptor::forkGeneration()) return;
     stopAccepting();
     loop_->forget(this);
+    closeConnections();
+}
+
+void Publication::closeConnections() {
     while (!connections_.empty()) connections_.begin()->first->close();
 }
 

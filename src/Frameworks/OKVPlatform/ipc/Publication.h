@@ -72,6 +72,8 @@ public:
     bool isValid() const noexcept { return name_ != nullptr && name_->listener() >= 0; }
     /// Withdraws the name; who is connected stays so.
     void stopAccepting();
+    /// Closes every connection; the name stays published.
+    void closeConnections();
     /// Withdraws the name and closes every connection.
     void invalidate();
     std::size_t connectionCount() const noexcept { return connections_.size(); }

@@ -1,0 +1,195 @@
+#include <OKVTesting/FakeDataServer.h>
+
+#include <OKVDataManager/okvDataManager.h>
+
+#include <algorithm>
+
+namespace okv::testing {
+
+namespace {
+
+using Rows = Dispatcher<OKVDataMng_protocol>;
+
+Value zeroOf(char type) {
+    switch (type) {
+        case 'c':
+            return false;
+        case 'i':
+            return 0;
+        default:
+            return {};
+    }
+}
+
+bool takesClient(std::string_view selector) {
+    return selector == "registerAsClient:" || selector == "removeAsClient:";
+}
+
+std::string replyWith(std::string_view payload) {
+    std::string frame;
+    beginFrame(frame, FrameKind::reply);
+    frame.append(payload);
+    finishFrame(frame, 0, 0);
+    return frame;
+}
+
+}  // namespace
+
+struct FakeDataServer::Plan {
+    Behaviour behaviour;
+    std::string payload;
+    bool isPayload = false;
+    bool isGarbage = false;
+    bool hangsUp = false;
+};
+
+FakeDataServer::FakeDataServer(Options options) : options_(options) {
+    answer("registerAsClient:", true);
+    start();
+}
+
+FakeDataServer::~FakeDataServer() {
+    stop();
+}
+
+void FakeDataServer::start() {
+    RootObject root;
+    root.target = this;
+    if (options_.vendsRootObject) {
+        root.handler = [](void* target, IncomingRequest& request) {
+            static_cast<FakeDataServer*>(target)->handle(request);
+        };
+    }
+    PublicationOptions publication;
+    publication.connected = [this](MessagePort&) {
+        const std::lock_guard lock(mutex_);
+        ++accepted_;
+    };
+    service_ = std::make_unique<ServiceThread>(kOKVDataServerName, std::move(root),
+                                               std::move(publication));
+    if (!service_->failure().empty())
+        throw std::runtime_error("the fake data server: " + service_->failure());
+}
+
+void FakeDataServer::stop() {
+    service_.reset();
+    const std::lock_guard lock(mutex_);
+    clients_.clear();
+}
+
+void FakeDataServer::setPlan(const std::string& selector, Plan plan) {
+    const std::lock_guard lock(mutex_);
+    plans_[selector] = std::move(plan);
+}
+
+void FakeDataServer::answerBy(const std::string& selector, Behaviour behaviour) {
+    Plan plan;
+    plan.behaviour = std::move(behaviour);
+    setPlan(selector, std::move(plan));
+}
+
+void FakeDataServer::answer(const std::string& selector, Value value) {
+    answerBy(selector, [value = std::move(value)](const ReceivedMessage&) { return value; });
+}
+
+void FakeDataServer::answerPayload(const std::string& selector, std::string payload) {
+    Plan plan;
+    plan.payload = std::move(payload);
+    plan.isPayload = true;
+    setPlan(selector, std::move(plan));
+}
+
+void FakeDataServer::answerGarbage(const std::string& selector) {
+    Plan plan;
+    plan.isGarbage = true;
+    setPlan(selector, std::move(plan));
+}
+
+void FakeDataServer::hangUpAt(const std::string& selector) {
+    Plan plan;
+    plan.hangsUp = true;
+    setPlan(selector, std::move(plan));
+}
+
+FakeDataServer::Plan FakeDataServer::planFor(const std::string& selector) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = plans_.find(selector);
+    return found == plans_.end() ? Plan{} : found->second;
+}
+
+ReceivedMessage FakeDataServer::read(IncomingRequest& request) {
+    ReceivedMessage message{std::string(request.selector()), std::string(request.types()), {}};
+    auto reader = request.arguments();
+    if (takesClient(message.selector)) {
+        auto client = request.remote(reader.reference());
+        message.arguments.emplace_back("<client>");
+        const std::lock_guard lock(mutex_);
+        clients_.push_back(std::move(client));
+    }
+    while (!reader.atEnd()) message.arguments.push_back(reader.value());
+    return message;
+}
+
+void FakeDataServer::handle(IncomingRequest& request) {
+    const auto message = read(request);
+    {
+        const std::lock_guard lock(mutex_);
+        messages_.push_back(message);
+    }
+    carryOut(request, message, planFor(message.selector));
+}
+
+void FakeDataServer::carryOut(IncomingRequest& request, const ReceivedMessage& message,
+                              const Plan& plan) {
+    if (plan.hangsUp) return service_->publication().closeConnections();
+    if (plan.isGarbage) return request.answer(std::string(64, '\xEE'));
+    if (plan.isPayload) return request.answer(replyWith(plan.payload));
+    const auto row = Rows::find(message.selector);
+    if (!row && !plan.behaviour) return request.fail("unknown selector");
+    request.answer(replyWith(
+        encodeCbor(plan.behaviour ? plan.behaviour(message) : zeroOf(Rows::resultType(*row)))));
+}
+
+void FakeDataServer::disconnectClients() {
+    service_->on([this](Publication&) {
+        std::vector<Ref<RemoteObject>> clients;
+        {
+            const std::lock_guard lock(mutex_);
+            clients = clients_;
+        }
+        for (const auto& client : clients)
+            okv::post<&OKVClientMng_protocol::disConnectSrv>(*client);
+    });
+}
+
+void FakeDataServer::closeConnections() {
+    service_->on([](Publication& publication) { publication.closeConnections(); });
+}
+
+std::vector<ReceivedMessage> FakeDataServer::messages() const {
+    const std::lock_guard lock(mutex_);
+    return messages_;
+}
+
+std::vector<std::string> FakeDataServer::selectors() const {
+    std::vector<std::string> selectors;
+    for (const auto& message : messages()) selectors.push_back(message.selector);
+    return selectors;
+}
+
+std::size_t FakeDataServer::count(const std::string& selector) const {
+    const auto all = selectors();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), selector));
+}
+
+void FakeDataServer::forget() {
+    const std::lock_guard lock(mutex_);
+    messages_.clear();
+}
+
+std::size_t FakeDataServer::acceptedConnections() const {
+    const std::lock_guard lock(mutex_);
+    return accepted_;
+}
+
+}  // namespace okv::testing

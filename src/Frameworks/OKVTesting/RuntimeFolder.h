@@ -1,0 +1,24 @@
+#pragma once
+
+#include <OKVPlatform/Export.h>
+
+#include <filesystem>
+
+namespace okv::testing {
+
+/// A private runtime folder for one test: registered names and notices of other processes stay
+/// away. The process's environment points to it while it lives, and the folder goes with it.
+class OKV_EXPORT RuntimeFolder {
+public:
+    RuntimeFolder();
+    RuntimeFolder(const RuntimeFolder&) = delete;
+    RuntimeFolder& operator=(const RuntimeFolder&) = delete;
+    ~RuntimeFolder();
+
+    const std::filesystem::path& path() const noexcept { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+}  // namespace okv::testing
