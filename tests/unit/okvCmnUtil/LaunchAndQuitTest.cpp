@@ -22,7 +22,6 @@ using okv::Array;
 using okv::OSStatus;
 using okv::ProcessSerialNumber;
 using processtest::Child;
-using processtest::ChildOptions;
 using processtest::TempFolder;
 
 namespace {
