@@ -1,5 +1,6 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvCmnUtilSeams.h>
+#include <OKVTesting/RuntimeFolder.h>
 
 #include <OKVTesting/RuntimeFolder.h>
 
@@ -23,7 +24,6 @@ using okv::Array;
 using okv::OSStatus;
 using okv::ProcessSerialNumber;
 using processtest::Child;
-using processtest::ChildOptions;
 using processtest::TempFolder;
 
 namespace {

@@ -10,8 +10,6 @@ using okv::parseProcessStatus;
 
 namespace {
 
-using std::string_literals::operator""s;
-
 std::string statusText(const std::string& name, const std::string& rest = "") {
     return "Name:\t" + name +
            "\nUmask:\t0022\nState:\tS (sleeping)\nTgid:\t42\nNgid:\t0\nPid:\t42\nPPid:\t7\n"
@@ -80,15 +78,15 @@ TEST_P(BadStatus, AnswersNone) {
     EXPECT_FALSE(parseProcessStatus(GetParam()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, BadStatus,
-                         testing::Values("", "\n\n\n", "Name:\tx\n", "Pid:\t1\nPPid:\t1\nUid:\t1\n",
-                                         "Pid:\tx\nPPid:\t1\nUid:\t1\nGid:\t1\n",
-                                         "Pid:\nPPid:\t1\nUid:\t1\nGid:\t1\n",
-                                         "Pid:\t99999999999\nPPid:\t1\nUid:\t1\nGid:\t1\n",
-                                         "Pid:\t1\nPPid:\t1\nUid:\t-1\nGid:\t1\n",
-                                         "Pid:\t1x\nPPid:\t1\nUid:\t1\nGid:\t1\n",
-                                         "State:\t\nPid:\t1\nPPid:\t1\nUid:\t1\nGid:\t1\n",
-                                         "Pid:\t1\0\nPPid:\t1\nUid:\t1\nGid:\t1\n"s));
+INSTANTIATE_TEST_SUITE_P(
+    Rows, BadStatus,
+    testing::Values("", "\n\n\n", "Name:\tx\n", "Pid:\t1\nPPid:\t1\nUid:\t1\n",
+                    "Pid:\tx\nPPid:\t1\nUid:\t1\nGid:\t1\n", "Pid:\nPPid:\t1\nUid:\t1\nGid:\t1\n",
+                    "Pid:\t99999999999\nPPid:\t1\nUid:\t1\nGid:\t1\n",
+                    "Pid:\t1\nPPid:\t1\nUid:\t-1\nGid:\t1\n",
+                    "Pid:\t1x\nPPid:\t1\nUid:\t1\nGid:\t1\n",
+                    "State:\t\nPid:\t1\nPPid:\t1\nUid:\t1\nGid:\t1\n",
+                    std::string("Pid:\t1\0\nPPid:\t1\nUid:\t1\nGid:\t1\n", 30)));
 
 TEST(CommandLine, OnlyAnAbsoluteFirstArgumentCounts) {
     using std::string_view_literals::operator""sv;

@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/Publication.h>
 #include <OKVPlatform/process/QuitEvent.h>
+#include <OKVTesting/RuntimeFolder.h>
 
 #include <OKVTesting/RuntimeFolder.h>
 
