@@ -333,6 +333,17 @@ public:
     std::string forgotPasswdUrl() const;
     std::string bpCancelUrl() const;
 
+    // ---- Presence of the data server ----
+
+    /// Whether a data server process was found among the applications, during this call. It starts
+    /// none, whatever its log lines say.
+    bool checkServer();
+    /// YES; it starts nothing.
+    bool startSrv();
+    /// Ends this client's link to the data server, as `disConnectSrv` does, and answers YES; the
+    /// server itself goes on.
+    bool stopSrv();
+
 protected:
     void dealloc() override;
 
