@@ -10,7 +10,7 @@
 #include <atomic>
 #include <thread>
 
-#include "NotificationTestSupport.h"
+#include "support/NotificationTesting.h"
 
 using notification_test::Folder;
 using notification_test::Listener;

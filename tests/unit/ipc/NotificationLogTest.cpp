@@ -15,7 +15,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "NotificationTestSupport.h"
+#include "support/NotificationTesting.h"
 
 using notification_test::Folder;
 using okv::Notification;
