@@ -3,6 +3,7 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
+#include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/system/NSLog.h>
 
 #include <uriparser/Uri.h>
@@ -295,6 +296,12 @@ void okvDataManager::stopServerTimeTimer() {
 std::int32_t okvDataManager::refreshedSessionUser() {
     updateNowSessionUserId(nowSessionUserId());
     return nowSessionUserId();
+}
+
+void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object) {
+    okv::DistributedNotificationCenter::defaultCenter().addObserver(
+        observer, &OKVSettingObserver::settingChanged, kOKVSettingNotification, object,
+        &OKVSettingObserver::settingChangesMissed);
 }
 
 bool okvDataManager::reloadOKVData() {
