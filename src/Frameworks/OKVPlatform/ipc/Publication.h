@@ -27,16 +27,25 @@ struct RootObject {
     Ref<Object> owner;
 };
 
-/// A root object that answers protocol P.
+/// A root object that answers protocol P; it is retained where it is counted.
 template <class P, class T>
 RootObject rootObject(T& object) {
     RootObject root;
+    if constexpr (std::is_base_of_v<Object, T>) root.owner = Ref<Object>::retaining(&object);
     root.handler = [](void* target, IncomingRequest& request) {
         dispatch<P>(*static_cast<P*>(target), request);
     };
     root.target = static_cast<P*>(&object);
     return root;
 }
+
+/// Who is asked about what happens to a publication.
+class OKV_EXPORT PublicationDelegate {
+public:
+    virtual ~PublicationDelegate() = default;
+    /// Whether the peer may connect; called on the publication's thread.
+    virtual bool shouldMakeNewConnection(const PeerIdentity&) { return true; }
+};
 
 /// How much the outside may take of a publishing process.
 struct PublicationOptions {
@@ -83,6 +92,8 @@ public:
     /// Seconds; for calls that this process makes to its clients' objects.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
+    /// Not retained; null ends it.
+    void setDelegate(PublicationDelegate* delegate) noexcept { delegate_ = delegate; }
     double requestTimeout() const noexcept { return requestTimeout_; }
     double replyTimeout() const noexcept { return replyTimeout_; }
 
@@ -113,6 +124,7 @@ private:
     const PublicationOptions options_;
     const Ref<RunLoop> loop_;
     RunLoop::Id source_ = 0;
+    PublicationDelegate* delegate_ = nullptr;
     const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
     double requestTimeout_ = 0;
     double replyTimeout_ = 0;

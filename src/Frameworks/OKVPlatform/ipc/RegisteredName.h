@@ -71,4 +71,9 @@ struct ConnectedSocket {
 /// service user that owns it.
 OKV_EXPORT ConnectedSocket connectToName(std::string_view name, std::string_view subfolder = {});
 
+/// Connects to the name of a single process in a subfolder that every account may write to. The
+/// peer must be that very process by the kernel's word; whose it is does not matter.
+OKV_EXPORT ConnectedSocket connectToProcess(pid_t pid, std::string_view name,
+                                            std::string_view subfolder);
+
 }  // namespace okv
