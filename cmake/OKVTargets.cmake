@@ -15,8 +15,7 @@ function(okv_add_framework name export_name)
     target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${OKV_BUILD_FUZZ}>>:LINKER:--no-undefined>)
     set_target_properties(${name} PROPERTIES EXPORT_NAME ${export_name} VERSION ${OKV_ABI_VERSION}.0.0
         SOVERSION ${OKV_ABI_VERSION} VERIFY_INTERFACE_HEADER_SETS ON)
-    install(TARGETS ${name} EXPORT OKVDataManager FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        LIBRARY NAMELINK_COMPONENT development)
+    set_property(GLOBAL APPEND PROPERTY OKV_FRAMEWORKS ${name})
 endfunction()
 
 # okv_sources(OKVPlatform SOURCES a.cpp HEADERS a.h): headers keep their path below src/Frameworks when installed.
@@ -39,7 +38,7 @@ function(okv_add_test name)
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
 
 # okv_add_fuzz(name SOURCES a.cpp LIBRARIES okv::Platform): a libFuzzer target over tests/corpus/<name>. Built by clang

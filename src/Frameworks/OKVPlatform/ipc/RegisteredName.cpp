@@ -1,7 +1,6 @@
 #include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,19 +10,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <optional>
 
 namespace okv {
 
 namespace {
 
 constexpr std::size_t kNameAtMost = 80;
-
-const char* overriddenFolder() {
-    return secure_getenv("OKV_RUNTIME_DIR");
-}
 
 bool isNameCharacter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
@@ -32,25 +25,6 @@ bool isNameCharacter(char c) {
 
 std::string withReason(const std::string& what) {
     return what + ": " + std::strerror(errno);
-}
-
-std::optional<uid_t> serviceUser() {
-    char buffer[4096];
-    passwd entry{};
-    passwd* found = nullptr;
-    if (getpwnam_r(OKV_SERVICE_USER, &entry, buffer, sizeof buffer, &found) != 0 ||
-        found == nullptr)
-        return std::nullopt;
-    return entry.pw_uid;
-}
-
-// The service user counts only where it was built in: for the folder that was built in too.
-bool isServiceUser(uid_t uid) {
-    return overriddenFolder() == nullptr && serviceUser() == uid;
-}
-
-bool isFolderOwner(uid_t uid) {
-    return uid == 0 || uid == geteuid() || isServiceUser(uid);
 }
 
 bool ownsBuiltInFolder(uid_t uid) {
@@ -90,32 +64,15 @@ std::string temporaryName() {
 
 }  // namespace
 
-std::string runtimeDirectory() {
-    const char* folder = overriddenFolder();
-    return folder != nullptr && *folder != '\0' ? folder : OKV_RUNTIME_DIR;
-}
-
 bool isRegisteredName(std::string_view name) {
     return !name.empty() && name.size() <= kNameAtMost && name.front() != '.' &&
            std::all_of(name.begin(), name.end(), isNameCharacter);
 }
 
 bool PublishedName::openFolder(const Options& options, std::string& why) {
-    const auto path = folderPath(options.subfolder);
-    folder_ = PrivateDescriptor(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    struct stat status {};
-    if (!folder_.isValid() || fstat(folder_.get(), &status) != 0) {
-        why = withReason("the runtime folder " + path);
-        return false;
-    }
-    const bool shared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-    const bool sticky = (status.st_mode & S_ISVTX) != 0;
     // Names of single processes live in a sticky folder that every account may write.
-    if (isFolderOwner(status.st_uid) && (!shared || (sticky && !options.subfolder.empty())))
-        return true;
-    why = "the runtime folder " + path +
-          (shared ? ": others may write it" : ": owned by uid " + std::to_string(status.st_uid));
-    return false;
+    folder_ = openRuntimeFolder(folderPath(options.subfolder), !options.subfolder.empty(), why);
+    return folder_.isValid();
 }
 
 bool PublishedName::lockName(const std::string& lockFile, std::string& why) {

@@ -3,6 +3,7 @@
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/ipc/PeerIdentity.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/ipc/RuntimeFolder.h>
 
 #include <sys/types.h>
 
@@ -11,10 +12,6 @@
 #include <string_view>
 
 namespace okv {
-
-/// Where the registered names of this machine live: `$OKV_RUNTIME_DIR` (ignored in privileged
-/// programs) or the folder built in.
-OKV_EXPORT std::string runtimeDirectory();
 
 /// 1 to 80 bytes of [A-Za-z0-9._-] that do not begin with ".".
 OKV_EXPORT bool isRegisteredName(std::string_view name);

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <OKVPlatform/ipc/NotificationLog.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace okv {
+
+/// Goes through the records of a log's file, which another process may be writing meanwhile. What
+/// is not a whole record yet is read again from its first byte, never completed: a torn record may
+/// have been cut off and another one written in its place.
+class NotificationLogCursor {
+public:
+    explicit NotificationLogCursor(std::uint64_t offset = kLogHeaderSize) : offset_(offset) {}
+
+    /// The record at the offset, which moves past it when it is whole. Its content stays where it
+    /// is until the next call.
+    NotificationLogRecord next(int log);
+
+    /// Forgets what was read ahead, so that the next call looks at the file again.
+    void forget() noexcept;
+
+    std::uint64_t offset() const noexcept { return offset_; }
+
+private:
+    std::string_view ahead() const noexcept { return {bytes_.get() + begin_, end_ - begin_}; }
+    bool mayHoldMore(const NotificationLogRecord& record) const noexcept;
+    void read(int log, std::size_t wanted);
+
+    std::uint64_t offset_;
+    std::unique_ptr<char[]> bytes_;
+    std::size_t capacity_ = 0;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    bool sawEnd_ = false;  // the last read came to the end of the file
+};
+
+/// The header of an open log; none when it has no valid one.
+std::optional<NotificationLogHeader> readLogHeader(int log);
+
+}  // namespace okv

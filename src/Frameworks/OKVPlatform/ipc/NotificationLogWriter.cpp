@@ -1,0 +1,198 @@
+#include <OKVPlatform/ipc/NotificationLogCursor.h>
+#include <OKVPlatform/ipc/NotificationLogWriter.h>
+#include <OKVPlatform/ipc/RuntimeFolder.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+namespace okv {
+
+namespace {
+
+using Kind = NotificationError::Kind;
+
+constexpr char kTemporaryFile[] = "notifications.new";
+constexpr mode_t kLogMode = 0644;
+constexpr mode_t kLockMode = 0600;
+constexpr std::chrono::microseconds kLockRetry{200};
+
+NotificationLogHeader newLog() {
+    NotificationLogHeader header{0, 1};
+    while (header.id == 0)
+        if (getrandom(&header.id, sizeof header.id, 0) != sizeof header.id) header.id = 0;
+    return header;
+}
+
+bool writeAll(int file, const std::string& bytes) {
+    ssize_t count = 0;
+    do {
+        count = write(file, bytes.data(), bytes.size());
+    } while (count < 0 && errno == EINTR);
+    if (count >= 0 && static_cast<std::size_t>(count) != bytes.size()) errno = ENOSPC;
+    return static_cast<std::size_t>(count) == bytes.size();
+}
+
+}  // namespace
+
+void NotificationLogWriter::fail(const std::string& what) const {
+    const int reason = errno;
+    if (reason == EACCES || reason == EPERM)
+        throw NotificationError(Kind::refused, "uid " + std::to_string(geteuid()) +
+                                                   " may not post notices: " + what + ": " +
+                                                   std::strerror(reason));
+    throw NotificationError(Kind::failed, what + ": " + std::strerror(reason));
+}
+
+void NotificationLogWriter::post(const Notification& notification) {
+    auto record = encodeLogRecord(notification);
+    const std::lock_guard guard(mutex_);
+    const auto folder = openFolder();
+    const auto lock = takeLock(folder.get());
+    openLog(folder.get());
+    if (end_ + record.size() > options_.sizeLimit && end_ > kLogHeaderSize)
+        startLog(folder.get(), {id_, next_});
+    sealLogRecord(record, next_);
+    append(record);
+}
+
+PrivateDescriptor NotificationLogWriter::openFolder() const {
+    std::string why;
+    auto folder = openRuntimeFolder(folder_, false, why);
+    if (folder.isValid()) return folder;
+    const bool missing = access(folder_.c_str(), F_OK) != 0;
+    throw NotificationError(missing ? Kind::failed : Kind::refused, why);
+}
+
+// What root makes belongs to the folder's owner, who could not post otherwise.
+PrivateDescriptor NotificationLogWriter::createFile(int folder, const char* name,
+                                                    mode_t mode) const {
+    constexpr int flags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    PrivateDescriptor file(openat(folder, name, flags, mode));
+    struct stat owner {};
+    if (!file.isValid() || fchmod(file.get(), mode) != 0 || fstat(folder, &owner) != 0 ||
+        (geteuid() == 0 && fchown(file.get(), owner.st_uid, owner.st_gid) != 0))
+        fail(path(name));
+    return file;
+}
+
+PrivateDescriptor NotificationLogWriter::openLock(int folder) const {
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    PrivateDescriptor lock(openat(folder, kNotificationLockFile, flags));
+    if (lock.isValid()) return lock;
+    if (errno != ENOENT) fail(path(kNotificationLockFile));
+    return createFile(folder, kNotificationLockFile, kLockMode);
+}
+
+PrivateDescriptor NotificationLogWriter::takeLock(int folder) const {
+    auto lock = openLock(folder);
+    const auto deadline = std::chrono::steady_clock::now() + options_.lockWait;
+    while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) fail(path(kNotificationLockFile));
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw NotificationError(Kind::failed, path(kNotificationLockFile) +
+                                                      ": another poster holds it and does not "
+                                                      "go on");
+        std::this_thread::sleep_for(kLockRetry);
+    }
+    return lock;
+}
+
+void NotificationLogWriter::checkLog(const struct stat& status) const {
+    if (!S_ISREG(status.st_mode))
+        throw NotificationError(Kind::refused, path(kNotificationLogFile) + ": no regular file");
+    if (!isTrustedOwner(status.st_uid))
+        throw NotificationError(Kind::refused, path(kNotificationLogFile) + ": owned by uid " +
+                                                   std::to_string(status.st_uid));
+}
+
+// Whether the log at the path is the one this process posted to last.
+bool NotificationLogWriter::isAtPath(int folder, struct stat& status) const {
+    struct stat held {};
+    if (!log_.isValid() || fstat(log_.get(), &held) != 0 ||
+        fstatat(folder, kNotificationLogFile, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    return held.st_dev == status.st_dev && held.st_ino == status.st_ino;
+}
+
+// Lock held: nobody else appends or puts another file in its place.
+void NotificationLogWriter::openLog(int folder) {
+    struct stat status {};
+    if (isAtPath(folder, status)) {
+        if (static_cast<std::uint64_t>(status.st_size) == end_) return;
+        if (catchUp(static_cast<std::uint64_t>(status.st_size))) return;
+        return startLog(folder, newLog());
+    }
+    constexpr int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    log_ = PrivateDescriptor(openat(folder, kNotificationLogFile, flags));
+    if (!log_.isValid() && errno == ENOENT) return startLog(folder, newLog());
+    if (!log_.isValid() || fstat(log_.get(), &status) != 0) fail(path(kNotificationLogFile));
+    checkLog(status);
+    end_ = 0;
+    if (!catchUp(static_cast<std::uint64_t>(status.st_size))) startLog(folder, newLog());
+}
+
+// Reads on from where this process knows the log. False when it cannot be carried on: it holds what
+// is no record, or has lost records that were there, whose numbers must not be given twice.
+bool NotificationLogWriter::catchUp(std::uint64_t size) {
+    if (size < end_) return false;
+    if (end_ >= kLogHeaderSize && walk(size)) return true;
+    const auto header = readLogHeader(log_.get());
+    if (!header) return false;
+    id_ = header->id;
+    next_ = header->first;
+    end_ = kLogHeaderSize;
+    return walk(size);
+}
+
+// A record that was left incomplete, by a poster that was killed, is cut off: it was never
+// acknowledged, and no reader takes it for a record.
+bool NotificationLogWriter::walk(std::uint64_t size) {
+    NotificationLogCursor cursor(end_);
+    auto record = cursor.next(log_.get());
+    for (; record.state == NotificationLogRecord::State::whole; record = cursor.next(log_.get())) {
+        if (record.sequence != next_) return false;
+        ++next_;
+        end_ = cursor.offset();
+    }
+    if (end_ == size) return true;
+    return record.state == NotificationLogRecord::State::incomplete &&
+           ftruncate(log_.get(), static_cast<off_t>(end_)) == 0;
+}
+
+// A log never grows smaller under its readers: a new file takes its place.
+void NotificationLogWriter::startLog(int folder, const NotificationLogHeader& header) {
+    unlinkat(folder, kTemporaryFile, 0);
+    auto log = createFile(folder, kTemporaryFile, kLogMode);
+    if (!writeAll(log.get(), encodeLogHeader(header)) ||
+        renameat(folder, kTemporaryFile, folder, kNotificationLogFile) != 0) {
+        const int reason = errno;
+        unlinkat(folder, kTemporaryFile, 0);
+        errno = reason;
+        fail(path(kNotificationLogFile));
+    }
+    log_ = std::move(log);
+    id_ = header.id;
+    end_ = kLogHeaderSize;
+    next_ = header.first;
+}
+
+void NotificationLogWriter::append(const std::string& bytes) {
+    if (writeAll(log_.get(), bytes)) {
+        end_ += bytes.size();
+        ++next_;
+        return;
+    }
+    const int reason = errno;
+    // What part of it was written goes again, at the latest before the next post.
+    if (ftruncate(log_.get(), static_cast<off_t>(end_)) != 0) log_.close();
+    errno = reason;
+    fail(path(kNotificationLogFile));
+}
+
+}  // namespace okv

@@ -1,0 +1,420 @@
+#include <OKVPlatform/ipc/Crc32c.h>
+#include <OKVPlatform/ipc/NotificationLogReader.h>
+#include <OKVPlatform/ipc/NotificationLogWriter.h>
+#include <OKVPlatform/ipc/PeerIdentity.h>
+#include <OKVPlatform/values/Cbor.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
+#include "support/NotificationTesting.h"
+
+using notification_test::Folder;
+using okv::Notification;
+using okv::NotificationError;
+using okv::NotificationLogReader;
+using okv::NotificationLogWriter;
+using okv::Value;
+using State = okv::NotificationLogRecord::State;
+
+namespace {
+
+std::string record(std::uint64_t sequence, const Notification& notification) {
+    auto bytes = okv::encodeLogRecord(notification);
+    okv::sealLogRecord(bytes, sequence);
+    return bytes;
+}
+
+std::string rawRecord(std::uint64_t sequence, const std::string& content) {
+    auto bytes = std::string(okv::kLogRecordHeaderSize, '\0') + content;
+    okv::sealLogRecord(bytes, sequence);
+    return bytes;
+}
+
+std::string fileText(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+void appendToFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::app) << bytes;
+}
+
+/// What there is to read, the gaps as "-count".
+std::string readAll(NotificationLogReader& reader, bool pathToo = true) {
+    std::string read;
+    reader.refresh(pathToo);
+    while (const auto entry = reader.next()) {
+        if (entry->sequence > entry->missedFrom)
+            read += " -" + std::to_string(entry->sequence - entry->missedFrom);
+        if (entry->notification) read += " " + entry->notification->name;
+    }
+    return read;
+}
+
+NotificationError::Kind kindOfFailure(NotificationLogWriter& writer, const Notification& notice) {
+    try {
+        writer.post(notice);
+    } catch (const NotificationError& error) {
+        EXPECT_STRNE(error.what(), "");
+        return error.kind();
+    }
+    ADD_FAILURE() << "the notice was posted";
+    return {};
+}
+
+class NotificationLog : public testing::Test {
+protected:
+    Folder folder_;
+    NotificationLogWriter writer_{folder_.path(), {}};
+    NotificationLogReader reader_{folder_.path()};
+};
+
+}  // namespace
+
+TEST(Crc32c, MatchesTheKnownSums) {
+    struct Row {
+        std::string bytes;
+        std::uint32_t sum;
+    };
+    const Row rows[] = {{"", 0},
+                        {"123456789", 0xE3069283},
+                        {std::string(32, '\0'), 0x8A9136AA},
+                        {std::string(32, '\xFF'), 0x62A8AB43}};
+    for (const auto& [bytes, sum] : rows) EXPECT_EQ(okv::crc32c(bytes), sum) << bytes.size();
+    EXPECT_EQ(okv::crc32c("6789", okv::crc32c("12345")), 0xE3069283U);
+}
+
+TEST(NotificationLogFormat, AHeaderComesBackAndNothingElseIsOne) {
+    const auto bytes = okv::encodeLogHeader({0x0102030405060708U, 99});
+    ASSERT_EQ(bytes.size(), okv::kLogHeaderSize);
+    EXPECT_EQ(bytes.substr(0, 8), "OKVNOTES");
+    const auto header = okv::parseLogHeader(bytes + "more");
+    ASSERT_TRUE(header);
+    EXPECT_EQ(header->id, 0x0102030405060708U);
+    EXPECT_EQ(header->first, 99U);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        auto changed = bytes;
+        changed[i] = static_cast<char>(changed[i] ^ 1);
+        EXPECT_FALSE(okv::parseLogHeader(changed)) << i;
+        EXPECT_FALSE(okv::parseLogHeader(bytes.substr(0, i))) << i;
+    }
+    EXPECT_FALSE(okv::parseLogHeader(okv::encodeLogHeader({0, 1})));
+}
+
+TEST(NotificationLogFormat, ARecordComesBackWholeAndEveryPartOfItIsIncomplete) {
+    const auto bytes = record(7, {"name", "sender", okv::Dictionary{{"key", 5}}});
+    const auto parsed = okv::parseLogRecord(bytes + "next");
+    ASSERT_EQ(parsed.state, State::whole);
+    EXPECT_EQ(parsed.size, bytes.size());
+    EXPECT_EQ(parsed.sequence, 7U);
+    const auto notice = okv::decodeNotification(parsed.content);
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->name, "name");
+    EXPECT_EQ(notice->object, Value("sender"));
+    EXPECT_EQ(notice->userInfo, Value(okv::Dictionary{{"key", 5}}));
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_EQ(okv::parseLogRecord(bytes.substr(0, size)).state, State::incomplete) << size;
+}
+
+TEST(NotificationLogFormat, AChangedByteMakesNoWholeRecord) {
+    const auto bytes = record(7, {"name", {}, 5});
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        auto changed = bytes;
+        changed[i] = static_cast<char>(changed[i] ^ 0x10);
+        EXPECT_NE(okv::parseLogRecord(changed).state, State::whole) << i;
+    }
+    EXPECT_EQ(okv::parseLogRecord(std::string(16, '\0')).state, State::bad);
+    EXPECT_EQ(okv::parseLogRecord(std::string(16, '\xFF')).state, State::bad);
+}
+
+TEST(NotificationLogFormat, OnlyAnArrayOfNameSenderAndInformationIsANotice) {
+    const std::pair<Value, bool> rows[] = {{okv::Array{"n", Value(), Value()}, true},
+                                           {okv::Array{"n", "s", 1}, true},
+                                           {okv::Array{"n", 1, Value()}, false},
+                                           {okv::Array{1, "s", Value()}, false},
+                                           {okv::Array{"n", "s"}, false},
+                                           {okv::Array{"n", "s", 1, 2}, false},
+                                           {okv::Array{"n", okv::Null{}, 1}, false},
+                                           {"n", false}};
+    for (const auto& [value, isNotice] : rows)
+        EXPECT_EQ(okv::decodeNotification(okv::encodeCbor(value)).has_value(), isNotice);
+    EXPECT_FALSE(okv::decodeNotification(""));
+    EXPECT_FALSE(okv::decodeNotification(okv::encodeCbor(okv::Array{"n", "s", 1}) + "x"));
+}
+
+TEST_F(NotificationLog, GivesWhatIsPostedAfterTheReaderStoodAtTheEnd) {
+    writer_.post({"before", {}, {}});
+    reader_.skipToEnd();
+    EXPECT_EQ(readAll(reader_), "");
+    writer_.post({"a", {}, {}});
+    writer_.post({"b", {}, {}});
+    EXPECT_EQ(readAll(reader_, false), " a b");
+    EXPECT_EQ(readAll(reader_, false), "");
+}
+
+TEST_F(NotificationLog, IsReadableByAllAndItsLockByTheOwnerAlone) {
+    const auto mask = umask(077);
+    writer_.post({"a", {}, {}});
+    umask(mask);
+    struct stat status {};
+    ASSERT_EQ(stat(folder_.log().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+    ASSERT_EQ(stat(folder_.lock().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(NotificationLog, CutsATornTailBeforeItGrowsWhoeverPosts) {
+    const auto torn = record(2, {"torn", {}, std::string(100, 'x')});
+    for (std::size_t size = 1; size < torn.size(); size += 7) {
+        folder_.remove();
+        folder_.make();
+        writer_.post({"a", {}, {}});
+        const auto whole = fileText(folder_.log());
+        reader_.skipToEnd();
+        appendToFile(folder_.log(), torn.substr(0, size));
+        EXPECT_EQ(readAll(reader_), "") << size;
+        NotificationLogWriter other(folder_.path(), {});
+        (size % 2 == 0 ? other : writer_).post({"b", {}, {}});
+        EXPECT_EQ(readAll(reader_), " b") << size;
+        EXPECT_EQ(fileText(folder_.log()), whole + record(2, {"b", {}, {}})) << size;
+    }
+}
+
+TEST_F(NotificationLog, ATornRecordThatIsCutInMidReadingIsReadAnew) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    const auto good = record(2, {"good", {}, std::string(300, 'g')});
+    appendToFile(folder_.log(), record(2, {"torn", {}, std::string(300, 't')}).substr(0, 200));
+    EXPECT_EQ(readAll(reader_), "");
+    writer_.post({"good", {}, std::string(300, 'g')});
+    EXPECT_EQ(readAll(reader_), " good");
+}
+
+TEST_F(NotificationLog, ATailThatIsNoRecordIsLeftBehindWithItsFile) {
+    const std::pair<std::string, std::string> rows[] = {
+        {std::string(16, '\0'), " b c"},
+        {std::string(40, '\xFF'), " b c"},
+        {record(3, {"changed", {}, 1}).replace(20, 1, "?"), " b c"},
+        {rawRecord(9, "wrong number"), " b -7 c"}};
+    for (const auto& [tail, expected] : rows) {
+        folder_.remove();
+        folder_.make();
+        writer_.post({"a", {}, {}});
+        reader_.skipToEnd();
+        writer_.post({"b", {}, {}});
+        appendToFile(folder_.log(), tail);
+        NotificationLogWriter(folder_.path(), {}).post({"c", {}, {}});
+        EXPECT_EQ(readAll(reader_), expected);
+    }
+}
+
+TEST_F(NotificationLog, AWholeRecordThatIsNoNoticeCountsAsMissed) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    appendToFile(folder_.log(), rawRecord(2, "not cbor at all"));
+    writer_.post({"b", {}, {}});
+    EXPECT_EQ(readAll(reader_), " -1 b");
+}
+
+TEST_F(NotificationLog, RotatesByRenameWithoutLosingARecordForWhoReads) {
+    NotificationLogWriter writer(folder_.path(), {.sizeLimit = 400});
+    reader_.skipToEnd();
+    std::uint64_t files = 0;
+    ino_t last = 0;
+    for (int i = 1; i <= 100; ++i) {
+        writer.post({std::to_string(i), {}, std::string(60, 'x')});
+        struct stat status {};
+        ASSERT_EQ(stat(folder_.log().c_str(), &status), 0);
+        EXPECT_LE(status.st_size, 400);
+        if (status.st_ino != last) ++files;
+        last = status.st_ino;
+        EXPECT_EQ(readAll(reader_), " " + std::to_string(i));
+    }
+    EXPECT_GT(files, 20U);
+    EXPECT_FALSE(std::filesystem::exists(folder_.path() + "/notifications.new"));
+}
+
+TEST_F(NotificationLog, AReaderThatCameTooLateIsToldHowManyItMissed) {
+    NotificationLogWriter writer(folder_.path(), {.sizeLimit = 300});
+    writer.post({"1", {}, std::string(60, 'x')});
+    reader_.skipToEnd();
+    for (int i = 2; i <= 12; ++i) writer.post({std::to_string(i), {}, std::string(60, 'x')});
+    // Three records to a file: 1 to 3, 4 to 6, 7 to 9, 10 to 12.
+    EXPECT_EQ(readAll(reader_), " 2 3 -6 10 11 12");
+    EXPECT_EQ(reader_.position().next, 13U);
+}
+
+TEST_F(NotificationLog, KeepsItsIdAndNumbersOverARotationButNotOverADeletion) {
+    NotificationLogWriter writer(folder_.path(), {.sizeLimit = 300});
+    for (int i = 1; i <= 3; ++i) writer.post({"n", {}, std::string(60, 'x')});
+    const auto before = okv::parseLogHeader(fileText(folder_.log()));
+    writer.post({"n", {}, std::string(60, 'x')});
+    const auto after = okv::parseLogHeader(fileText(folder_.log()));
+    ASSERT_TRUE(before && after);
+    EXPECT_EQ(after->id, before->id);
+    EXPECT_EQ(after->first, 4U);
+    std::filesystem::remove(folder_.log());
+    writer.post({"n", {}, {}});
+    const auto anew = okv::parseLogHeader(fileText(folder_.log()));
+    ASSERT_TRUE(anew);
+    EXPECT_NE(anew->id, before->id);
+    EXPECT_EQ(anew->first, 1U);
+}
+
+TEST_F(NotificationLog, AReaderFollowsADeletedAndAReplacedLog) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    writer_.post({"b", {}, {}});
+    std::filesystem::remove(folder_.log());
+    writer_.post({"c", {}, {}});
+    EXPECT_EQ(readAll(reader_), " b c");
+    const auto other = okv::encodeLogHeader({77, 5}) + record(5, {"d", {}, {}});
+    writeFile(folder_.path() + "/other", other);
+    std::filesystem::rename(folder_.path() + "/other", folder_.log());
+    EXPECT_EQ(readAll(reader_), " -4 d");
+    writer_.post({"e", {}, {}});
+    EXPECT_EQ(readAll(reader_), " e");
+}
+
+TEST_F(NotificationLog, AReaderFollowsALogThatIsEmptiedOrOverwrittenInItsPlace) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    writeFile(folder_.log(), "");
+    EXPECT_EQ(readAll(reader_), "");
+    writer_.post({"b", {}, {}});
+    EXPECT_EQ(readAll(reader_), " b");
+    writeFile(folder_.log(), okv::encodeLogHeader({77, 1}) + record(1, {"c", {}, {}}));
+    EXPECT_EQ(readAll(reader_), " c");
+    NotificationLogWriter(folder_.path(), {}).post({"d", {}, {}});
+    EXPECT_EQ(readAll(reader_), " d");
+}
+
+TEST_F(NotificationLog, ALogCutShorterGetsNewNumbersForWhatFollows) {
+    for (int i = 0; i < 3; ++i) writer_.post({"old", {}, {}});
+    const auto one = okv::kLogHeaderSize + record(1, {"old", {}, {}}).size();
+    reader_.skipToEnd();
+    ASSERT_EQ(truncate(folder_.log().c_str(), static_cast<off_t>(one)), 0);
+    writer_.post({"a", {}, {}});  // it knows of the lost ones: a new log
+    EXPECT_EQ(readAll(reader_), " a");
+    for (int i = 0; i < 3; ++i) writer_.post({"old", {}, {}});
+    reader_.skipToEnd();
+    ASSERT_EQ(truncate(folder_.log().c_str(), static_cast<off_t>(one)), 0);
+    EXPECT_EQ(readAll(reader_), "");
+    NotificationLogWriter(folder_.path(), {}).post({"b", {}, {}});  // it cannot know
+    EXPECT_EQ(readAll(reader_), " b");
+}
+
+TEST_F(NotificationLog, TheEndIsFoundWithoutMovingTheReader) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    writer_.post({"b", {}, {}});
+    EXPECT_EQ(reader_.end().next, 3U);
+    EXPECT_EQ(reader_.position().next, 2U);
+    std::filesystem::remove(folder_.log());
+    writer_.post({"c", {}, {}});
+    EXPECT_EQ(reader_.end().next, 2U);
+    EXPECT_NE(reader_.end().log, reader_.position().log);
+    EXPECT_EQ(readAll(reader_), " b c");
+}
+
+TEST_F(NotificationLog, TakesANoticeUpToTheLimitAndRefusesALargerOne) {
+    const auto overhead = okv::encodeLogRecord({"n", {}, std::string(70000, 'x')}).size() - 70000;
+    const auto most = okv::kNotificationAtMost + okv::kLogRecordHeaderSize - overhead;
+    reader_.skipToEnd();
+    writer_.post({"n", {}, std::string(most, 'x')});
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, std::string(most + 1, 'x')}),
+              NotificationError::Kind::tooLarge);
+    Value deep = okv::Array{};
+    for (int i = 0; i < 100; ++i) deep = okv::Array{std::move(deep)};
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, deep}), NotificationError::Kind::tooLarge);
+    EXPECT_EQ(readAll(reader_), " n");
+}
+
+TEST_F(NotificationLog, APostThatFindsNoRoomFailsAndLosesNothing) {
+    writer_.post({"a", {}, {}});
+    reader_.skipToEnd();
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto size = std::filesystem::file_size(folder_.log());
+    const rlimit limit{static_cast<rlim_t>(size + 5000), before.rlim_max};
+    const auto signal = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const auto kind = kindOfFailure(writer_, {"large", {}, std::string(20000, 'x')});
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, signal);
+    EXPECT_EQ(kind, NotificationError::Kind::failed);
+    EXPECT_EQ(std::filesystem::file_size(folder_.log()), size);
+    writer_.post({"b", {}, {}});
+    EXPECT_EQ(readAll(reader_), " b");
+}
+
+TEST_F(NotificationLog, SaysWhatStandsInTheWayOfPosting) {
+    folder_.remove();
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::failed);
+    folder_.make();
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::refused);
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0);
+    std::filesystem::create_symlink("/dev/null", folder_.log());
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::failed);
+    std::filesystem::remove(folder_.log());
+    ASSERT_EQ(mkfifo(folder_.log().c_str(), 0644), 0);
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::refused);
+    reader_.skipToEnd();
+    EXPECT_FALSE(reader_.isAtPath());
+}
+
+TEST_F(NotificationLog, APosterThatHoldsTheLockIsNotWaitedForForEver) {
+    NotificationLogWriter writer(folder_.path(), {.lockWait = std::chrono::milliseconds(20)});
+    writer.post({"a", {}, {}});
+    const int lock = open(folder_.lock().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    EXPECT_EQ(kindOfFailure(writer, {"b", {}, {}}), NotificationError::Kind::failed);
+    close(lock);
+    reader_.skipToEnd();
+    writer.post({"c", {}, {}});
+    EXPECT_EQ(readAll(reader_), " c");
+}
+
+TEST_F(NotificationLog, AReaderTakesNoLogFromAStrangersHand) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs an owner that is somebody else";
+    writer_.post({"a", {}, {}});
+    ASSERT_EQ(chown(folder_.log().c_str(), okv::kOverflowUid, okv::kOverflowUid), 0);
+    reader_.skipToEnd();
+    EXPECT_FALSE(reader_.isAtPath());
+    EXPECT_EQ(reader_.position().log, 0U);
+}
+
+TEST_F(NotificationLog, SeveralPostersTakeTurns) {
+    NotificationLogWriter other(folder_.path(), {.sizeLimit = 500});
+    reader_.skipToEnd();
+    for (int i = 0; i < 20; ++i) {
+        writer_.post({"a", {}, {}});
+        other.post({"b", {}, std::string(100, 'x')});
+        EXPECT_EQ(readAll(reader_), " a b") << i;
+    }
+}
+
+TEST_F(NotificationLog, ManyRecordsAreReadThroughSmallAndLargeReads) {
+    reader_.skipToEnd();
+    std::string expected;
+    for (int i = 0; i < 60; ++i) {
+        writer_.post({std::to_string(i), {}, std::string(static_cast<std::size_t>(i * 487), 'x')});
+        expected += " " + std::to_string(i);
+    }
+    EXPECT_EQ(readAll(reader_), expected);
+}
