@@ -47,10 +47,10 @@ public:
     virtual bool setCurrentUserIdPT_osUid(const okv::Value& user, std::int32_t osUid) = 0;
 
     /// What changed after a revision (a number object): a dictionary with "epoch", "revision" (the
-    /// present one) and either "changes", an array in order of dictionaries with "revision", "time",
-    /// "writer", "osuserid", "session_userid" and, where they apply, "appuid" and "keys"; or
-    /// "resync" YES, where the changes are no longer known (or are not this store's) and everything
-    /// must be read anew. A change without "keys" may have touched every key.
+    /// present one) and either "changes", an array in order of dictionaries with "revision",
+    /// "time", "writer", "osuserid", "session_userid" and, where they apply, "appuid" and "keys";
+    /// or "resync" YES, where the changes are no longer known (or are not this store's) and
+    /// everything must be read anew. A change without "keys" may have touched every key.
     virtual okv::Value changesPT(const okv::Value& revision) = 0;
 
     /// The whole store as a dictionary; nil, and refused, when it does not go into one message.
@@ -64,7 +64,8 @@ public:
     ///   "locks"                                  array of keys
     ///   "flt_proc_white", "flt_proc_black", "kill_web_proc"   name to identifier
     ///   "current_user", "highest_user"           ids
-    ///   "clock"                                  "time" (date or null), "running"
+    ///   "clock"                                  "time" (date or null) that it showed at "since"
+    ///                                            (date), "running"
     virtual okv::Value exportDataPT() = 0;
     /// Takes such a dictionary, in one transaction. What it holds replaces the stored part of the
     /// same name as a whole; parts that it does not hold stay as they are. "epoch" and "revision"

@@ -126,11 +126,15 @@ void Store::write(const step::RemoveUser& remove) {
 
 void Store::write(const step::Assign& assign) {
     database_->run("INSERT OR IGNORE INTO accounts(os_uid) VALUES(?)", assign.osUid);
-    database_->run("UPDATE accounts SET assigned = ? WHERE os_uid = ?",
-                   assign.user ? std::optional(wide(*assign.user)) : std::nullopt, assign.osUid);
-    database_->run(
-        "DELETE FROM accounts WHERE os_uid = ? AND assigned IS NULL AND current IS NULL",
-        assign.osUid);
+    // A new user is the current one, too: what the account chose before was for the old one.
+    if (assign.user) {
+        database_->run("UPDATE accounts SET assigned = ?, current = NULL WHERE os_uid = ?",
+                       wide(*assign.user), assign.osUid);
+        return;
+    }
+    database_->run("UPDATE accounts SET assigned = NULL WHERE os_uid = ?", assign.osUid);
+    database_->run("DELETE FROM accounts WHERE os_uid = ? AND assigned IS NULL AND current IS NULL",
+                   assign.osUid);
 }
 
 void Store::write(const step::Switch& change) {

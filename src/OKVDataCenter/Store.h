@@ -67,13 +67,14 @@ public:
     std::vector<std::int32_t> users();
     std::optional<std::int32_t> assignedUser(std::int64_t osUid);
     bool isLocked(std::string_view key);
-    bool hasProcess(ProcessList list, std::string_view name);
     Usage usage(Scope scope);
     std::int64_t bytesInAll();
     std::int64_t userCount();
     std::int64_t accountCount();
     std::int64_t lockCount();
-    std::int64_t processCount(ProcessList list);
+    Usage processUsage(ProcessList list);
+    /// Whether everything that names a user names one that is there.
+    bool isConsistent();
     std::int32_t highestUser();
     std::int64_t revision();
     Clock clock();

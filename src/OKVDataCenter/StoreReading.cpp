@@ -15,6 +15,17 @@ std::optional<std::int32_t> narrow(std::optional<std::int64_t> number) {
     return number ? std::optional(narrow(*number)) : std::nullopt;
 }
 
+// A row that this server never writes: somebody else's hand was in the store.
+std::runtime_error strangeRow(const char* table) {
+    return std::runtime_error(std::string("a row of the table ") + table + " belongs to nothing");
+}
+
+template <class E, std::size_t count>
+E numbered(std::int64_t number, const char* table) {
+    if (number < 0 || number >= static_cast<std::int64_t>(count)) throw strangeRow(table);
+    return static_cast<E>(number);
+}
+
 std::optional<std::vector<std::string>> decodedKeys(const Database::Rows& rows, int column) {
     if (rows.isNull(column)) return std::nullopt;
     std::vector<std::string> keys;
@@ -55,28 +66,32 @@ void Store::loadUsers(View& view) {
 void Store::loadSettings(View& view) {
     auto rows = database_->query("SELECT scope, key, value, writer, time FROM settings");
     while (rows.next()) {
+        const auto scope = narrow(rows.integer(0));
+        if (scope != kEverybody && view.user(scope) == nullptr) throw strangeRow("settings");
         const auto encoded = rows.bytes(2);
-        view.apply(step::Setting{narrow(rows.integer(0)), std::string(rows.bytes(1)),
-                                 okv::decodeCbor(encoded), std::string(encoded),
-                                 Stamp{rows.integer(3), rows.real(4)}});
+        view.apply(step::Setting{scope, std::string(rows.bytes(1)), okv::decodeCbor(encoded),
+                                 std::string(encoded), Stamp{rows.integer(3), rows.real(4)}});
     }
 }
 
 void Store::loadLists(View& view) {
     for (auto rows = database_->query("SELECT key, writer, time FROM locks"); rows.next();) {
-        view.apply(step::Lock{std::string(rows.bytes(0)), true,
-                              Stamp{rows.integer(1), rows.real(2)}});
+        view.apply(
+            step::Lock{std::string(rows.bytes(0)), true, Stamp{rows.integer(1), rows.real(2)}});
     }
     for (auto rows = database_->query("SELECT user, list, value FROM lists"); rows.next();) {
-        view.apply(step::List{narrow(rows.integer(0)), static_cast<UserList>(rows.integer(1)),
+        const auto user = narrow(rows.integer(0));
+        if (view.user(user) == nullptr) throw strangeRow("lists");
+        view.apply(step::List{user,
+                              numbered<UserList, kUserLists>(rows.integer(1), "lists"),
                               okv::decodeCbor(rows.bytes(2)),
                               {}});
     }
     // In the order in which the names came.
     auto rows = database_->query("SELECT list, name, identifier FROM processes ORDER BY rowid");
     while (rows.next()) {
-        view.apply(step::Process{static_cast<ProcessList>(rows.integer(0)),
-                                 std::string(rows.bytes(1)), okv::decodeCbor(rows.bytes(2))});
+        const auto list = numbered<ProcessList, kProcessLists>(rows.integer(0), "processes");
+        view.apply(step::Process{list, std::string(rows.bytes(1)), okv::decodeCbor(rows.bytes(2))});
     }
 }
 
@@ -112,11 +127,6 @@ bool Store::isLocked(std::string_view key) {
     return database_->number("SELECT 1 FROM locks WHERE key = ?", key) == 1;
 }
 
-bool Store::hasProcess(ProcessList list, std::string_view name) {
-    return database_->number("SELECT 1 FROM processes WHERE list = ? AND name = ?",
-                             static_cast<std::int64_t>(list), name) == 1;
-}
-
 Usage Store::usage(Scope scope) {
     auto rows =
         database_->query("SELECT keys, bytes FROM scopes WHERE id = ?", std::int64_t{scope});
@@ -139,9 +149,20 @@ std::int64_t Store::lockCount() {
     return database_->number("SELECT count(*) FROM locks");
 }
 
-std::int64_t Store::processCount(ProcessList list) {
-    return database_->number("SELECT count(*) FROM processes WHERE list = ?",
-                             static_cast<std::int64_t>(list));
+Usage Store::processUsage(ProcessList list) {
+    auto rows = database_->query(
+        "SELECT count(*), sum(length(CAST(name AS BLOB)) + length(identifier)) FROM processes "
+        "WHERE list = ?",
+        static_cast<std::int64_t>(list));
+    return rows.next() ? Usage{rows.integer(0), rows.integer(1)} : Usage{};
+}
+
+bool Store::isConsistent() {
+    return hasUser(narrow(metaNumber("current_user"))) &&
+           database_->number(
+               "SELECT count(*) FROM accounts WHERE"
+               " assigned NOT IN (SELECT id FROM scopes WHERE id > 0) OR"
+               " current NOT IN (SELECT id FROM scopes WHERE id > 0)") == 0;
 }
 
 std::int32_t Store::highestUser() {

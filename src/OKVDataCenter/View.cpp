@@ -75,12 +75,12 @@ void View::take(const step::RemoveUser& remove) {
     forget(users_[remove.user]);
     users_.erase(remove.user);
     if (currentUser_ == remove.user) currentUser_ = kDefaultUser;
-    std::erase_if(accounts_, [&](auto& entry) {
-        auto& account = entry.second;
+    for (auto at = accounts_.begin(); at != accounts_.end();) {
+        auto& account = at->second;
         if (account.assigned == remove.user) account.assigned.reset();
         if (account.current == remove.user) account.current.reset();
-        return !account.assigned && !account.current;
-    });
+        at = account.assigned || account.current ? std::next(at) : accounts_.erase(at);
+    }
 }
 
 void View::take(const step::EmptyUser& empty) {
@@ -90,6 +90,8 @@ void View::take(const step::EmptyUser& empty) {
 void View::take(const step::Assign& assign) {
     auto& account = accounts_[assign.osUid];
     account.assigned = assign.user;
+    // A new user is the current one, too: what the account chose before was for the old one.
+    if (assign.user) account.current.reset();
     if (!account.assigned && !account.current) accounts_.erase(assign.osUid);
 }
 
@@ -112,7 +114,8 @@ void View::take(const step::Record& record) {
 }
 
 void View::take(const step::Reload& reload) {
-    *this = std::move(*reload.view);
+    // What was held goes into the step, for whoever keeps it to give up at leisure.
+    std::swap(*this, *reload.view);
 }
 
 void View::begin(std::string epoch, std::int64_t revision, std::int64_t changesKept) {
@@ -147,8 +150,7 @@ const okv::Dictionary& View::processes(ProcessList list) const {
 
 std::int32_t View::userOf(std::int64_t osUid) const {
     const auto found = accounts_.find(osUid);
-    return found == accounts_.end() ? kDefaultUser
-                                    : found->second.assigned.value_or(kDefaultUser);
+    return found == accounts_.end() ? kDefaultUser : found->second.assigned.value_or(kDefaultUser);
 }
 
 std::int32_t View::currentUserOf(std::int64_t osUid) const {
