@@ -101,8 +101,7 @@ unsigned CommandLine::given() const noexcept {
     return (user ? kTakesUser : 0U) | (type ? kTakesType : 0U) | (since ? kTakesSince : 0U);
 }
 
-CommandLine parseCommandLine(std::span<const char* const> arguments) {
-    CommandLine line;
+void parseCommandLine(std::span<const char* const> arguments, CommandLine& line) {
     bool optionsOver = false;
     while (!arguments.empty()) {
         std::size_t taken = 1;
@@ -117,7 +116,6 @@ CommandLine parseCommandLine(std::span<const char* const> arguments) {
         arguments = arguments.subspan(taken);
     }
     if (line.runtimeDir && line.runtimeDir->empty()) refuse("--runtime-dir names no folder");
-    return line;
 }
 
 std::string optionsHelp(unsigned set) {

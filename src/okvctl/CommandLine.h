@@ -39,8 +39,8 @@ struct CommandLine {
 };
 
 /// Options may stand before and behind the verb, as "--name VALUE" or "--name=VALUE"; "--" ends
-/// them. Throws ToolError (usage).
-CommandLine parseCommandLine(std::span<const char* const> arguments);
+/// them. Throws ToolError (usage); `line` then holds what came before the mistake.
+void parseCommandLine(std::span<const char* const> arguments, CommandLine& line);
 
 /// The tool's options, a line each, for its help; `set` tells of which verb-bound ones.
 std::string optionsHelp(unsigned set);

@@ -31,16 +31,21 @@ const char* remedyFor(RefusalKind kind) {
 okv::RemoteObject& Server::root() {
     if (root_) return *root_;
     std::string why;
-    const auto connection =
+    connection_ =
         okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-    if (!connection)
+    if (!connection_)
         fail(ExitCode::notRunning, {},
              "the data server is not running: " + why + "; start OKVDataCenter");
-    connection->setRequestTimeout(timeout_);
-    connection->setReplyTimeout(timeout_);
-    root_ = connection->rootProxy();
+    connection_->setRequestTimeout(timeout_);
+    connection_->setReplyTimeout(timeout_);
+    root_ = connection_->rootProxy();
     if (!root_) fail(ExitCode::failure, {}, "the data server vends no root object");
     return *root_;
+}
+
+void Server::disconnect() {
+    root_ = nullptr;
+    connection_ = nullptr;
 }
 
 void Server::throwRefusal(std::string_view subject, const okv::Refusal& refusal) {

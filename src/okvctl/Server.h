@@ -42,8 +42,9 @@ public:
         if (!ask<Method>(subject, arguments...)) throwNo(subject, no);
     }
 
+    bool isConnected() const { return connection_ && connection_->isValid(); }
     /// Forgets the connection; the next question makes a new one.
-    void disconnect() { root_ = nullptr; }
+    void disconnect();
 
 private:
     okv::RemoteObject& root();
@@ -53,6 +54,7 @@ private:
     [[noreturn]] static void throwNo(std::string_view subject, std::string_view no);
 
     double timeout_;
+    okv::Ref<okv::Connection> connection_;
     okv::Ref<okv::RemoteObject> root_;
 };
 

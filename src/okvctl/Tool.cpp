@@ -22,18 +22,26 @@ std::string usageOf(const Verb& verb) {
     return usage;
 }
 
+const Verb* findVerb(std::string_view name) {
+    const auto all = verbs();
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&](const Verb* verb) { return verb->name == name; });
+    return found != all.end() ? *found : nullptr;
+}
+
+// What a usage mistake's message ends with.
+std::string usageFor(std::string_view name) {
+    const auto* const verb = findVerb(name);
+    if (verb != nullptr) return "; usage: " + usageOf(*verb);
+    return "; usage: " + std::string(kUsage) + "; okvctl --help lists the verbs";
+}
+
 const Verb& verbNamed(std::string_view name) {
-    if (name.empty())
-        throwUsage("no verb was given; usage: " + std::string(kUsage) +
-                   "; okvctl --help lists the verbs");
+    if (name.empty()) throwUsage("no verb was given");
+    if (const auto* const verb = findVerb(name)) return *verb;
     std::vector<std::string_view> names;
-    for (const auto* verb : verbs()) {
-        if (verb->name == name) return *verb;
-        names.push_back(verb->name);
-    }
-    const auto nearest = didYouMean(name, names);
-    throwUsage("there is no verb '" + std::string(name) + "'" +
-               (nearest.empty() ? "; okvctl --help lists them" : nearest));
+    for (const auto* verb : verbs()) names.push_back(verb->name);
+    throwUsage("there is no verb '" + std::string(name) + "'" + didYouMean(name, names));
 }
 
 std::string toolHelp() {
@@ -76,20 +84,13 @@ ExitCode runVerb(const Verb& verb, const CommandLine& line, Output& out) {
         out.raw(verbHelp(verb));
         return ExitCode::done;
     }
-    try {
-        checkOptions(verb, line);
-        Server server(line.timeout);
-        Call call{line, server, out};
-        return verb.run(call);
-    } catch (const ToolError& error) {
-        const auto text = std::string(verb.name) + ": " + error.what();
-        const bool usage = error.code() == ExitCode::usage;
-        throw ToolError(error.code(), usage ? text + "; usage: " + usageOf(verb) : text);
-    }
+    checkOptions(verb, line);
+    Server server(line.timeout);
+    Call call{line, server, out};
+    return verb.run(call);
 }
 
-ExitCode run(std::span<const char* const> arguments, Output& out) {
-    const auto line = parseCommandLine(arguments);
+ExitCode runLine(const CommandLine& line, Output& out) {
     if (line.runtimeDir) setenv("OKV_RUNTIME_DIR", std::string(*line.runtimeDir).c_str(), 1);
     if (line.version) {
         out.line("okvctl " OKVCTL_VERSION);
@@ -100,6 +101,19 @@ ExitCode run(std::span<const char* const> arguments, Output& out) {
         return ExitCode::done;
     }
     return runVerb(verbNamed(line.verb), line, out);
+}
+
+ExitCode run(std::span<const char* const> arguments, Output& out) {
+    CommandLine line;
+    try {
+        parseCommandLine(arguments, line);
+        return runLine(line, out);
+    } catch (const ToolError& error) {
+        std::string text = error.what();
+        if (findVerb(line.verb) != nullptr) text = std::string(line.verb) + ": " + text;
+        if (error.code() == ExitCode::usage) text += usageFor(line.verb);
+        throw ToolError(error.code(), text);
+    }
 }
 
 }  // namespace

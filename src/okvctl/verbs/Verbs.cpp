@@ -5,9 +5,10 @@ namespace okvctl {
 namespace {
 
 // In the order of the help.
-constexpr const Verb* kVerbs[] = {&kGet,   &kSet,    &kUnset, &kList,   &kDescribe,
-                                  &kLock,  &kUnlock, &kLocks, &kUsers,  &kLists,
-                                  &kProcs, &kUrls,   &kClock, &kStatus, &kPing};
+constexpr const Verb* kVerbs[] = {
+    &kGet,   &kSet,   &kUnset, &kList,  &kDescribe, &kWatch, &kLock,   &kUnlock,
+    &kLocks, &kUsers, &kLists, &kProcs, &kUrls,     &kClock, &kStatus, &kPing,
+};
 
 }  // namespace
 

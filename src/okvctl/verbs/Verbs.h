@@ -20,5 +20,6 @@ extern const Verb kUnlock;
 extern const Verb kUnset;
 extern const Verb kUrls;
 extern const Verb kUsers;
+extern const Verb kWatch;
 
 }  // namespace okvctl
