@@ -192,7 +192,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(ProcessList{"okvKillWebProcListPT", &okvDataManager::okvKillWebProcList},
                     ProcessList{"okvFltProcBlackListPT", &okvDataManager::okvFltProcBlackList},
                     ProcessList{"okvFltProcWhiteListPT", &okvDataManager::okvFltProcWhiteList}),
-    [](const auto& info) { return std::string(info.param.selector); });
+    [](const auto& list) { return std::string(list.param.selector); });
 
 TEST(SystemProcessLists, NeedNeitherAnInstanceNorAServer) {
     EXPECT_EQ(okvDataManager::systemBlackProcs(), Array{});
