@@ -297,6 +297,12 @@ std::int32_t okvDataManager::refreshedSessionUser() {
     return nowSessionUserId();
 }
 
+void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object) {
+    okv::DistributedNotificationCenter::defaultCenter().addObserver(
+        observer, &OKVSettingObserver::settingChanged, kOKVSettingNotification, object,
+        &OKVSettingObserver::settingChangesMissed);
+}
+
 bool okvDataManager::reloadOKVData() {
     return forward<&OKVDataMng_protocol::reloadDataPT>();
 }

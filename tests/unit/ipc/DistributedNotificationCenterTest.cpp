@@ -10,7 +10,7 @@
 #include <atomic>
 #include <thread>
 
-#include "NotificationTestSupport.h"
+#include "support/NotificationTesting.h"
 
 using notification_test::Folder;
 using notification_test::Listener;
@@ -344,6 +344,7 @@ TEST_F(DistributedCenter, FollowsALogThatIsDeletedOrReplacedAndAFolderMadeAnew) 
     const auto held = open(folder_.path().c_str(), O_PATH | O_CLOEXEC);  // it goes without a sign
     folder_.remove();
     folder_.make();
+    EXPECT_TRUE(hearsNext());
     EXPECT_TRUE(hearsNext());
     close(held);
     EXPECT_TRUE(hearsNext());

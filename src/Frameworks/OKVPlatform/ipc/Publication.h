@@ -49,7 +49,7 @@ public:
 
 /// How much the outside may take of a publishing process.
 struct PublicationOptions {
-    PublishedName::Options name;
+    PublishedName::Options name{};
     std::size_t maxConnections = 1024;
     std::size_t maxConnectionsPerUid = 1024;  ///< uid 0 and this process's own uid are not counted
     std::size_t maxUngreeted = 32;  ///< beyond, the one that kept silent longest is dropped
@@ -59,8 +59,8 @@ struct PublicationOptions {
         4U << 20;  ///< a client that does not read is not read either; one reply may exceed it
     std::size_t maxPendingRequests =
         64;  ///< of one client, kept and not yet answered; more are not read
-    std::function<void(MessagePort&)> connected;
-    std::function<void(MessagePort&)> disconnected;
+    std::function<void(MessagePort&)> connected{};
+    std::function<void(MessagePort&)> disconnected{};
 };
 
 /// A root object published under a registered name: the called end.

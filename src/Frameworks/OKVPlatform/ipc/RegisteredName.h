@@ -22,9 +22,9 @@ OKV_EXPORT bool isRegisteredName(std::string_view name);
 class OKV_EXPORT PublishedName {
 public:
     struct Options {
-        std::string subfolder;  ///< below the runtime folder; with one, the name is not locked
-                                ///< (names of single processes)
-        mode_t mode = 0666;     ///< who may connect
+        std::string subfolder{};  ///< below the runtime folder; with one, the name is not locked
+                                  ///< (names of single processes)
+        mode_t mode = 0666;       ///< who may connect
         int backlog = 1024;
     };
 
