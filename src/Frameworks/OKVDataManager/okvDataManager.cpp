@@ -212,7 +212,7 @@ okv::Value okvDataManager::userIdOSList() const {
 
 okv::Value okvDataManager::userIdList() const {
     auto list = forward<&OKVDataMng_protocol::useridAppListPT>();
-    return list.is<okv::Array>() ? list : okv::Value();
+    return list.is<okv::Array>() ? std::move(list) : okv::Value();  // made for this call: no copy
 }
 
 void okvDataManager::removeUserInfoAll() {
