@@ -1,5 +1,6 @@
-// What reading one setting costs while there are few and many users: the rule is that every read asks for the list of
-// users first. Beside it the least that the same bytes cost, in two round trips over a blocking Unix socket.
+// What reading one setting costs while there are few and many users: the rule is that every read
+// asks for the list of users first. Beside it the least that the same bytes cost, in two round
+// trips over a blocking Unix socket.
 
 #include "Contest.h"
 #include "OKVDataAdmin_protocol.h"
@@ -82,8 +83,8 @@ void importUsers(okvDataManager& manager, int count) {
     okv::Dictionary users;
     users.reserve(static_cast<std::size_t>(count));
     for (int id = 1; id <= count; ++id) users.insert(std::to_string(id), okv::Dictionary{});
-    users.set("1", okv::Dictionary{
-                       {"settings", okv::Dictionary{{kKey, std::string(kAnswerSize, 'v')}}}});
+    users.set(
+        "1", okv::Dictionary{{"settings", okv::Dictionary{{kKey, std::string(kAnswerSize, 'v')}}}});
     const okv::Dictionary store{{"format", 1}, {"users", std::move(users)}};
     const auto root = manager.proxyObj();
     if (!okv::send<&OKVDataAdmin_protocol::importDataPT>(*root, store) ||
@@ -114,8 +115,8 @@ bench::Result measure(okvDataManager& manager, int count) {
 int main() {
     const okv::testing::RuntimeFolder folder;
     bench::pinTo(0);
-    const bench::ServerProcess server({OKV_BENCH_SERVER, "--foreground", "--store",
-                                       (folder.path() / "store.db").string()});
+    const bench::ServerProcess server(
+        {OKV_BENCH_SERVER, "--foreground", "--store", (folder.path() / "store.db").string()});
     const auto manager = okvDataManager::sharedDataManager();
     if (!manager) return 1;
     const auto few = measure(*manager, 10);

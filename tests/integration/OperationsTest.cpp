@@ -28,8 +28,9 @@ Dictionary userWithLists() {
 
 Dictionary users() {
     auto seven = userWithLists();
-    seven.set("settings",
-              Dictionary{{"dc-gui-colour", "red"}, {"a", 1}, {"dc-cmnset-common_filter_off", true}});
+    seven.set(
+        "settings",
+        Dictionary{{"dc-gui-colour", "red"}, {"a", 1}, {"dc-cmnset-common_filter_off", true}});
     return {{"1", Dictionary{}}, {"3", userWithLists()}, {"5", Dictionary{}}, {"7", seven}};
 }
 
@@ -38,7 +39,8 @@ Dictionary everybodysValues(const Operation& operation) {
     Dictionary values;
     for (const auto& answer : operation.answers) {
         if (answer.selector != "okvDataPT:") continue;
-        for (const auto& message : operation.messages) values.set(message.arguments[0], answer.value);
+        for (const auto& message : operation.messages)
+            values.set(message.arguments[0], answer.value);
     }
     return values;
 }
@@ -49,8 +51,9 @@ Dictionary storeFor(const Operation& operation) {
     return {{"format", 1},
             {"everybody", everybodysValues(operation)},
             {"users", users()},
-            {"accounts", Dictionary{{std::to_string(kAccount), Dictionary{{"appuid", 7}, {"current", 5}}},
-                                    {"501", Dictionary{{"appuid", 7}}}}},
+            {"accounts",
+             Dictionary{{std::to_string(kAccount), Dictionary{{"appuid", 7}, {"current", 5}}},
+                        {"501", Dictionary{{"appuid", 7}}}}},
             {"highest_user", INT32_MAX},
             {"clock", Dictionary{{"time", noon}, {"since", noon}, {"running", false}}},
             {"flt_proc_white", processes},

@@ -13,6 +13,11 @@
 
 namespace {
 
+std::string& program() {
+    static std::string name = OKV_DATA_CENTER;
+    return name;
+}
+
 constexpr int kReadyWithinMilliseconds = 30000;
 
 // In the child; does not return.
@@ -27,10 +32,10 @@ constexpr int kReadyWithinMilliseconds = 30000;
     }
     std::vector<char*> pointers;
     auto held = arguments;
-    held.insert(held.begin(), OKV_DATA_CENTER);
+    held.insert(held.begin(), program());
     for (auto& argument : held) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    execv(OKV_DATA_CENTER, pointers.data());
+    execv(program().c_str(), pointers.data());
     _exit(127);
 }
 
@@ -71,6 +76,10 @@ ServerProcess::~ServerProcess() {
     }
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
+}
+
+void ServerProcess::useProgram(std::string name) {
+    program() = std::move(name);
 }
 
 bool ServerProcess::launch(const std::vector<std::string>& more, int listener) {
