@@ -36,6 +36,7 @@ public:
         if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0)
             throw std::runtime_error("no pipe");
         pid_ = fork();
+        if (pid_ < 0) throw std::runtime_error("no process");
         if (pid_ == 0) execute(program, input[0], output[1]);
         close(input[0]);
         close(output[1]);
@@ -43,8 +44,7 @@ public:
         output_ = output[0];
     }
     ~Example() {
-        kill(pid_, SIGKILL);
-        if (pid_ > 0) wait();
+        if (pid_ > 0) end();
         close(output_);
     }
     Example(const Example&) = delete;
@@ -65,6 +65,7 @@ public:
     }
     void endInput() { close(std::exchange(input_, -1)); }
     int wait() {
+        if (pid_ <= 0) return -1;
         int status = 0;
         waitpid(std::exchange(pid_, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
@@ -77,6 +78,10 @@ private:
         dup2(output, STDOUT_FILENO);
         execl(program, program, kKey, nullptr);
         _exit(127);
+    }
+    void end() {
+        kill(pid_, SIGKILL);
+        wait();
     }
     bool readMore() {
         char bytes[512];

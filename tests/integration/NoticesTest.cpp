@@ -50,6 +50,7 @@ public:
         if (pipe(toParent_) != 0) throw std::runtime_error("no pipe");
         std::fflush(nullptr);
         pid_ = fork();
+        if (pid_ < 0) throw std::runtime_error("no process");
         if (pid_ == 0) _exit(run(account));
         close(toParent_[1]);
     }

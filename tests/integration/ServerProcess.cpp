@@ -104,11 +104,11 @@ bool ServerProcess::startWithSocket(int listener) {
 }
 
 void ServerProcess::signal(int number) const {
-    kill(pid_, number);
+    if (pid_ > 0) kill(pid_, number);  // of -1 it would reach every process there is
 }
 
 int ServerProcess::wait() {
-    const auto code = waitFor(pid_);
+    const auto code = pid_ > 0 ? waitFor(pid_) : -1;
     pid_ = -1;
     return code;
 }
