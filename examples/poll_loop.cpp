@@ -9,9 +9,11 @@
 
 class Watcher final : public OKVSettingObserver {
 public:
-    void settingChanged(const okv::Notification& notice) override {
-        if (const auto manager = okvDataManager::sharedDataManager()) manager->updateSessionUserId(notice.userInfo);
+    void settingChanged(const okv::Notification& notice) override try {
         changed = true;
+        if (const auto manager = okvDataManager::sharedDataManager()) manager->updateSessionUserId(notice.userInfo);
+    } catch (const okv::ConnectionError&) {
+        // The server went in the middle of a call. It posts a notice when it is back.
     }
     bool changed = true;
 
@@ -24,13 +26,15 @@ static bool inputEnded() {
     return read(STDIN_FILENO, bytes, sizeof bytes) <= 0;
 }
 
-static void show(const char* key) {
+static void show(const char* key) try {
     const auto manager = okvDataManager::sharedDataManager();
     if (!manager || !manager->isConnect()) return;
     const auto value = manager->okvData(key);
     const auto* text = value.getIf<std::string>();
     std::printf("%s is %s\n", key, text != nullptr ? text->c_str() : "not set");
     std::fflush(stdout);
+} catch (const okv::ConnectionError&) {
+    // As above.
 }
 
 int main(int argc, char** argv) {

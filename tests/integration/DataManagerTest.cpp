@@ -37,7 +37,6 @@ TEST_F(DataManagerProcess, AServerKilledWhileNobodyRunsALoopIsSeenByTheNextCallW
     killServer();
     EXPECT_FALSE(old->isValid());
     EXPECT_TRUE(old->isConnect()) << "a look drops nothing";
-    EXPECT_THROW(old->defaultUserId(), okv::ConnectionError);
     ASSERT_TRUE(server_.start());
     EXPECT_EQ(shared(), nullptr) << "although the server is back";
     const auto anew = shared();
@@ -59,6 +58,18 @@ TEST_F(DataManagerProcess, AServerKilledBesideARunLoopIsReconnectedByTheSameInst
     EXPECT_TRUE(manager->isValid());
     EXPECT_THAT(lines_.take(), ElementsAre(kReconnectLine, kConnectLine, kConnectedLine));
     EXPECT_EQ(okv::send<&Data::connectCount>(*rootOfServer()), 1);
+}
+
+TEST_F(DataManagerProcess, TheCallThatMeetsAKilledServerThrowsAndDropsSoThatTheNextOneReconnects) {
+    const auto manager = shared();
+    ASSERT_TRUE(manager);
+    killServer();
+    EXPECT_THROW(manager->defaultUserId(), okv::ConnectionError);
+    EXPECT_FALSE(manager->isConnect());
+    EXPECT_EQ(manager->defaultUserId(), 0) << "dropped: a default, and nothing thrown";
+    ASSERT_TRUE(server_.start());
+    EXPECT_EQ(shared(), manager);
+    EXPECT_EQ(manager->defaultUserId(), 1);
 }
 
 TEST_F(DataManagerProcess, AServerThatIsToldToEndDisconnectsItsClientsForGood) {
