@@ -3,7 +3,6 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
-#include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/system/NSLog.h>
 
 #include <uriparser/Uri.h>

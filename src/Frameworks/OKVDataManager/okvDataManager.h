@@ -2,7 +2,7 @@
 
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/ipc/Connection.h>
-#include <OKVPlatform/ipc/Notification.h>
+#include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Protocol.h>
 #include <OKVPlatform/values/AtomicRef.h>

@@ -1,0 +1,132 @@
+#include "ChangingSide.h"
+#include "Keys.h"
+#include "Transfer.h"
+#include "View.h"
+
+namespace datacenter {
+
+using Kind = okv::Refusal::Kind;
+using okv::Value;
+
+bool AdminChangingSide::setCommon(const okv::Dictionary& settings) {
+    const auto before = ledger_.store().usage(kEverybody);
+    for (const auto& [key, value] : settings) {
+        std::string encoded;
+        if (!ledger_.checkKey(key) || !ledger_.encode(value, ledger_.limits().valueBytes, encoded))
+            return false;
+        const auto& text = key.as<std::string>();
+        ledger_.carryOut(
+            step::Setting{kEverybody, text, value, std::move(encoded), ledger_.stamp()});
+        ledger_.tellKey(text);
+    }
+    return ledger_.checkRoom(kEverybody, before);
+}
+
+bool AdminChangingSide::setOKVCommonDataAllPT(const Value& settings) {
+    return ledger_.change([&] {
+        const auto* dictionary = settings.getIf<okv::Dictionary>();
+        return dictionary != nullptr
+                   ? setCommon(*dictionary)
+                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
+    });
+}
+
+bool AdminChangingSide::setLocks(const Value& keys, bool locked) {
+    return ledger_.change([&] {
+        const auto* array = keys.getIf<okv::Array>();
+        if (array == nullptr) return ledger_.refuse(Kind::invalid, "locks are an array of keys");
+        for (const auto& key : *array) {
+            if (!ledger_.checkKey(key)) return false;
+            const auto& text = key.as<std::string>();
+            ledger_.carryOut(step::Lock{text, locked, ledger_.stamp()});
+            ledger_.tellKey(text);
+        }
+        return !locked || ledger_.store().lockCount() <= ledger_.limits().locks ||
+               ledger_.refuse(Kind::tooLarge, "too many locks");
+    });
+}
+
+bool AdminChangingSide::lockOKVDataPT(const Value& keys) {
+    return setLocks(keys, true);
+}
+
+bool AdminChangingSide::unlockOKVDataPT(const Value& keys) {
+    return setLocks(keys, false);
+}
+
+bool AdminChangingSide::setProcess(ProcessList list, const Value& name, const Value& identifier) {
+    std::string encoded;
+    if (!ledger_.checkKey(name) ||
+        !ledger_.encode(identifier, ledger_.limits().valueBytes, encoded))
+        return false;
+    ledger_.carryOut(step::Process{list, name.as<std::string>(), identifier});
+    return true;
+}
+
+bool AdminChangingSide::setProcesses(ProcessList list, const Value& processes) {
+    return ledger_.change([&] {
+        const auto* dictionary = processes.getIf<okv::Dictionary>();
+        if (dictionary == nullptr)
+            return ledger_.refuse(Kind::invalid,
+                                  "processes are a dictionary of name to identifier");
+        for (const auto& [name, identifier] : *dictionary) {
+            if (!setProcess(list, name, identifier)) return false;
+        }
+        return ledger_.checkProcesses(list);
+    });
+}
+
+bool AdminChangingSide::setOkvFltProcWhiteListPT(const Value& processes) {
+    return setProcesses(ProcessList::white, processes);
+}
+
+bool AdminChangingSide::setOkvFltProcBlackListPT(const Value& processes) {
+    return setProcesses(ProcessList::black, processes);
+}
+
+bool AdminChangingSide::setOkvKillWebProcListPT(const Value& processes) {
+    return setProcesses(ProcessList::killWeb, processes);
+}
+
+bool AdminChangingSide::setCurrentUserIdPT_osUid(const Value& user, std::int32_t osUid) {
+    return ledger_.change([&] {
+        const auto id = userIdOf(user).value_or(kNoUser);
+        if (!isAccount(osUid)) return ledger_.refuse(Kind::invalid, "no account has this number");
+        if (!ledger_.checkUser(id)) return false;
+        ledger_.carryOut(step::Switch{osUid, id});
+        ledger_.tellSwitch(osUid, id);
+        return ledger_.store().accountCount() <= ledger_.limits().accounts ||
+               ledger_.refuse(Kind::tooLarge, "too many accounts");
+    });
+}
+
+// The size is known before anything is read: what does not fit is not gathered first.
+Value AdminChangingSide::exported() {
+    if (ledger_.store().bytesInAll() > static_cast<std::int64_t>(ledger_.limits().replyBytes)) {
+        ledger_.refuse(Kind::tooLarge, "more than one message carries");
+        return {};
+    }
+    return exportOf(*ledger_.store().load());
+}
+
+Value AdminChangingSide::exportDataPT() {
+    Value whole;
+    ledger_.change([&] {
+        whole = exported();
+        return false;  // nothing was changed
+    });
+    return whole;
+}
+
+bool AdminChangingSide::importDataPT(const Value& store) {
+    return ledger_.change([&] {
+        const auto* whole = store.getIf<okv::Dictionary>();
+        if (whole == nullptr) return ledger_.refuse(Kind::invalid, "an export is a dictionary");
+        if (!Import(ledger_).take(*whole)) return false;
+        ledger_.remember(step::Reload{ledger_.store().load()});
+        ledger_.tellEveryKey();
+        return true;
+    });
+}
+
+}  // namespace datacenter

@@ -1,0 +1,139 @@
+#include "ReadingSide.h"
+#include "SettingsReply.h"
+
+namespace datacenter {
+
+namespace {
+
+using okv::Date;
+using okv::Dictionary;
+using okv::Null;
+using okv::Value;
+
+Value listed(const View::Settings& settings, const Value& prefix, std::size_t limit) {
+    const auto* text = prefix.getIf<std::string>();
+    if (text == nullptr) return {};
+    return settingsWhere(settings, limit,
+                         [&](std::string_view key) { return key.starts_with(*text); });
+}
+
+Value described(const View& view, Scope scope, const Value& key) {
+    const auto* text = key.getIf<std::string>();
+    if (text == nullptr) return {};
+    const auto [setting, ofUser] = view.find(scope, *text);
+    const auto* lock = view.lock(*text);
+    Dictionary info{{"key", key},
+                    {"value", setting != nullptr ? setting->value : Value(Null{})},
+                    {"origin", setting == nullptr ? "none"
+                               : ofUser           ? "user"
+                                                  : "everybody"},
+                    {"locked", lock != nullptr}};
+    if (setting != nullptr) {
+        info.set("writer", setting->stamp.writer);
+        info.set("time", Date{setting->stamp.time});
+    }
+    if (lock != nullptr) {
+        info.set("lock_writer", lock->writer);
+        info.set("lock_time", Date{lock->time});
+    }
+    return info;
+}
+
+// At least what the change takes in a message.
+std::size_t sizeOf(const Change& change) {
+    constexpr std::size_t kNamesAndNumbers = 128;
+    std::size_t size = kNamesAndNumbers;
+    if (!change.keys) return size;
+    for (const auto& key : *change.keys) size += key.size() + 3;
+    return size;
+}
+
+// The changes after a revision; nothing when they are not all known, or too many for one message.
+std::optional<okv::Array> changesAfter(const View& view, std::int64_t revision, std::size_t limit) {
+    const auto& changes = view.changes();
+    const auto oldestKnown = view.revision() - static_cast<std::int64_t>(changes.size());
+    if (revision < oldestKnown || revision > view.revision()) return std::nullopt;
+    okv::Array after;
+    std::size_t size = 0;
+    for (const auto& change : changes) {
+        if (change.revision <= revision) continue;
+        size += sizeOf(change);
+        if (size > limit) return std::nullopt;
+        auto entry = describe(change);
+        entry.set("time", Date{change.stamp.time});
+        entry.set("writer", change.stamp.writer);
+        after.emplace_back(std::move(entry));
+    }
+    return after;
+}
+
+}  // namespace
+
+Dictionary describe(const Change& change) {
+    Dictionary entry{{"revision", change.revision},
+                     {"osuserid", change.osUserId},
+                     {"session_userid", change.sessionUserId}};
+    if (change.appUid) entry.set("appuid", *change.appUid);
+    if (change.keys) entry.set("keys", okv::Array(change.keys->begin(), change.keys->end()));
+    return entry;
+}
+
+Value AdminReadingSide::okvDataListPT(const Value& prefix) {
+    return listed(view_.everybody(), prefix, limits_.replyBytes);
+}
+
+Value AdminReadingSide::okvDataListPT_appUid(const Value& prefix, std::int32_t appUid) {
+    const auto* user = view_.user(appUid);
+    return user != nullptr ? listed(user->settings, prefix, limits_.replyBytes) : Value();
+}
+
+Value AdminReadingSide::okvDataInfoPT(const Value& key) {
+    return described(view_, kEverybody, key);
+}
+
+Value AdminReadingSide::okvDataInfoPT_appUid(const Value& key, std::int32_t appUid) {
+    return described(view_, appUid, key);
+}
+
+Value AdminReadingSide::lockListPT() {
+    Dictionary locks;
+    for (const auto& [key, stamp] : view_.locks())
+        locks.set(key, Dictionary{{"writer", stamp.writer}, {"time", Date{stamp.time}}});
+    return locks;
+}
+
+Value AdminReadingSide::changesPT(const Value& revision) {
+    Dictionary answer{{"epoch", view_.epoch()}, {"revision", view_.revision()}};
+    const auto* number = revision.getIf<std::int64_t>();
+    auto changes =
+        number != nullptr ? changesAfter(view_, *number, limits_.replyBytes) : std::nullopt;
+    if (changes) {
+        answer.set("changes", std::move(*changes));
+    } else {
+        answer.set("resync", true);
+    }
+    return answer;
+}
+
+Value AdminReadingSide::serverStatusPT() {
+    auto status = state_.status();
+    status.set("epoch", view_.epoch());
+    status.set("revision", view_.revision());
+    status.set("clients", static_cast<std::int64_t>(state_.clients.count()));
+    status.set("users", static_cast<std::int64_t>(view_.users().size()));
+    status.set("accounts", static_cast<std::int64_t>(view_.accounts().size()));
+    status.set("settings", view_.settingCount());
+    status.set("locks", static_cast<std::int64_t>(view_.locks().size()));
+    status.set("limits", Dictionary{{"request_bytes", limits_.requestBytes},
+                                    {"import_bytes", limits_.importBytes},
+                                    {"value_bytes", limits_.valueBytes},
+                                    {"list_bytes", limits_.listBytes},
+                                    {"scope_keys", limits_.scopeKeys},
+                                    {"scope_bytes", limits_.scopeBytes},
+                                    {"users", limits_.users},
+                                    {"locks", limits_.locks},
+                                    {"changes_kept", limits_.changesKept}});
+    return status;
+}
+
+}  // namespace datacenter

@@ -1,0 +1,143 @@
+#include "ChangingSide.h"
+
+#include "Keys.h"
+#include "View.h"
+
+namespace datacenter {
+
+using Kind = okv::Refusal::Kind;
+using okv::Value;
+
+namespace {
+
+constexpr char kAgentAutoRunKey[] = "dc-syscmnf-agent_auto_run";
+
+bool isOfSystem(const Value& key) {
+    const auto* text = key.getIf<std::string>();
+    return text != nullptr && isSystemKey(*text);
+}
+
+}  // namespace
+
+std::int32_t ChangingSide::assignedUser(std::int64_t osUid) const {
+    return ledger_.store().assignedUser(osUid).value_or(kNoUser);
+}
+
+// Whether a well-formed key may be written for the user.
+bool ChangingSide::mayWrite(const std::string& key, std::int32_t appUid) {
+    if (isSystemKey(key))
+        return ledger_.isAdministrator() ||
+               ledger_.refuse(Kind::notAllowed, "the system's settings are the administrator's");
+    if (!ledger_.checkUser(appUid) || !ledger_.mayChange(appUid)) return false;
+    return !ledger_.store().isLocked(key) || ledger_.refuse(Kind::locked, "the key is locked");
+}
+
+bool ChangingSide::setOne(const Value& key, const Value& value, std::int32_t appUid) {
+    std::string encoded;
+    if (!ledger_.checkKey(key)) return false;
+    const auto& text = key.as<std::string>();
+    if (!mayWrite(text, appUid) || !ledger_.encode(value, ledger_.limits().valueBytes, encoded))
+        return false;
+    const Scope scope = isSystemKey(text) ? kEverybody : appUid;
+    ledger_.carryOut(step::Setting{scope, text, value, std::move(encoded), ledger_.stamp()});
+    if (scope != kEverybody) ledger_.told().appUid = appUid;
+    ledger_.tellKey(text);
+    return true;
+}
+
+bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t appUid) {
+    // Nothing to store is a write for the user all the same.
+    if (settings.empty()) return ledger_.checkUser(appUid) && ledger_.mayChange(appUid);
+    const auto everybodys = ledger_.store().usage(kEverybody);
+    const auto users = ledger_.store().usage(appUid);
+    for (const auto& [key, value] : settings) {
+        if (!setOne(key, value, appUid)) return false;
+    }
+    return ledger_.checkRoom(kEverybody, everybodys) && ledger_.checkRoom(appUid, users);
+}
+
+bool ChangingSide::setOKVDataPT_value_appUid(const Value& key, const Value& value,
+                                             std::int32_t appUid) {
+    return ledger_.change([&] {
+        const Scope scope = isOfSystem(key) ? kEverybody : appUid;
+        const auto before = ledger_.store().usage(scope);
+        return setOne(key, value, appUid) && ledger_.checkRoom(scope, before);
+    });
+}
+
+bool ChangingSide::setOKVDataPT_value_osUid(const Value& key, const Value& value,
+                                            std::int32_t osUid) {
+    return ledger_.change([&] {
+        const auto appUid = assignedUser(osUid);
+        const Scope scope = isOfSystem(key) ? kEverybody : appUid;
+        const auto before = ledger_.store().usage(scope);
+        return setOne(key, value, appUid) && ledger_.checkRoom(scope, before);
+    });
+}
+
+bool ChangingSide::setOKVDataAllPT_appUid(const Value& settings, std::int32_t appUid) {
+    return ledger_.change([&] {
+        const auto* dictionary = settings.getIf<okv::Dictionary>();
+        return dictionary != nullptr
+                   ? setSettings(*dictionary, appUid)
+                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
+    });
+}
+
+bool ChangingSide::setOKVDataAllPT_osUid(const Value& settings, std::int32_t osUid) {
+    return ledger_.change([&] {
+        const auto* dictionary = settings.getIf<okv::Dictionary>();
+        return dictionary != nullptr
+                   ? setSettings(*dictionary, assignedUser(osUid))
+                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
+    });
+}
+
+bool ChangingSide::setAgentAutoRunPT(bool flag) {
+    return ledger_.change([&] { return setOne(kAgentAutoRunKey, flag, kDefaultUser); });
+}
+
+bool ChangingSide::reloadDataPT() {
+    return ledger_.reload([&] {
+        ledger_.remember(step::Reload{ledger_.store().load()});
+        ledger_.tellEveryKey();
+        return true;
+    });
+}
+
+// Users and accounts are not kept apart from the rest: all is read again.
+void ChangingSide::useridUpdatePT() {
+    reloadDataPT();
+}
+
+bool ChangingSide::setList(const Value& user, UserList list, const Value& value) {
+    return ledger_.change([&] {
+        const auto id = userIdOf(user).value_or(kNoUser);
+        std::string encoded;
+        if (!ledger_.checkUser(id) || !ledger_.mayChange(id) ||
+            !ledger_.encode(value, ledger_.limits().listBytes, encoded))
+            return false;
+        const auto before = ledger_.store().usage(id);
+        ledger_.carryOut(step::List{id, list, value, std::move(encoded)});
+        ledger_.told().appUid = id;
+        return ledger_.checkRoom(id, before);
+    });
+}
+
+bool ChangingSide::setOkvUserSettingPT_value(const Value& user, const Value& list) {
+    return setList(user, UserList::userSetting, list);
+}
+
+bool ChangingSide::setOkvContentsWordsPT_value(const Value& user, const Value& list) {
+    return setList(user, UserList::contentsWords, list);
+}
+
+bool ChangingSide::setOkvHammerListPT_value(const Value& user, const Value& list) {
+    return setList(user, UserList::hammerList, list);
+}
+
+bool ChangingSide::setOkvBlackExtensionListPT_value(const Value& user, const Value& list) {
+    return setList(user, UserList::blackExtensionList, list);
+}
+
+}  // namespace datacenter

@@ -1,0 +1,125 @@
+#include "ChangingSide.h"
+#include "Keys.h"
+
+#include <OKVPlatform/ipc/PeerIdentity.h>
+
+#include <cmath>
+
+namespace datacenter {
+
+using Kind = okv::Refusal::Kind;
+using okv::Value;
+
+bool isAccount(std::int64_t osUid) {
+    return osUid >= 0 && osUid != std::int64_t{okv::kOverflowUid};
+}
+
+bool ChangingSide::setCurrentUserIdPT(const Value& user) {
+    return ledger_.change([&] {
+        const auto id = userIdOf(user).value_or(kNoUser);
+        if (!ledger_.checkUser(id)) return false;
+        ledger_.carryOut(step::CurrentUser{id});
+        return true;
+    });
+}
+
+bool ChangingSide::setCurrentUserIdForOSPT(const Value& user) {
+    return ledger_.change([&] {
+        const auto id = userIdOf(user).value_or(kNoUser);
+        const auto* who = ledger_.caller();
+        if (who == nullptr || !isAccount(who->uid))
+            return ledger_.refuse(Kind::notAllowed, "the caller is no account");
+        if (!ledger_.checkUser(id)) return false;
+        ledger_.carryOut(step::Switch{who->uid, id});
+        ledger_.tellSwitch(who->uid, id);
+        return true;
+    });
+}
+
+bool ChangingSide::assign(std::int32_t osUid, std::int32_t appUid) {
+    auto& store = ledger_.store();
+    if (!isAccount(osUid) || appUid <= kEverybody)
+        return ledger_.refuse(Kind::invalid, "no account or no user has this number");
+    if (!store.hasUser(appUid)) {
+        if (store.userCount() >= ledger_.limits().users)
+            return ledger_.refuse(Kind::tooLarge, "too many users");
+        ledger_.carryOut(step::AddUser{appUid});
+    }
+    ledger_.carryOut(step::Assign{osUid, appUid});
+    ledger_.tellSwitch(osUid, appUid);
+    return store.accountCount() <= ledger_.limits().accounts ||
+           ledger_.refuse(Kind::tooLarge, "too many accounts");
+}
+
+void ChangingSide::setUseridPT_applyUid(std::int32_t osUid, std::int32_t appUid) {
+    ledger_.change([&] { return assign(osUid, appUid); });
+}
+
+std::int32_t ChangingSide::delUseridPT(std::int32_t osUid) {
+    std::int32_t user = 0;
+    ledger_.change([&] {
+        user = assignedUser(osUid);
+        if (user == kNoUser) return false;  // nothing to change, and no refusal either
+        ledger_.carryOut(step::Assign{osUid, std::nullopt});
+        return true;
+    });
+    return user;
+}
+
+bool ChangingSide::removeUserInfoPT(const Value& user) {
+    return ledger_.change([&] {
+        const auto id = userIdOf(user).value_or(kNoUser);
+        if (id == kDefaultUser) return ledger_.refuse(Kind::invalid, "the default user stays");
+        if (!ledger_.checkUser(id)) return false;
+        ledger_.carryOut(step::RemoveUser{id});
+        ledger_.told().appUid = id;
+        ledger_.tellEveryKey();
+        return true;
+    });
+}
+
+void ChangingSide::removeUserInfoAllPT() {
+    ledger_.change([&] {
+        for (const auto id : ledger_.store().users()) {
+            if (id != kDefaultUser) ledger_.carryOut(step::RemoveUser{id});
+        }
+        ledger_.carryOut(step::EmptyUser{kDefaultUser});
+        ledger_.tellEveryKey();
+        return true;
+    });
+}
+
+void ChangingSide::setClock(const Clock& clock) {
+    ledger_.carryOut(step::ServerClock{clock});
+}
+
+void ChangingSide::setServerTimePT(const Value& date) {
+    ledger_.change([&] {
+        const auto* time = date.getIf<okv::Date>();
+        if (time == nullptr || !std::isfinite(time->secondsSince1970))
+            return ledger_.refuse(Kind::invalid, "a time is a date");
+        auto clock = ledger_.store().clock();
+        clock.time = time->secondsSince1970;
+        clock.since = ledger_.now();
+        setClock(clock);
+        return true;
+    });
+}
+
+void ChangingSide::startServerTimeTimer() {
+    ledger_.change([&] {
+        const auto now = ledger_.now();
+        setClock({ledger_.store().clock().at(now), true, now});
+        return true;
+    });
+}
+
+void ChangingSide::stopServerTimeTimer() {
+    ledger_.change([&] {
+        const auto now = ledger_.now();
+        setClock({ledger_.store().clock().at(now), false, now});
+        return true;
+    });
+}
+
+}  // namespace datacenter

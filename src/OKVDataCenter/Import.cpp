@@ -1,0 +1,192 @@
+#include "ChangingSide.h"
+#include "Keys.h"
+#include "Transfer.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace datacenter {
+
+using Kind = okv::Refusal::Kind;
+using okv::Dictionary;
+using okv::Value;
+
+// What tells only where the dictionary comes from is not taken over.
+const Import::Named Import::kParts[] = {
+    {"format", &Import::format},
+    {"epoch", &Import::ignored},
+    {"revision", &Import::ignored},
+    {"everybody", &Import::everybody},
+    {"users", &Import::users},
+    {"accounts", &Import::accounts},
+    {"locks", &Import::locks},
+    {"current_user", &Import::currentUser},
+    {"highest_user", &Import::highestUser},
+    {"clock", &Import::clock},
+    {"flt_proc_white", &Import::processes<ProcessList::white>},
+    {"flt_proc_black", &Import::processes<ProcessList::black>},
+    {"kill_web_proc", &Import::processes<ProcessList::killWeb>},
+};
+
+bool Import::bad(std::string what) {
+    return ledger_.refuse(Kind::invalid, std::move(what));
+}
+
+// The parts may come in any order, so what one says of another is looked at in the end.
+bool Import::take(const Dictionary& whole) {
+    if (!whole.contains("format")) return bad("no \"format\": this is no export");
+    for (const auto& [name, part] : whole) {
+        if (!takePart(name, part)) return false;
+    }
+    return store_.isConsistent() || bad("it names users that it does not hold");
+}
+
+bool Import::takePart(const Value& name, const Value& part) {
+    for (const auto& known : kParts) {
+        if (name == Value(known.name)) return (this->*known.take)(part);
+    }
+    return bad("an unknown part");
+}
+
+template <class Take>
+bool Import::each(const Value& part, Take take) {
+    const auto* dictionary = part.getIf<Dictionary>();
+    if (dictionary == nullptr) return bad("a part is not the dictionary it should be");
+    return std::all_of(dictionary->begin(), dictionary->end(),
+                       [&](const auto& entry) { return take(entry.key, entry.value); });
+}
+
+bool Import::format(const Value& part) {
+    return part == Value(1) || bad("an export of another form");
+}
+
+bool Import::setting(Scope scope, const Value& key, const Value& value) {
+    std::string encoded;
+    if (!ledger_.checkKey(key) || !ledger_.encode(value, ledger_.limits().valueBytes, encoded))
+        return false;
+    const auto& text = key.as<std::string>();
+    if (scope != kEverybody && isSystemKey(text)) return bad("a user with a system setting");
+    store_.carryOut(step::Setting{scope, text, value, std::move(encoded), ledger_.stamp()});
+    return true;
+}
+
+bool Import::settings(Scope scope, const Value& part) {
+    return each(part,
+                [&](const Value& key, const Value& value) { return setting(scope, key, value); });
+}
+
+bool Import::everybody(const Value& part) {
+    store_.clearSettings(kEverybody);
+    return settings(kEverybody, part) && ledger_.checkRoom(kEverybody, {});
+}
+
+bool Import::users(const Value& part) {
+    store_.clearUsers();
+    const auto taken =
+        each(part, [&](const Value& id, const Value& content) { return user(id, content); });
+    return taken && (store_.userCount() <= ledger_.limits().users ||
+                     ledger_.refuse(Kind::tooLarge, "too many users"));
+}
+
+bool Import::user(const Value& id, const Value& content) {
+    const auto number = decimalOf(id).value_or(kNoUser);
+    if (number < kDefaultUser || number > INT32_MAX) return bad("a user's id is 1 or above");
+    const auto user = static_cast<std::int32_t>(number);
+    store_.carryOut(step::AddUser{user});
+    const auto taken = each(content, [&](const Value& name, const Value& value) {
+        return name == Value("settings") ? settings(user, value) : list(user, name, value);
+    });
+    return taken && ledger_.checkRoom(user, {});
+}
+
+bool Import::list(std::int32_t user, const Value& name, const Value& value) {
+    const auto known = std::find_if(kUserListNames.begin(), kUserListNames.end(),
+                                    [&](const char* text) { return name == Value(text); });
+    if (known == kUserListNames.end()) return bad("a user with an unknown part");
+    std::string encoded;
+    if (!ledger_.encode(value, ledger_.limits().listBytes, encoded)) return false;
+    const auto list = static_cast<UserList>(known - kUserListNames.begin());
+    store_.carryOut(step::List{user, list, value, std::move(encoded)});
+    return true;
+}
+
+bool Import::accounts(const Value& part) {
+    store_.clearAccounts();
+    const auto taken = each(
+        part, [&](const Value& osUid, const Value& content) { return account(osUid, content); });
+    return taken && (store_.accountCount() <= ledger_.limits().accounts ||
+                     ledger_.refuse(Kind::tooLarge, "too many accounts"));
+}
+
+bool Import::account(const Value& osUid, const Value& content) {
+    const auto uid = decimalOf(osUid).value_or(-1);
+    const auto* dictionary = content.getIf<Dictionary>();
+    if (!isAccount(uid) || uid > UINT32_MAX || dictionary == nullptr)
+        return bad("an account that is none");
+    if (const auto assigned = userIdOf((*dictionary)["appuid"]))
+        store_.carryOut(step::Assign{uid, *assigned});
+    if (const auto current = userIdOf((*dictionary)["current"]))
+        store_.carryOut(step::Switch{uid, *current});
+    return true;
+}
+
+bool Import::locks(const Value& part) {
+    store_.clearLocks();
+    const auto* keys = part.getIf<okv::Array>();
+    if (keys == nullptr) return bad("locks are an array of keys");
+    for (const auto& key : *keys) {
+        if (!ledger_.checkKey(key)) return false;
+        store_.carryOut(step::Lock{key.as<std::string>(), true, ledger_.stamp()});
+    }
+    return store_.lockCount() <= ledger_.limits().locks ||
+           ledger_.refuse(Kind::tooLarge, "too many locks");
+}
+
+template <ProcessList list>
+bool Import::processes(const Value& part) {
+    store_.clearProcesses(list);
+    const auto taken = each(part, [&](const Value& name, const Value& identifier) {
+        return process(list, name, identifier);
+    });
+    return taken && ledger_.checkProcesses(list);
+}
+
+bool Import::process(ProcessList list, const Value& name, const Value& identifier) {
+    std::string encoded;
+    if (!ledger_.checkKey(name) ||
+        !ledger_.encode(identifier, ledger_.limits().valueBytes, encoded))
+        return false;
+    store_.carryOut(step::Process{list, name.as<std::string>(), identifier});
+    return true;
+}
+
+bool Import::currentUser(const Value& part) {
+    const auto id = userIdOf(part);
+    if (!id) return bad("the current user is a number");
+    store_.carryOut(step::CurrentUser{*id});
+    return true;
+}
+
+// Ids that were given before the import stay given.
+bool Import::highestUser(const Value& part) {
+    const auto id = userIdOf(part);
+    if (!id) return bad("the highest user is a number");
+    store_.setHighestUser(std::max(*id, store_.highestUser()));
+    return true;
+}
+
+bool Import::clock(const Value& part) {
+    const auto* content = part.getIf<Dictionary>();
+    if (content == nullptr) return bad("the clock is a dictionary");
+    Clock clock{std::nullopt, (*content)["running"].boolValue(), ledger_.now()};
+    if (const auto* since = (*content)["since"].getIf<okv::Date>())
+        clock.since = since->secondsSince1970;
+    if (const auto* time = (*content)["time"].getIf<okv::Date>())
+        clock.time = time->secondsSince1970;
+    if (!std::isfinite(clock.since) || !std::isfinite(clock.time.value_or(0)))
+        return bad("a time is a date");
+    store_.carryOut(step::ServerClock{clock});
+    return true;
+}
+
+}  // namespace datacenter

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace datacenter {
+
+/// Every bound that the server sets to what it takes, keeps and gives back. Tests open stores with
+/// smaller ones.
+struct Limits {
+    std::size_t requestBytes = 1U << 20;                ///< the payload of a request
+    std::size_t importBytes = 16U << 20;                ///< the payload of an import
+    std::size_t replyBytes = (16U << 20) - (1U << 16);  ///< what goes into one reply; the rest of a
+                                                        ///< frame is left to its bookkeeping
+    std::size_t keyBytes = 255;
+    std::size_t valueBytes = 256U << 10;  ///< one value, encoded
+    std::size_t listBytes = 1U << 20;     ///< one of a user's four lists, encoded
+    std::size_t nesting = 60;  ///< containers in a value: the wire carries 64, and an export puts
+                               ///< values up to four containers deep
+    std::int64_t scopeKeys = 10000;      ///< keys of everybody, or of one user
+    std::int64_t scopeBytes = 16 << 20;  ///< keys, values and lists of one scope
+    std::int64_t users = 100000;
+    std::int64_t accounts = 100000;
+    std::int64_t locks = 10000;
+    std::int64_t processes = 10000;       ///< names in one process list
+    std::int64_t processBytes = 8 << 20;  ///< names and identifiers of one process list
+    std::int64_t changesKept = 10000;     ///< changes that can be asked for by revision
+    std::size_t keysTold = 256;           ///< keys that a change tells by name; more: none at all
+    std::size_t keyBytesTold = 8192;
+    std::int64_t storePages = 1 << 20;    ///< of 4 KiB each
+    std::size_t groupedRequests = 256;    ///< requests in one transaction
+    std::size_t queuedBytes = 64U << 20;  ///< requests waiting for the writer
+};
+
+}  // namespace datacenter

@@ -1,0 +1,122 @@
+#pragma once
+
+#include "Limits.h"
+#include "Model.h"
+#include "Sql.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace datacenter {
+
+/// Why a file cannot serve as the store; it was left as it was.
+class StoreError final : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// How much of a scope's room is taken.
+struct Usage {
+    std::int64_t keys = 0;
+    std::int64_t bytes = 0;
+};
+
+/// The settings on the disk: one SQLite file in write-ahead mode, every commit flushed. It carries
+/// steps out inside of a transaction and answers what a change must know before it is accepted; the
+/// rules themselves are not its business. Opened on one thread, then used by the writer's only.
+class Store {
+public:
+    /// Opens the store, makes it when the file is missing or empty, and brings an older one up to
+    /// date. Its folder must exist. Throws StoreError, with the file untouched, when it is damaged,
+    /// somebody else's, of a newer version, or open in another server.
+    Store(std::string file, Limits limits);
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    const Limits& limits() const noexcept { return limits_; }
+    const std::string& epoch() const noexcept { return epoch_; }
+
+    /// All that is stored, with what the open transaction has changed. Throws SqlError.
+    std::shared_ptr<View> load();
+
+    /// A transaction, and inside of it one savepoint at a time. All throw SqlError.
+    void begin();
+    void commit();
+    void rollback() noexcept;
+    void beginRequest();
+    void keepRequest();
+    void dropRequest();
+    /// Whether the engine has given the transaction up by itself, as it does when the disk fails.
+    bool isTransactionLost() const noexcept { return !database_->inTransaction(); }
+
+    void carryOut(const Step& step);
+    /// Gives the change the next revision and writes it down.
+    void record(Change& change);
+    /// Empties a part of the store before an import fills it anew.
+    void clearSettings(Scope scope);
+    void clearUsers();
+    void clearAccounts();
+    void clearLocks();
+    void clearProcesses(ProcessList list);
+    void setHighestUser(std::int32_t user);
+
+    bool hasUser(std::int32_t user);
+    std::vector<std::int32_t> users();
+    std::optional<std::int32_t> assignedUser(std::int64_t osUid);
+    bool isLocked(std::string_view key);
+    Usage usage(Scope scope);
+    std::int64_t bytesInAll();
+    std::int64_t userCount();
+    std::int64_t accountCount();
+    std::int64_t lockCount();
+    Usage processUsage(ProcessList list);
+    /// Whether everything that names a user names one that is there.
+    bool isConsistent();
+    std::int32_t highestUser();
+    std::int64_t revision();
+    Clock clock();
+
+private:
+    class Guard;
+
+    void open();
+    void examine();
+    void create();
+    void migrate(std::int64_t version);
+    void noteRestoredBackup();
+
+    void write(const step::Setting& set);
+    void write(const step::Lock& set);
+    void write(const step::List& set);
+    void write(const step::Process& set);
+    void write(const step::AddUser& add);
+    void write(const step::RemoveUser& remove);
+    void write(const step::EmptyUser& empty);
+    void write(const step::Assign& assign);
+    void write(const step::Switch& change);
+    void write(const step::CurrentUser& set);
+    void write(const step::ServerClock& set);
+    void write(const step::Record& record);
+    void write(const step::Reload& reload);
+
+    void loadSettings(View& view);
+    void loadUsers(View& view);
+    void loadLists(View& view);
+    void loadChanges(View& view);
+
+    template <class T>
+    void setMeta(std::string_view name, const T& value);
+    std::int64_t metaNumber(std::string_view name);
+    std::string metaText(std::string_view name);
+
+    std::string file_;
+    Limits limits_;
+    std::unique_ptr<Guard> guard_;
+    std::unique_ptr<Database> database_;
+    std::string epoch_;
+};
+
+}  // namespace datacenter

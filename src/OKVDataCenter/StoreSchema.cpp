@@ -1,0 +1,159 @@
+#include "Store.h"
+
+#include "StoreGuard.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace datacenter {
+
+namespace {
+
+// "OKV6" in the header of every store of ours.
+constexpr std::int64_t kApplicationId = 0x4F4B5636;
+
+// Step n brings a store from version n to n + 1; a fresh one is of version 0.
+//
+// Scope 0 is everybody, the others are the users. How much a scope holds is counted by triggers, so
+// that it is right whatever way a value comes and goes.
+constexpr std::array kSchemaSteps{
+    R"(
+CREATE TABLE meta(name TEXT PRIMARY KEY, value) WITHOUT ROWID;
+CREATE TABLE scopes(id INTEGER PRIMARY KEY, keys INTEGER NOT NULL DEFAULT 0,
+                    bytes INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE accounts(os_uid INTEGER PRIMARY KEY, assigned INTEGER, current INTEGER);
+CREATE TABLE settings(scope INTEGER NOT NULL, key TEXT NOT NULL, value BLOB NOT NULL,
+                      writer INTEGER NOT NULL, time REAL NOT NULL,
+                      PRIMARY KEY(scope, key)) WITHOUT ROWID;
+CREATE TABLE locks(key TEXT PRIMARY KEY, writer INTEGER NOT NULL, time REAL NOT NULL)
+    WITHOUT ROWID;
+CREATE TABLE lists(user INTEGER NOT NULL, list INTEGER NOT NULL, value BLOB NOT NULL,
+                   PRIMARY KEY(user, list)) WITHOUT ROWID;
+CREATE TABLE processes(list INTEGER NOT NULL, name TEXT NOT NULL, identifier BLOB NOT NULL,
+                       PRIMARY KEY(list, name));
+CREATE TABLE changes(revision INTEGER PRIMARY KEY, time REAL NOT NULL, writer INTEGER NOT NULL,
+                     os_user INTEGER NOT NULL, session_user INTEGER NOT NULL, app_uid INTEGER,
+                     keys BLOB);
+
+CREATE TRIGGER setting_added AFTER INSERT ON settings BEGIN
+    UPDATE scopes SET keys = keys + 1,
+        bytes = bytes + length(CAST(new.key AS BLOB)) + length(new.value) WHERE id = new.scope;
+END;
+CREATE TRIGGER setting_replaced AFTER UPDATE ON settings BEGIN
+    UPDATE scopes SET bytes = bytes + length(new.value) - length(old.value) WHERE id = new.scope;
+END;
+CREATE TRIGGER setting_removed AFTER DELETE ON settings BEGIN
+    UPDATE scopes SET keys = keys - 1,
+        bytes = bytes - length(CAST(old.key AS BLOB)) - length(old.value) WHERE id = old.scope;
+END;
+CREATE TRIGGER list_added AFTER INSERT ON lists BEGIN
+    UPDATE scopes SET bytes = bytes + length(new.value) WHERE id = new.user;
+END;
+CREATE TRIGGER list_replaced AFTER UPDATE ON lists BEGIN
+    UPDATE scopes SET bytes = bytes + length(new.value) - length(old.value) WHERE id = new.user;
+END;
+CREATE TRIGGER list_removed AFTER DELETE ON lists BEGIN
+    UPDATE scopes SET bytes = bytes - length(old.value) WHERE id = old.user;
+END;
+
+INSERT INTO scopes(id) VALUES(0), (1);
+INSERT INTO meta VALUES('epoch', lower(hex(randomblob(16)))), ('revision', 0), ('current_user', 1),
+    ('highest_user', 1), ('clock_time', NULL), ('clock_since', 0.0), ('clock_running', 0);
+)"};
+
+constexpr auto kSchemaVersion = static_cast<std::int64_t>(kSchemaSteps.size());
+
+// Made by ourselves, because the engine would make it readable for others.
+void makeFile(const std::string& file) {
+    const int made = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (made < 0 && errno != EEXIST)
+        throw StoreError("cannot make the store " + file + ": " + std::strerror(errno));
+    if (made >= 0) close(made);
+}
+
+void leaveUntouched(Database& database, bool untouched) {
+    sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, untouched ? 1 : 0,
+                      nullptr);
+}
+
+}  // namespace
+
+Store::Store(std::string file, Limits limits)
+    : file_(std::move(file)), limits_(limits), guard_(std::make_unique<Guard>(file_)) {
+    try {
+        makeFile(file_);
+        open();
+    } catch (const SqlError& error) {
+        throw StoreError("the store " + file_ + " cannot be used: " + error.what());
+    }
+}
+
+Store::~Store() {
+    try {
+        guard_->setMark({epoch_, revision()});
+    } catch (const SqlError&) {
+        // The older mark stays.
+    }
+    database_.reset();  // before the guard: no other server may find it half closed
+}
+
+void Store::open() {
+    database_ = std::make_unique<Database>(file_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);
+    leaveUntouched(*database_, true);
+    sqlite3_db_config(database_->handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    database_->execute("PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON;");
+    examine();
+    leaveUntouched(*database_, false);
+    chmod(file_.c_str(), 0600);
+    database_->execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
+    database_->execute(("PRAGMA max_page_count=" + std::to_string(limits_.storePages)).c_str());
+    epoch_ = metaText("epoch");
+    noteRestoredBackup();
+}
+
+// Nothing is written before all of this has passed.
+void Store::examine() {
+    const auto application = database_->number("PRAGMA application_id");
+    const auto version = database_->number("PRAGMA user_version");
+    const auto tables = database_->number("SELECT count(*) FROM sqlite_schema");
+    if (sqlite3_db_readonly(database_->handle(), "main") != 0)
+        throw StoreError("the store " + file_ + " cannot be written");
+    if (application == 0 && version == 0 && tables == 0) return migrate(0);
+    if (application != kApplicationId)
+        throw StoreError("the file " + file_ + " is no store of this server");
+    if (version > kSchemaVersion)
+        throw StoreError("the store " + file_ + " is of version " + std::to_string(version) +
+                         ", newer than this server's " + std::to_string(kSchemaVersion));
+    auto rows = database_->query("PRAGMA quick_check(1)");
+    if (!rows.next() || rows.bytes(0) != "ok")
+        throw StoreError("the store " + file_ + " is damaged: " + std::string(rows.bytes(0)));
+    migrate(version);
+}
+
+void Store::migrate(std::int64_t version) {
+    if (version == kSchemaVersion) return;
+    database_->execute("BEGIN IMMEDIATE");
+    for (auto at = static_cast<std::size_t>(version); at < kSchemaSteps.size(); ++at)
+        database_->execute(kSchemaSteps[at]);
+    const auto stamps = "PRAGMA application_id=" + std::to_string(kApplicationId) +
+                        "; PRAGMA user_version=" + std::to_string(kSchemaVersion) + "; COMMIT;";
+    database_->execute(stamps.c_str());
+}
+
+// Revisions only grow. A store that stands below what was seen in it is an older copy: whoever
+// remembers revisions of the newer one must not go on counting from them.
+void Store::noteRestoredBackup() {
+    const auto mark = guard_->mark();
+    if (mark.epoch == epoch_ && revision() < mark.revision) {
+        database_->run("UPDATE meta SET value = lower(hex(randomblob(16))) WHERE name = 'epoch'");
+        epoch_ = metaText("epoch");
+    }
+    guard_->setMark({epoch_, revision()});
+}
+
+}  // namespace datacenter

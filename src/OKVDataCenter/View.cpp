@@ -1,0 +1,163 @@
+#include "View.h"
+
+#include <algorithm>
+
+namespace datacenter {
+
+namespace {
+
+std::size_t at(UserList list) {
+    return static_cast<std::size_t>(list);
+}
+std::size_t at(ProcessList list) {
+    return static_cast<std::size_t>(list);
+}
+
+}  // namespace
+
+void View::apply(const Step& step) {
+    std::visit([this](const auto& one) { take(one); }, step);
+}
+
+View::Settings& View::settingsOf(Scope scope) {
+    return scope == kEverybody ? everybody_ : users_[scope].settings;
+}
+
+void View::reserve(Scope scope, std::size_t count) {
+    settingsOf(scope).reserve(count);
+}
+
+void View::take(const step::Setting& set) {
+    auto& settings = settingsOf(set.scope);
+    const auto before = settings.size();
+    if (set.value.isNull()) {
+        settings.erase(set.key);
+    } else {
+        const auto size = static_cast<std::uint32_t>(set.key.size() + set.encoded.size());
+        settings.insert_or_assign(set.key, Setting{set.value, size, set.stamp});
+    }
+    settingCount_ += static_cast<std::int64_t>(settings.size()) - static_cast<std::int64_t>(before);
+}
+
+void View::take(const step::Lock& set) {
+    if (set.locked) {
+        locks_.insert_or_assign(set.key, set.stamp);
+    } else {
+        locks_.erase(set.key);
+    }
+}
+
+void View::take(const step::List& set) {
+    auto& held = users_[set.user].lists[at(set.list)];
+    held = set.value.isNull() ? okv::Value() : set.value;
+}
+
+void View::take(const step::Process& set) {
+    auto& processes = processes_[at(set.list)];
+    if (set.identifier.isNull()) {
+        processes.erase(set.name);
+    } else {
+        processes.set(set.name, set.identifier);
+    }
+}
+
+void View::take(const step::AddUser& add) {
+    users_.try_emplace(add.user);
+    highestUser_ = std::max(highestUser_, add.user);
+}
+
+void View::forget(User& user) {
+    settingCount_ -= static_cast<std::int64_t>(user.settings.size());
+    user = User();
+}
+
+void View::take(const step::RemoveUser& remove) {
+    forget(users_[remove.user]);
+    users_.erase(remove.user);
+    if (currentUser_ == remove.user) currentUser_ = kDefaultUser;
+    for (auto at = accounts_.begin(); at != accounts_.end();) {
+        auto& account = at->second;
+        if (account.assigned == remove.user) account.assigned.reset();
+        if (account.current == remove.user) account.current.reset();
+        at = account.assigned || account.current ? std::next(at) : accounts_.erase(at);
+    }
+}
+
+void View::take(const step::EmptyUser& empty) {
+    forget(users_[empty.user]);
+}
+
+void View::take(const step::Assign& assign) {
+    auto& account = accounts_[assign.osUid];
+    account.assigned = assign.user;
+    // A new user is the current one, too: what the account chose before was for the old one.
+    if (assign.user) account.current.reset();
+    if (!account.assigned && !account.current) accounts_.erase(assign.osUid);
+}
+
+void View::take(const step::Switch& change) {
+    accounts_[change.osUid].current = change.user;
+}
+
+void View::take(const step::CurrentUser& set) {
+    currentUser_ = set.user;
+}
+
+void View::take(const step::ServerClock& set) {
+    clock_ = set.clock;
+}
+
+void View::take(const step::Record& record) {
+    revision_ = record.change.revision;
+    changes_.push_back(record.change);
+    while (changes_.size() > static_cast<std::size_t>(changesKept_)) changes_.pop_front();
+}
+
+void View::take(const step::Reload& reload) {
+    // What was held goes into the step, for whoever keeps it to give up at leisure.
+    std::swap(*this, *reload.view);
+}
+
+void View::begin(std::string epoch, std::int64_t revision, std::int64_t changesKept) {
+    epoch_ = std::move(epoch);
+    revision_ = revision;
+    changesKept_ = changesKept;
+}
+
+View::Found View::find(Scope scope, std::string_view key) const {
+    const auto* one = user(scope);
+    if (one != nullptr && lock(key) == nullptr) {
+        const auto own = one->settings.find(key);
+        if (own != one->settings.end()) return {&own->second, true};
+    }
+    const auto common = everybody_.find(key);
+    return {common != everybody_.end() ? &common->second : nullptr, false};
+}
+
+const View::User* View::user(std::int32_t id) const {
+    const auto found = users_.find(id);
+    return found == users_.end() ? nullptr : &found->second;
+}
+
+const Stamp* View::lock(std::string_view key) const {
+    const auto found = locks_.find(key);
+    return found == locks_.end() ? nullptr : &found->second;
+}
+
+const okv::Dictionary& View::processes(ProcessList list) const {
+    return processes_[at(list)];
+}
+
+std::int32_t View::userOf(std::int64_t osUid) const {
+    const auto found = accounts_.find(osUid);
+    return found == accounts_.end() ? kDefaultUser : found->second.assigned.value_or(kDefaultUser);
+}
+
+std::int32_t View::currentUserOf(std::int64_t osUid) const {
+    const auto found = accounts_.find(osUid);
+    if (found == accounts_.end()) return currentUser_;
+    const auto& account = found->second;
+    return account.current ? *account.current : account.assigned.value_or(currentUser_);
+}
+
+}  // namespace datacenter

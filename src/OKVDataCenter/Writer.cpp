@@ -1,0 +1,161 @@
+#include "Writer.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace datacenter {
+
+namespace {
+
+template <class T>
+void append(std::vector<T>& all, std::vector<T> more) {
+    all.insert(all.end(), std::make_move_iterator(more.begin()),
+               std::make_move_iterator(more.end()));
+}
+
+}  // namespace
+
+Writer::Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster& poster,
+               Handlers handlers)
+    : store_(store),
+      ledger_(store, rights, std::move(now)),
+      poster_(poster),
+      handlers_(std::move(handlers)),
+      thread_([this] { run(); }) {}
+
+Writer::~Writer() {
+    {
+        const std::lock_guard lock(mutex_);
+        finishing_ = true;
+        abandoned_ = true;
+        wake_.notify_one();
+    }
+    thread_.join();
+}
+
+bool Writer::queue(okv::Ref<okv::IncomingRequest> request, Method method) {
+    const std::lock_guard lock(mutex_);
+    const auto size = request->size();
+    if (finishing_ || (queuedBytes_ > 0 && queuedBytes_ + size > store_.limits().queuedBytes))
+        return false;
+    queuedBytes_ += size;
+    queue_.push_back({std::move(request), method});
+    wake_.notify_one();
+    return true;
+}
+
+void Writer::queueReload() {
+    const std::lock_guard lock(mutex_);
+    if (finishing_) return;
+    queue_.push_back({nullptr, methodOf<&OKVDataMng_protocol::reloadDataPT>()});
+    wake_.notify_one();
+}
+
+void Writer::acknowledge(std::shared_ptr<Batch> batch) {
+    const std::lock_guard lock(mutex_);
+    --unacknowledged_;
+    acknowledged_.push_back(std::move(batch));
+    wake_.notify_one();
+}
+
+void Writer::finish() {
+    const std::lock_guard lock(mutex_);
+    finishing_ = true;
+    wake_.notify_one();
+}
+
+std::size_t Writer::waiting() const {
+    const std::lock_guard lock(mutex_);
+    return queue_.size();
+}
+
+// Lock held.
+bool Writer::hasWork() const {
+    return !queue_.empty() || !acknowledged_.empty();
+}
+
+// Lock held.
+void Writer::takeRequests(Work& work) {
+    const auto count = std::min(queue_.size(), store_.limits().groupedRequests);
+    const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(count);
+    work.requests.assign(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
+    queue_.erase(queue_.begin(), end);
+    for (const auto& queued : work.requests)
+        queuedBytes_ -= queued.request ? queued.request->size() : 0;
+}
+
+bool Writer::next(Work& work) {
+    std::unique_lock lock(mutex_);
+    wake_.wait(
+        lock, [this] { return hasWork() || (finishing_ && (unacknowledged_ == 0 || abandoned_)); });
+    if (!hasWork()) return false;
+    work = Work();
+    work.acknowledged.swap(acknowledged_);
+    takeRequests(work);
+    if (!work.requests.empty()) ++unacknowledged_;
+    return true;
+}
+
+void Writer::run() {
+    for (Work work; next(work);) {
+        for (const auto& batch : work.acknowledged) {
+            for (const auto& change : batch->told) post(change);
+        }
+        if (!work.requests.empty()) carryOut(work.requests);
+    }
+    handlers_.finished();
+}
+
+void Writer::post(const Change& change) {
+    poster_.post(kSettingsNotice, noticeFor(change, store_.epoch()));
+}
+
+void Writer::carryOut(const std::vector<Queued>& group) {
+    auto batch = std::make_shared<Batch>();
+    try {
+        carryOutAll(group, *batch);
+    } catch (const SqlError& error) {
+        store_.rollback();
+        *batch = Batch();
+        for (const auto& queued : group)
+            batch->answers.push_back(
+                {queued.request, refusalReply(queued.method, refusalFor(error))});
+    }
+    handlers_.handOver(std::move(batch));
+}
+
+void Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
+    store_.begin();
+    for (const auto& queued : group) {
+        auto frame = carryOutOne(queued, batch);
+        batch.answers.push_back({queued.request, std::move(frame)});
+    }
+    store_.commit();
+}
+
+std::string Writer::send(const Queued& queued) {
+    if (queued.request) return Speaker{data_, admin_}.carryOut(*queued.request, queued.method);
+    data_.reloadDataPT();
+    return {};
+}
+
+// An error that leaves the transaction standing concerns this request alone.
+std::string Writer::carryOutOne(const Queued& queued, Batch& batch) {
+    store_.beginRequest();
+    ledger_.open();
+    try {
+        auto frame = send(queued);
+        if (store_.isTransactionLost() && ledger_.failure()) throw SqlError(*ledger_.failure());
+        auto outcome = ledger_.close();
+        outcome.told ? store_.keepRequest() : store_.dropRequest();
+        append(batch.steps, std::move(outcome.steps));
+        if (outcome.told) batch.told.push_back(std::move(*outcome.told));
+        return frame;
+    } catch (const SqlError& error) {
+        if (store_.isTransactionLost()) throw;
+        store_.dropRequest();
+        return refusalReply(queued.method, refusalFor(error));
+    }
+}
+
+}  // namespace datacenter

@@ -1,0 +1,89 @@
+#include "Server.h"
+
+#include <OKVPlatform/values/PropertyListScalars.h>
+
+namespace okvctl {
+
+namespace {
+
+using ErrorKind = okv::ConnectionError::Kind;
+using RefusalKind = okv::Refusal::Kind;
+
+[[noreturn]] void fail(ExitCode code, std::string_view subject, const std::string& text) {
+    throw ToolError(code, subject.empty() ? text : std::string(subject) + ": " + text);
+}
+
+const char* remedyFor(RefusalKind kind) {
+    switch (kind) {
+        case RefusalKind::notAllowed:
+            return "; do it as root or as a member of the group okvadmin";
+        case RefusalKind::locked:
+            return "; an administrator can unlock it: okvctl unlock KEY";
+        case RefusalKind::noSpace:
+            return "; make room on the data server's disk";
+        default:
+            return "";
+    }
+}
+
+}  // namespace
+
+okv::RemoteObject& Server::root() {
+    if (root_) return *root_;
+    std::string why;
+    connection_ =
+        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
+    if (!connection_)
+        fail(ExitCode::notRunning, {},
+             "the data server is not running: " + why + "; start OKVDataCenter");
+    connection_->setRequestTimeout(timeout_);
+    connection_->setReplyTimeout(timeout_);
+    root_ = connection_->rootProxy();
+    if (!root_) fail(ExitCode::failure, {}, "the data server vends no root object");
+    return *root_;
+}
+
+void Server::disconnect() {
+    root_ = nullptr;
+    connection_ = nullptr;
+}
+
+void Server::throwRefusal(std::string_view subject, const okv::Refusal& refusal) {
+    const bool denied =
+        refusal.kind == RefusalKind::notAllowed || refusal.kind == RefusalKind::locked;
+    fail(denied ? ExitCode::refused : ExitCode::failure, subject,
+         "refused: " + refusal.reason + remedyFor(refusal.kind));
+}
+
+void Server::throwFailure(std::string_view subject, const okv::ConnectionError& error) {
+    const std::string what = error.what();
+    switch (error.kind()) {
+        case ErrorKind::timedOut:
+            fail(ExitCode::timeout, subject,
+                 "no answer within " + okv::formatReal(timeout_) +
+                     " s; a change may still be carried out (--timeout gives more time)");
+        case ErrorKind::notSent:
+        case ErrorKind::refusedPeer:
+            fail(ExitCode::notRunning, subject, "the data server is not running: " + what);
+        case ErrorKind::outcomeUnknown:
+            fail(ExitCode::failure, subject,
+                 "the data server went away before it answered, a change may have been made: " +
+                     what);
+        case ErrorKind::notUnderstood:
+            fail(ExitCode::failure, subject,
+                 "the data server does not know this request (another version?): " + what);
+        case ErrorKind::badData:
+            break;
+    }
+    fail(ExitCode::failure, subject, "the data server's answer is not understood: " + what);
+}
+
+void Server::throwTooLarge(std::string_view subject) {
+    fail(ExitCode::failure, subject, "too large, or nested too deep, for a request");
+}
+
+void Server::throwNo(std::string_view subject, std::string_view no) {
+    fail(ExitCode::failure, subject, std::string(no));
+}
+
+}  // namespace okvctl

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "CommandLine.h"
+#include "Output.h"
+#include "Server.h"
+#include "ToolError.h"
+
+#include <span>
+#include <string_view>
+
+namespace okvctl {
+
+/// What a verb has to do with.
+struct Call {
+    const CommandLine& line;
+    Server& server;
+    Output& out;
+
+    std::span<const std::string_view> operands() const noexcept { return line.operands; }
+};
+
+/// A verb of the tool: one file under verbs/ each, and one row of the table in Verbs.cpp.
+struct Verb {
+    std::string_view name;
+    std::string_view operands;  ///< as its usage line shows them
+    std::string_view summary;   ///< one line
+    std::string_view details;   ///< the rest of its help, with ends of line
+    unsigned takes;             ///< the options of OptionSet that have a meaning for it
+    /// Throws ToolError. Checks the operands before it asks the server anything.
+    ExitCode (*run)(Call& call);
+};
+
+std::span<const Verb* const> verbs();
+
+/// One line on the standard error, whatever the text quotes.
+void complain(std::string_view text);
+
+/// Ends a verb that was called wrongly: the tool adds the verb's usage.
+[[noreturn]] void throwUsage(const std::string& mistake);
+
+}  // namespace okvctl

@@ -1,0 +1,65 @@
+#include "../Operands.h"
+#include "Verbs.h"
+
+namespace okvctl {
+
+namespace {
+
+using Data = OKVDataMng_protocol;
+
+ExitCode get(Call& call) {
+    expectOperands(call, 1, 1, "");
+    const auto time = call.server.ask<&Data::serverTimePT>("");
+    if (time.isMissing())
+        throw ToolError(ExitCode::notSet, "the clock was never set; okvctl clock set DATE does");
+    if (call.line.json) {
+        call.out.json(okv::Dictionary{{"time", time}});
+    } else {
+        call.out.value(time);
+    }
+    return ExitCode::done;
+}
+
+ExitCode set(Call& call) {
+    expectOperands(call, 2, 2, "DATE");
+    const auto date = parseValue(ValueType::date, call.operands()[1]);
+    if (!date) throwUsage(date.error);
+    call.server.ask<&Data::setServerTimePT>("the clock", *date.value);
+    confirm(call, "time", *date.value);
+    return ExitCode::done;
+}
+
+ExitCode start(Call& call) {
+    expectOperands(call, 1, 1, "");
+    call.server.ask<&Data::startServerTimeTimer>("the clock");
+    confirm(call, "running", true);
+    return ExitCode::done;
+}
+
+ExitCode stop(Call& call) {
+    expectOperands(call, 1, 1, "");
+    call.server.ask<&Data::stopServerTimeTimer>("the clock");
+    confirm(call, "running", false);
+    return ExitCode::done;
+}
+
+constexpr Action kActions[] = {{"get", get}, {"set", set}, {"start", start}, {"stop", stop}};
+
+ExitCode run(Call& call) {
+    expectOperands(call, 1, 2, "get, set, start or stop");
+    return actionNamed(call.operands()[0], kActions).run(call);
+}
+
+}  // namespace
+
+const Verb kClock{
+    "clock",
+    "get | set DATE | start | stop",
+    "read and set the data server's clock",
+    "A DATE is 2026-01-31T23:59:59Z (or with +09:00), @SECONDS since 1970, or now. get ends with\n"
+    "10 where no time was ever set. A started clock runs with real time, a stopped one stands.\n",
+    kNoOptions,
+    run,
+};
+
+}  // namespace okvctl

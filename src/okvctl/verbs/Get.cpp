@@ -1,0 +1,59 @@
+#include "../Operands.h"
+#include "Verbs.h"
+
+namespace okvctl {
+
+namespace {
+
+okv::Value ask(Call& call, const okv::Array& keys, std::string_view subject) {
+    if (const auto user = call.line.user)
+        return call.server.ask<&OKVDataMng_protocol::okvDataAllPT_appUid>(subject, keys, *user);
+    return call.server.ask<&OKVDataMng_protocol::okvDataAllPT>(subject, keys);
+}
+
+void print(Call& call, const okv::Array& keys, const okv::Dictionary& values) {
+    if (call.line.json) return call.out.json(values);
+    if (keys.size() == 1) {
+        const auto& value = values[keys[0]];
+        if (!value.isMissing()) call.out.value(value);
+        return;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& key : keys) {
+        const auto& value = values[key];
+        if (!value.isMissing())
+            rows.push_back({cellText(key), std::string(typeName(value)), cellText(value)});
+    }
+    call.out.table(rows);
+}
+
+ExitCode run(Call& call) {
+    const auto keys = keysOf(call);
+    const auto answer = ask(call, keys, subjectOf(call.operands()));
+    const auto& values = dictionaryIn(answer);
+    print(call, keys, values);
+    std::vector<std::string_view> missing;
+    for (const auto key : call.operands()) {
+        if (values[key].isMissing()) missing.push_back(key);
+    }
+    if (missing.empty()) return ExitCode::done;
+    call.out.flush();
+    complain("get: " + subjectOf(missing) + ": not set");
+    return ExitCode::notSet;
+}
+
+}  // namespace
+
+const Verb kGet{
+    "get",
+    "KEY...",
+    "print values",
+    "Of one KEY the value alone is printed, a string byte for byte; of several a line each:\n"
+    "key, type, value. With --user, the user's own value or else everybody's. A KEY that is\n"
+    "not set ends it with 10, whatever else was printed. With --json an object of keys to\n"
+    "values, null for what is not set.\n",
+    kTakesUser,
+    run,
+};
+
+}  // namespace okvctl

@@ -1,0 +1,127 @@
+#include "../Operands.h"
+#include "Verbs.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace okvctl {
+
+namespace {
+
+using Data = OKVDataMng_protocol;
+
+struct Family {
+    std::string_view name;
+    okv::Value (*read)(Call& call, std::string_view subject, std::int32_t user);
+    void (*replace)(Call& call, std::string_view subject, std::int32_t user,
+                    const okv::Value& value);
+};
+
+template <auto Read, auto Replace>
+constexpr Family family(std::string_view name) {
+    return {name,
+            [](Call& call, std::string_view subject, std::int32_t user) {
+                return call.server.ask<Read>(subject, okv::Value(user));
+            },
+            [](Call& call, std::string_view subject, std::int32_t user, const okv::Value& value) {
+                call.server.change<Replace>(subject, "not stored: is there such a user?",
+                                            okv::Value(user), value);
+            }};
+}
+
+// By the names that they have in an export.
+constexpr Family kFamilies[] = {
+    family<&Data::okvUserSettingPT, &Data::setOkvUserSettingPT_value>("user_setting"),
+    family<&Data::okvContentsWordsPT, &Data::setOkvContentsWordsPT_value>("contents_words"),
+    family<&Data::okvHammerListPT, &Data::setOkvHammerListPT_value>("hammer_list"),
+    family<&Data::okvBlackExtensionListPT, &Data::setOkvBlackExtensionListPT_value>(
+        "black_extension_list"),
+};
+
+const Family& familyNamed(std::string_view name) {
+    std::string names;
+    for (const auto& each : kFamilies) {
+        if (each.name == name) return each;
+        names.append(names.empty() ? "" : ", ").append(each.name);
+    }
+    throwUsage("there is no list '" + std::string(name) + "', only " + names);
+}
+
+std::string subjectFor(const Family& list, std::int32_t user) {
+    return std::string(list.name) + " of user " + std::to_string(user);
+}
+
+ExitCode get(Call& call) {
+    expectOperands(call, 2, 2, "FAMILY");
+    const auto& list = familyNamed(call.operands()[1]);
+    const auto user = neededUser(call);
+    const auto value = list.read(call, subjectFor(list, user), user);
+    if (value.isMissing()) throw ToolError(ExitCode::notSet, subjectFor(list, user) + ": not set");
+    if (call.line.json) {
+        call.out.json(okv::Dictionary{{list.name, value}});
+    } else {
+        call.out.value(value);
+    }
+    return ExitCode::done;
+}
+
+std::string standardInput() {
+    std::string text;
+    char buffer[16384];
+    while (text.size() <= kJsonTextAtMost) {
+        const auto count = read(STDIN_FILENO, buffer, sizeof buffer);
+        if (count == 0) return text;
+        if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+        if (count < 0 && errno != EINTR)
+            throw ToolError(ExitCode::failure,
+                            std::string("the standard input: ") + std::strerror(errno));
+    }
+    throw ToolError(ExitCode::failure, "the standard input is longer than " +
+                                           std::to_string(kJsonTextAtMost >> 20) + " MiB");
+}
+
+// A string is taken as it comes; elsewhere the end of line that text files have is none of it.
+std::string valueText(const Call& call) {
+    if (call.operands().size() == 3) return std::string(call.operands()[2]);
+    if (call.line.type == ValueType::null) return {};
+    auto text = standardInput();
+    const bool isString = call.line.type.value_or(ValueType::string) == ValueType::string;
+    if (!isString && text.ends_with('\n')) text.pop_back();
+    return text;
+}
+
+ExitCode set(Call& call) {
+    expectOperands(call, 2, 3, "FAMILY");
+    const auto& list = familyNamed(call.operands()[1]);
+    const auto user = neededUser(call);
+    const auto value = valueOf(call, list.name, valueText(call));
+    list.replace(call, subjectFor(list, user), user, value);
+    confirm(call, "set", okv::Array{list.name});
+    return ExitCode::done;
+}
+
+constexpr Action kActions[] = {{"get", get}, {"set", set}};
+
+ExitCode run(Call& call) {
+    expectOperands(call, 1, 3, "get or set");
+    return actionNamed(call.operands()[0], kActions).run(call);
+}
+
+}  // namespace
+
+const Verb kLists{
+    "lists",
+    "get|set FAMILY [VALUE] --user APPUID [--type TYPE]",
+    "print and replace a user's four lists",
+    "A FAMILY is user_setting, contents_words, hammer_list or black_extension_list. A VALUE is\n"
+    "read as that of set: for arrays and dictionaries say --type json; without a VALUE it comes\n"
+    "from the standard input. --type null takes the list away. get ends with 10 where there is\n"
+    "no list; with --json it prints {FAMILY: value}.\n",
+    kTakesUser | kTakesType,
+    run,
+};
+
+}  // namespace okvctl

@@ -1,0 +1,38 @@
+#include "../Operands.h"
+#include "Verbs.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace okvctl {
+
+namespace {
+
+ExitCode run(Call& call) {
+    using std::chrono::steady_clock;
+    expectOperands(call, 0, 0, "");
+    const auto start = steady_clock::now();
+    const auto clients = call.server.ask<&OKVDataMng_protocol::connectCount>("");
+    const std::chrono::duration<double, std::milli> took = steady_clock::now() - start;
+    if (call.line.json) {
+        call.out.json(okv::Dictionary{{"milliseconds", took.count()}, {"clients", clients}});
+        return ExitCode::done;
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "answered in %.3f ms", took.count());
+    call.out.line(text);
+    return ExitCode::done;
+}
+
+}  // namespace
+
+const Verb kPing{
+    "ping",
+    "",
+    "tell whether the data server answers, and how fast",
+    "The time is that of connecting and of one question. Without a data server it ends with 8.\n",
+    kNoOptions,
+    run,
+};
+
+}  // namespace okvctl

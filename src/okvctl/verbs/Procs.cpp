@@ -1,0 +1,127 @@
+#include "../Operands.h"
+#include "Verbs.h"
+
+#include <OKVDataManager/okvSystemProcList.h>
+
+namespace okvctl {
+
+namespace {
+
+using Data = OKVDataMng_protocol;
+using Admin = OKVDataAdmin_protocol;
+using Rows = std::vector<std::vector<std::string>>;
+
+struct ProcessList {
+    std::string_view name;
+    okv::Value (*read)(Call& call);
+    void (*put)(Call& call, std::string_view subject, const okv::Dictionary& processes);
+};
+
+template <auto Read, auto Put>
+constexpr ProcessList processList(std::string_view name) {
+    return {name, [](Call& call) { return call.server.ask<Read>(""); },
+            [](Call& call, std::string_view subject, const okv::Dictionary& processes) {
+                call.server.change<Put>(subject, "the list was not changed", processes);
+            }};
+}
+
+constexpr ProcessList kLists[] = {
+    processList<&Data::okvFltProcWhiteListPT, &Admin::setOkvFltProcWhiteListPT>("white"),
+    processList<&Data::okvFltProcBlackListPT, &Admin::setOkvFltProcBlackListPT>("black"),
+    processList<&Data::okvKillWebProcListPT, &Admin::setOkvKillWebProcListPT>("kill"),
+};
+
+const ProcessList& listNamed(std::string_view name) {
+    for (const auto& list : kLists) {
+        if (list.name == name) return list;
+    }
+    throwUsage("there is no list '" + std::string(name) + "', only white, black, kill and system");
+}
+
+void addRows(Rows& rows, const okv::Dictionary& processes, std::string_view before = {}) {
+    for (const auto& [name, identifier] : processes) {
+        rows.push_back({cellText(name), cellText(identifier)});
+        if (!before.empty()) rows.back().insert(rows.back().begin(), std::string(before));
+    }
+}
+
+ExitCode show(Call& call, const ProcessList& list) {
+    const auto answer = list.read(call);
+    Rows rows;
+    addRows(rows, dictionaryIn(answer));
+    if (call.line.json) {
+        call.out.json(answer);
+    } else {
+        call.out.table(rows);
+    }
+    return ExitCode::done;
+}
+
+// Compiled in, hence the same without a data server.
+ExitCode showSystem(Call& call) {
+    expectOperands(call, 1, 1, "");
+    const auto white = okvSystemProcList::sysBlockProcWhiteListInfo();
+    const auto black = okvSystemProcList::sysBlockProcBlackListInfo();
+    Rows rows;
+    addRows(rows, white, "white");
+    addRows(rows, black, "black");
+    if (call.line.json) {
+        call.out.json(okv::Dictionary{{"white", white}, {"black", black}});
+    } else {
+        call.out.table(rows);
+    }
+    return ExitCode::done;
+}
+
+okv::Dictionary added(std::span<const std::string_view> operands) {
+    okv::Dictionary processes;
+    for (const auto operand : operands) {
+        const auto [name, identifier] = cutAssignment(operand, true);
+        if (identifier.empty()) throwUsage("'" + std::string(name) + "' has no identifier");
+        if (!processes.insert(name, identifier)) throwUsage(std::string(name) + " stands twice");
+    }
+    return processes;
+}
+
+okv::Dictionary removed(std::span<const std::string_view> operands) {
+    okv::Dictionary processes;
+    for (const auto name : operands) {
+        if (name.empty()) throwUsage("a NAME is empty");
+        processes.set(name, okv::Null{});
+    }
+    return processes;
+}
+
+ExitCode run(Call& call) {
+    expectOperands(call, 1, kAnyNumber, "white, black, kill or system");
+    const auto operands = call.operands();
+    if (operands[0] == "system") return showSystem(call);
+    const auto& list = listNamed(operands[0]);
+    if (operands.size() == 1) return show(call, list);
+    const bool adds = operands[1] == "add";
+    if (!adds && operands[1] != "remove")
+        throwUsage("'" + std::string(operands[1]) + "' is neither add nor remove");
+    expectOperands(call, 3, kAnyNumber, adds ? "NAME=IDENTIFIER" : "NAME");
+    const auto processes = adds ? added(operands.subspan(2)) : removed(operands.subspan(2));
+    list.put(call, "the " + std::string(list.name) + " list", processes);
+    okv::Array names;
+    for (const auto& entry : processes) names.push_back(entry.key);
+    confirm(call, adds ? "added" : "removed", std::move(names));
+    return ExitCode::done;
+}
+
+}  // namespace
+
+const Verb kProcs{
+    "procs",
+    "white|black|kill [add NAME=IDENTIFIER... | remove NAME...] | system",
+    "list and change the process lists",
+    "The filter's white and black list, the web processes to kill, or the suite's own compiled-in\n"
+    "lists (system, which needs no data server): a line for each process, its name and its\n"
+    "identifier. add and remove change one list, all the names or none. With --json an object\n"
+    "of names to identifiers; of system {\"white\": ..., \"black\": ...}.\n",
+    kNoOptions,
+    run,
+};
+
+}  // namespace okvctl

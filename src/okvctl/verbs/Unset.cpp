@@ -1,0 +1,29 @@
+#include "Changes.h"
+#include "Verbs.h"
+
+namespace okvctl {
+
+namespace {
+
+ExitCode run(Call& call) {
+    auto keys = keysOf(call);
+    okv::Dictionary settings;
+    for (const auto& key : keys) settings.set(key, okv::Null{});
+    storeSettings(call, settings, subjectOf(call.operands()));
+    confirm(call, "unset", std::move(keys));
+    return ExitCode::done;
+}
+
+}  // namespace
+
+const Verb kUnset{
+    "unset",
+    "KEY...",
+    "take values away, all of them or none",
+    "With --user the user's own values, else everybody's. A KEY that is not set is no mistake.\n"
+    "Nothing is printed; with --json {\"unset\": [KEY, ...]}.\n",
+    kTakesUser,
+    run,
+};
+
+}  // namespace okvctl

@@ -1,0 +1,284 @@
+#include "Harness.h"
+
+using okv::Array;
+using okv::Dictionary;
+using okv::Null;
+using okv::Value;
+using Kind = okv::Refusal::Kind;
+
+namespace {
+
+constexpr uid_t kUser = 1000;
+
+Harness::Options withSelfService() {
+    Harness::Options options;
+    options.selfService = true;
+    return options;
+}
+
+/// An account with a user of its own, and another user.
+void giveUsers(Harness& harness) {
+    harness.ask<&Data::setUseridPT_applyUid>(static_cast<std::int32_t>(kUser), 2);
+    harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
+}
+
+template <class A>
+void expectRefused(const A& answer, Kind kind, const char* what) {
+    EXPECT_EQ(answer.value, decltype(answer.value)()) << what;
+    ASSERT_TRUE(answer.refusal) << what;
+    EXPECT_EQ(answer.refusal->kind, kind) << what << ": " << answer.refusal->reason;
+}
+
+}  // namespace
+
+TEST(Server, RefusesWhatTheCallerHasNoRightToWithTheZeroValueAndALine) {
+    Harness harness;
+    giveUsers(harness);
+    for (const auto& who : {account(kUser), account(65534)}) {
+        harness.log.clear();
+        expectRefused(harness.askAs<&Data::setOKVDataPT_value_appUid>(who, "k", 1, 2),
+                      Kind::notAllowed, "a write");
+        expectRefused(harness.askAs<&Data::delUseridPT>(who, 1000), Kind::notAllowed, "an int");
+        expectRefused(harness.askAs<&Data::endServer>(who), Kind::notAllowed, "no result");
+        expectRefused(harness.askAs<&Admin::exportDataPT>(who), Kind::notAllowed, "an object");
+        ASSERT_EQ(harness.log.size(), 4U);
+        EXPECT_NE(harness.log[0].find("uid " + std::to_string(who.uid)), std::string::npos);
+        EXPECT_NE(harness.log[0].find("process 1234"), std::string::npos);
+        EXPECT_EQ(harness.log[0].find("k "), std::string::npos);
+    }
+    EXPECT_EQ(harness.server->view().revision(), 2);
+    EXPECT_EQ(harness.ask<&Admin::serverStatusPT>().as<Dictionary>()["refused"], Value(8));
+}
+
+TEST(Server, EverybodyReads) {
+    Harness harness;
+    giveUsers(harness);
+    harness.ask<&Data::setOKVDataPT_value_appUid>("k", "v", 2);
+    for (const auto& who : {account(kUser), account(65534), account(31337)}) {
+        EXPECT_EQ((harness.askAs<&Data::okvDataPT_appUid>(who, "k", 2).value), Value("v"));
+        EXPECT_FALSE((harness.askAs<&Data::okvDataPT_appUid>(who, "k", 2).refusal));
+    }
+}
+
+TEST(Server, WithSelfServiceAnAccountChangesWhatIsItsOwnUsersAlone) {
+    Harness harness(withSelfService());
+    giveUsers(harness);
+    harness.ask<&Admin::lockOKVDataPT>(Array{"locked"});
+    const auto who = account(kUser);
+    using A = bool;
+    const auto set = [&](const Value& key, std::int32_t user) {
+        return harness.askAs<&Data::setOKVDataPT_value_appUid>(who, key, 1, user);
+    };
+    EXPECT_TRUE(set("k", 2).value);
+    expectRefused(set("k", 3), Kind::notAllowed, "another user");
+    expectRefused(set("k", 1), Kind::notAllowed, "the default user");
+    expectRefused(set("dc-syscmnf-x", 2), Kind::notAllowed, "the system's");
+    expectRefused(set("locked", 2), Kind::locked, "locked");
+    const A byAccount =
+        harness.askAs<&Data::setOKVDataPT_value_osUid>(who, "k", 2, static_cast<int>(kUser)).value;
+    EXPECT_TRUE(byAccount);
+    expectRefused(harness.askAs<&Data::setOKVDataPT_value_osUid>(who, "k", 2, 1001),
+                  Kind::notAllowed, "another account");
+    EXPECT_TRUE((harness.askAs<&Data::setOKVDataAllPT_appUid>(who, Dictionary{{"a", 1}}, 2).value));
+    expectRefused(harness.askAs<&Data::setOKVDataAllPT_appUid>(
+                      who, Dictionary{{"a", 2}, {"dc-syscmnf-x", 1}}, 2),
+                  Kind::notAllowed, "one of the system's among them");
+    expectRefused(harness.askAs<&Data::setOKVDataAllPT_appUid>(who, Dictionary{}, 3),
+                  Kind::notAllowed, "nothing, for another user");
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("a", 2)), Value(1));
+    EXPECT_TRUE((harness.askAs<&Data::setOkvHammerListPT_value>(who, 2, Array{}).value));
+    expectRefused(harness.askAs<&Data::setOkvHammerListPT_value>(who, 3, Array{}), Kind::notAllowed,
+                  "another user's list");
+    EXPECT_TRUE(harness.askAs<&Data::setCurrentUserIdForOSPT>(who, 3).value);
+    EXPECT_EQ(harness.askAs<&Data::currentUserIdPT>(who).value, 3);
+    expectRefused(set("k", 3), Kind::notAllowed, "the current user is not the account's own");
+    expectRefused(harness.askAs<&Data::setCurrentUserIdPT>(who, 2), Kind::notAllowed, "for all");
+}
+
+TEST(Server, WithSelfServiceAnAccountWithoutAUserAndNobodyChangeNothing) {
+    Harness harness(withSelfService());
+    giveUsers(harness);
+    for (const auto& who : {account(31337), account(65534)}) {
+        for (const int user : {1, 2})
+            expectRefused(harness.askAs<&Data::setOKVDataPT_value_appUid>(who, "k", 1, user),
+                          Kind::notAllowed, "a write");
+    }
+    expectRefused(harness.askAs<&Data::setCurrentUserIdForOSPT>(account(65534), 2),
+                  Kind::notAllowed, "a switch");
+}
+
+TEST(Server, TellsEachAcceptedChangeOnceWithItsRevisionAndTheEpoch) {
+    Harness harness;
+    const auto take = [&](std::size_t count) { return harness.poster.take(count); };
+    const auto epoch = Value(harness.store->epoch());
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    EXPECT_EQ(take(1).at(0), (Dictionary{{"revision", 1},
+                                         {"epoch", epoch},
+                                         {"osuserid", 1000},
+                                         {"session_userid", 2},
+                                         {"appuid", 2},
+                                         {"keys", Array{}}}));
+    harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 2);
+    EXPECT_EQ(take(1).at(0), (Dictionary{{"revision", 2},
+                                         {"epoch", epoch},
+                                         {"osuserid", -1},
+                                         {"session_userid", 0},
+                                         {"appuid", 2},
+                                         {"keys", Array{"k"}}}));
+    harness.ask<&Data::setOKVDataPT_value_appUid>("", 1, 2);
+    harness.ask<&Data::setAgentAutoRunPT>(true);
+    EXPECT_EQ(take(1).at(0), (Dictionary{{"revision", 3},
+                                         {"epoch", epoch},
+                                         {"osuserid", -1},
+                                         {"session_userid", 0},
+                                         {"keys", Array{"dc-syscmnf-agent_auto_run"}}}));
+    harness.askAs<&Data::setCurrentUserIdForOSPT>(account(Harness::kServerUid), 2);
+    const auto change = take(1).at(0);
+    EXPECT_EQ(change["osuserid"], Value(4000));
+    EXPECT_EQ(change["session_userid"], Value(2));
+    harness.ask<&Data::setCurrentUserIdPT>(2);
+    EXPECT_EQ(take(1).at(0)["osuserid"], Value(-1));
+    harness.ask<&Data::removeUserInfoPT>(2);
+    const auto removed = take(1).at(0);
+    EXPECT_EQ(removed["appuid"], Value(2));
+    EXPECT_FALSE(removed.contains("keys"));
+}
+
+TEST(Server, AReloadReadsTheStoreAgainAndTellsSoWithoutARevision) {
+    Harness harness;
+    harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
+    harness.poster.take(1);
+    datacenter::Database(harness.storeFile(), SQLITE_OPEN_READWRITE)
+        .execute("UPDATE settings SET value = x'07'");
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(1));
+    EXPECT_TRUE(harness.ask<&Data::reloadDataPT>());
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(7));
+    const auto notice = harness.poster.take(1).at(0);
+    EXPECT_EQ(notice["revision"], Value(1));
+    EXPECT_FALSE(notice.contains("keys"));
+    harness.ask<&Data::useridUpdatePT>();
+    harness.server->reload();
+    EXPECT_TRUE(harness.ask<&Data::setAgentAutoRunPT>(true));  // carried out after the reload
+    EXPECT_EQ(harness.poster.take(3).back()["revision"], Value(2));
+}
+
+TEST(Server, AReloadThatFailsKeepsTheViewItHad) {
+    Harness harness;
+    harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
+    datacenter::Database other(harness.storeFile(), SQLITE_OPEN_READWRITE);
+    other.execute("UPDATE settings SET value = x'FF'");
+    EXPECT_FALSE(harness.ask<&Data::reloadDataPT>());
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(1));
+    other.execute("UPDATE settings SET value = x'02'");
+    EXPECT_TRUE(harness.ask<&Data::reloadDataPT>());
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(2));
+}
+
+TEST(Server, CountsAClientOncePerConnectionUntilItIsTakenAway) {
+    Harness harness;
+    const auto port = okv::make<RecordingPort>(account(1000));
+    const auto other = okv::make<RecordingPort>(account(1000));
+    const okv::detail::LentObject client{7};
+    harness.send<&Data::registerAsClient>(port, client);
+    harness.send<&Data::registerAsClient>(port, client);
+    harness.send<&Data::registerAsClient>(other, client);
+    EXPECT_TRUE(answerIn<&Data::registerAsClient>(harness.awaitAnswer(*port, 2)).value);
+    EXPECT_EQ(harness.ask<&Data::connectCount>(), 2);
+    harness.send<&Data::removeAsClient>(port, client);
+    harness.send<&Data::removeAsClient>(port, client);
+    EXPECT_EQ(harness.ask<&Data::connectCount>(), 1);
+}
+
+TEST(Server, EndsWithAWordToEveryClientAndAnswersWhatItHadTaken) {
+    Harness harness;
+    const auto client = okv::make<RecordingPort>(account(1000));
+    harness.send<&Data::registerAsClient>(client, okv::detail::LentObject{7});
+    const auto writing = okv::make<RecordingPort>(account(0));
+    harness.send<&Data::setOKVDataPT_value_appUid>(writing, "k", "last", 1);
+    const auto ending = okv::make<RecordingPort>(account(0));
+    harness.send<&Data::endServer>(ending);
+    EXPECT_EQ(ending->answers.size(), 1U);
+    const auto late = okv::make<RecordingPort>(account(1000));
+    harness.send<&Data::registerAsClient>(late, okv::detail::LentObject{7});
+    EXPECT_FALSE(answerIn<&Data::registerAsClient>(late->answers.at(0)).value);
+
+    harness.server->run();
+    ASSERT_EQ(client->posted.size(), 1U);
+    EXPECT_NE(client->posted[0].find("disConnectSrv"), std::string::npos);
+    ASSERT_EQ(writing->answers.size(), 1U);
+    EXPECT_TRUE(answerIn<&Data::setOKVDataPT_value_appUid>(writing->answers[0]).value);
+    const auto after = okv::make<RecordingPort>(account(0));
+    harness.send<&Data::setOKVDataPT_value_appUid>(after, "k", "too late", 1);
+    expectRefused(answerIn<&Data::setOKVDataPT_value_appUid>(after->answers.at(0)), Kind::failed,
+                  "a write after the end");
+    harness.server.reset();
+    harness.store.reset();
+    harness.start();
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value("last"));
+}
+
+TEST(Server, ATerminatingSignalSendsClientsNoWord) {
+    Harness harness;
+    const auto client = okv::make<RecordingPort>(account(1000));
+    harness.send<&Data::registerAsClient>(client, okv::detail::LentObject{7});
+    harness.restart();
+    EXPECT_TRUE(client->posted.empty());
+}
+
+TEST(Server, HoldsRequestsToTheirSize) {
+    Harness::Options options;
+    options.limits.requestBytes = 2000;
+    options.limits.importBytes = 4000;
+    Harness harness(options);
+    expectRefused(
+        harness.askAs<&Data::setOKVDataPT_value_appUid>(account(0), "k", std::string(2000, 'v'), 1),
+        Kind::tooLarge, "a request");
+    expectRefused(harness.askAs<&Data::okvDataPT>(account(0), std::string(2000, 'v')),
+                  Kind::tooLarge, "a read");
+    const Dictionary whole{{"format", 1}, {"everybody", Dictionary{{"k", std::string(2500, 'v')}}}};
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(whole));
+    expectRefused(harness.askAs<&Admin::importDataPT>(
+                      account(0), Dictionary{{"format", std::string(4000, 'v')}}),
+                  Kind::tooLarge, "an import");
+}
+
+TEST(Server, HoldsAUserToItsRoomAndTakesWhatMakesItSmaller) {
+    Harness::Options options;
+    options.limits.scopeKeys = 3;
+    options.limits.scopeBytes = 1000;
+    Harness harness(options);
+    const auto set = [&](const Value& settings) {
+        return harness.askAs<&Data::setOKVDataAllPT_appUid>(account(0), settings, 1);
+    };
+    EXPECT_TRUE(set(Dictionary{{"a", 1}, {"b", 1}, {"c", 1}}).value);
+    expectRefused(set(Dictionary{{"d", 1}}), Kind::tooLarge, "a fourth key");
+    EXPECT_TRUE(set(Dictionary{{"d", 1}, {"a", Null{}}}).value);
+    expectRefused(
+        harness.askAs<&Data::setOKVDataPT_value_appUid>(account(0), "b", std::string(1000, 'v'), 1),
+        Kind::tooLarge, "too many bytes");
+    expectRefused(
+        harness.askAs<&Data::setOkvHammerListPT_value>(account(0), 1, std::string(1000, 'v')),
+        Kind::tooLarge, "too many bytes in a list");
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("b", std::string(900, 'v'), 1)));
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("b", std::string(800, 'v'), 1)));
+    expectRefused(harness.askAs<&Admin::setOKVCommonDataAllPT>(
+                      account(0), Dictionary{{"1", 1}, {"2", 1}, {"3", 1}, {"4", 1}}),
+                  Kind::tooLarge, "everybody's");
+}
+
+TEST(Server, TellsHowItIsDoing) {
+    Harness harness;
+    giveUsers(harness);
+    harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 2);
+    const auto status = harness.ask<&Admin::serverStatusPT>().as<Dictionary>();
+    EXPECT_EQ(status["revision"], Value(3));
+    EXPECT_EQ(status["epoch"], Value(harness.store->epoch()));
+    EXPECT_EQ(status["users"], Value(3));
+    EXPECT_EQ(status["accounts"], Value(2));
+    EXPECT_EQ(status["settings"], Value(1));
+    EXPECT_EQ(status["clients"], Value(0));
+    EXPECT_EQ(status["waiting"], Value(0));
+    EXPECT_EQ(status["self_service"], Value(false));
+    EXPECT_TRUE(status["uptime"].is<double>());
+    EXPECT_EQ(status["limits"].as<Dictionary>()["scope_keys"], Value(10000));
+}

@@ -1,0 +1,197 @@
+#include "Harness.h"
+
+#include <cmath>
+
+using okv::Array;
+using okv::Dictionary;
+using okv::Null;
+using okv::Value;
+using Kind = okv::Refusal::Kind;
+
+namespace {
+
+class UserMethods : public testing::Test {
+protected:
+    std::int32_t currentOf(uid_t uid) {
+        return harness.askAs<&Data::currentUserIdPT>(account(uid)).value;
+    }
+    Value users() { return harness.ask<&Data::useridAppListPT>(); }
+
+    Harness harness;
+};
+
+}  // namespace
+
+TEST_F(UserMethods, AFreshStoreHasTheDefaultUserAlone) {
+    EXPECT_EQ(harness.ask<&Data::defaultUserIdPT>(), 1);
+    EXPECT_EQ(harness.ask<&Data::currentUserIdPT>(), 1);
+    EXPECT_EQ(harness.ask<&Data::maxUserIdPT>(), 1);
+    EXPECT_EQ(users(), Value(Array{1}));
+    EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{}));
+}
+
+TEST_F(UserMethods, AnAccountIsGivenAUserWhichIsMadeWhenItIsNew) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 12);
+    harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
+    harness.ask<&Data::setUseridPT_applyUid>(0, 12);
+    EXPECT_EQ(users(), Value(Array{1, 3, 12}));
+    EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{{1000, 12}, {1001, 3}, {0, 12}}));
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 12);
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(4242), 1);
+    EXPECT_EQ(harness.ask<&Data::maxUserIdPT>(), 12);
+    harness.restart();
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 12);
+    EXPECT_EQ(users(), Value(Array{1, 3, 12}));
+}
+
+TEST_F(UserMethods, WhatIsNoAccountOrNoUserIsAssignedNothing) {
+    const struct {
+        std::int32_t osUid, appUid;
+    } lines[] = {{1000, 0}, {1000, -1}, {-1, 5}, {INT32_MIN, 5}, {65534, 5}};
+    for (const auto& [osUid, appUid] : lines) {
+        harness.ask<&Data::setUseridPT_applyUid>(osUid, appUid);
+        EXPECT_EQ(users(), Value(Array{1})) << osUid << " " << appUid;
+        EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{}));
+    }
+    EXPECT_EQ(harness.server->view().revision(), 0);
+}
+
+TEST_F(UserMethods, TakingAnAssignmentAwayAnswersTheUserItHadOrMinusOne) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 12);
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(1000), 12);
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(1000), -1);
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(-7), -1);
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 1);
+    EXPECT_EQ(users(), Value(Array{1, 12}));
+    EXPECT_EQ(harness.server->view().revision(), 2);  // what changed nothing has no revision
+}
+
+TEST_F(UserMethods, TheCurrentUserIsTheLastSetElseTheAccountsElseTheGlobalOne) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
+    EXPECT_TRUE(harness.ask<&Data::setCurrentUserIdPT>(3));
+    EXPECT_EQ(currentOf(1000), 2);
+    EXPECT_EQ(currentOf(4242), 3);
+    EXPECT_EQ(currentOf(65534), 3);
+    EXPECT_TRUE(harness.ask<&Data::setCurrentUserIdForOSPT>(2));  // root's own
+    EXPECT_EQ(currentOf(0), 2);
+    EXPECT_TRUE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(3, 1000)));
+    EXPECT_EQ(currentOf(1000), 3);
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 2);
+    harness.restart();
+    EXPECT_EQ(currentOf(1000), 3);
+    EXPECT_EQ(currentOf(4242), 3);
+}
+
+TEST_F(UserMethods, ANewAssignmentIsTheAccountsCurrentUserToo) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    EXPECT_TRUE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(1, 1000)));
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 3);
+    EXPECT_EQ(currentOf(1000), 3);
+    harness.restart();
+    EXPECT_EQ(currentOf(1000), 3);
+}
+
+TEST_F(UserMethods, AnUnknownUserBecomesNobodysCurrentUser) {
+    for (const auto& user : {Value(99), Value(0), Value(-1), Value("1"), Value(), Value(Null{})}) {
+        EXPECT_FALSE(harness.ask<&Data::setCurrentUserIdPT>(user));
+        EXPECT_FALSE(harness.ask<&Data::setCurrentUserIdForOSPT>(user));
+        EXPECT_FALSE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(user, 1000)));
+    }
+    EXPECT_FALSE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(1, -1)));
+    EXPECT_EQ(harness.ask<&Data::currentUserIdPT>(), 1);
+}
+
+TEST_F(UserMethods, ARemovedUserLeavesNothingBehind) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("k", "v", 2)));
+    EXPECT_TRUE((harness.ask<&Data::setOkvHammerListPT_value>(2, Array{"x"})));
+    EXPECT_TRUE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(2, 1001)));
+    EXPECT_TRUE(harness.ask<&Data::setCurrentUserIdPT>(2));
+
+    EXPECT_TRUE(harness.ask<&Data::removeUserInfoPT>(2));
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(users(), Value(Array{1, 3}));
+        EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{{1001, 3}}));
+        EXPECT_EQ(currentOf(1001), 3);
+        EXPECT_EQ(currentOf(4242), 1);
+        EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 1);
+        EXPECT_EQ(harness.ask<&Data::maxUserIdPT>(), 3);
+        harness.restart();
+    }
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 2)), Value(Null{}));
+    EXPECT_TRUE(harness.ask<&Data::okvHammerListPT>(2).isNil());
+}
+
+TEST_F(UserMethods, TheDefaultUserAndUnknownOnesAreNotRemoved) {
+    for (const auto& user : {Value(1), Value(99), Value(0), Value("2"), Value()})
+        EXPECT_FALSE(harness.ask<&Data::removeUserInfoPT>(user));
+    EXPECT_EQ(users(), Value(Array{1}));
+}
+
+TEST_F(UserMethods, TheHighestIdIsTheHighestEverGiven) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, INT32_MAX);
+    EXPECT_TRUE(harness.ask<&Data::removeUserInfoPT>(INT32_MAX));
+    EXPECT_EQ(harness.ask<&Data::maxUserIdPT>(), INT32_MAX);
+    harness.restart();
+    EXPECT_EQ(harness.ask<&Data::maxUserIdPT>(), INT32_MAX);
+}
+
+TEST_F(UserMethods, RemovingAllLeavesTheDefaultUserEmpty) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    harness.ask<&Data::setUseridPT_applyUid>(1001, 1);
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("k", "v", 1)));
+    EXPECT_TRUE((harness.ask<&Data::setOkvUserSettingPT_value>(1, Array{"x"})));
+    EXPECT_TRUE((harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"k", "all"}})));
+    EXPECT_TRUE(harness.ask<&Data::setCurrentUserIdPT>(2));
+    harness.ask<&Data::removeUserInfoAllPT>();
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(users(), Value(Array{1}));
+        EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value("all"));
+        EXPECT_TRUE(harness.ask<&Data::okvUserSettingPT>(1).isNil());
+        EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{{1001, 1}}));
+        EXPECT_EQ(currentOf(4242), 1);
+        harness.restart();
+    }
+}
+
+TEST_F(UserMethods, TheClockIsNilUntilItIsSetRunsWhenStartedAndStandsWhenStopped) {
+    const auto time = [&] { return harness.ask<&Data::serverTimePT>(); };
+    EXPECT_TRUE(time().isNil());
+    harness.ask<&Data::startServerTimeTimer>();
+    EXPECT_TRUE(time().isNil());
+    harness.ask<&Data::stopServerTimeTimer>();
+
+    harness.ask<&Data::setServerTimePT>(okv::Date{500});
+    harness.now += 10;
+    EXPECT_EQ(time(), Value(okv::Date{500}));
+    harness.ask<&Data::startServerTimeTimer>();
+    harness.now += 10;
+    EXPECT_EQ(time(), Value(okv::Date{510}));
+    harness.ask<&Data::startServerTimeTimer>();  // runs already
+    harness.now += 10;
+    EXPECT_EQ(time(), Value(okv::Date{520}));
+    harness.stop();
+    harness.now += 100;
+    harness.start();
+    EXPECT_EQ(time(), Value(okv::Date{620}));
+    harness.ask<&Data::setServerTimePT>(okv::Date{-5});  // keeps running
+    harness.now += 1;
+    EXPECT_EQ(time(), Value(okv::Date{-4}));
+    harness.ask<&Data::stopServerTimeTimer>();
+    harness.now += 50;
+    harness.restart();
+    EXPECT_EQ(time(), Value(okv::Date{-4}));
+}
+
+TEST_F(UserMethods, AClockIsSetToADateAlone) {
+    for (const auto& date : {Value(), Value(Null{}), Value(500), Value("noon"),
+                             Value(okv::Date{HUGE_VAL}), Value(okv::Date{NAN})}) {
+        const auto answer = harness.askAs<&Data::setServerTimePT>(account(0), date);
+        ASSERT_TRUE(answer.refusal);
+        EXPECT_EQ(answer.refusal->kind, Kind::invalid);
+    }
+    EXPECT_TRUE(harness.ask<&Data::serverTimePT>().isNil());
+}

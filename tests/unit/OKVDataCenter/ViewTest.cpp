@@ -1,0 +1,53 @@
+#include "View.h"
+
+#include <gtest/gtest.h>
+
+using datacenter::View;
+using okv::Value;
+namespace step = datacenter::step;
+
+namespace {
+
+step::Setting setting(datacenter::Scope scope, const char* key, const Value& value) {
+    return {scope, key, value, "encoded", {}};
+}
+
+}  // namespace
+
+TEST(View, CountsTheSettingsOfEverybodyAndEveryUser) {
+    View view;
+    view.apply(step::AddUser{1});
+    view.apply(step::AddUser{2});
+    view.apply(setting(datacenter::kEverybody, "k", 1));
+    view.apply(setting(1, "k", 1));
+    view.apply(setting(2, "k", 1));
+    view.apply(setting(2, "l", 1));
+    view.apply(setting(2, "l", 2));
+    EXPECT_EQ(view.settingCount(), 4);
+    view.apply(setting(2, "l", okv::Null{}));
+    view.apply(setting(2, "never there", okv::Null{}));
+    EXPECT_EQ(view.settingCount(), 3);
+    view.apply(step::RemoveUser{2});
+    view.apply(step::EmptyUser{1});
+    EXPECT_EQ(view.settingCount(), 1);
+}
+
+TEST(View, GivesWhatItHeldToTheStepThatReplacesIt) {
+    View view;
+    view.apply(setting(datacenter::kEverybody, "old", 1));
+    auto other = std::make_shared<View>();
+    other->apply(setting(datacenter::kEverybody, "new", 2));
+    view.apply(step::Reload{other});
+    EXPECT_EQ(view.find(1, "old").setting, nullptr);
+    ASSERT_NE(view.find(1, "new").setting, nullptr);
+    EXPECT_NE(other->find(1, "old").setting, nullptr);
+}
+
+TEST(View, AnEmptiedUserStaysKnownAndKeepsItsAssignments) {
+    View view;
+    view.apply(step::AddUser{1});
+    view.apply(step::Assign{1000, 1});
+    view.apply(step::EmptyUser{1});
+    EXPECT_NE(view.user(1), nullptr);
+    EXPECT_EQ(view.accounts().at(1000).assigned, 1);
+}
