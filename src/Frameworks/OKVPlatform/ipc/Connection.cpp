@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 namespace okv {
 
@@ -21,6 +22,8 @@ using Kind = ConnectionError::Kind;
 // What a peer may ask of this process before its run loop serves it.
 constexpr std::size_t kQueuedRequests = 1024;
 constexpr std::size_t kQueuedBytes = 4U << 20;
+// How long a writer that has to wait may overlook that nobody reads any more.
+constexpr int kLookAgainMilliseconds = 10;
 constexpr char kInherited[] = "the connection belongs to the parent process";
 
 std::optional<RunLoop::Clock::time_point> deadlineAfter(double seconds) {
@@ -166,19 +169,18 @@ void Connection::throwFailed(Written written) {
     throw ConnectionError(kind, farewell_.empty() ? reason_->why : farewell_);
 }
 
-// Blocking, unless a deadline is set. A frame that went out in part cannot be taken back: the
-// connection is done for then.
+// A frame that went out in part cannot be taken back: the connection is done for then.
 Connection::Written Connection::write(std::string_view bytes, Deadline deadline) {
     const std::lock_guard lock(writeMutex_);
-    const int flags = MSG_NOSIGNAL | (deadline ? MSG_DONTWAIT : 0);
     bool begun = false;
     while (!bytes.empty()) {
-        const auto count = ::send(socket_.get(), bytes.data(), bytes.size(), flags);
+        const auto count =
+            ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count > 0) {
             begun = true;
             bytes.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN && deadline) {
-            if (waitFor(socket_.get(), POLLOUT, *deadline)) continue;
+        } else if (errno == EAGAIN) {
+            if (awaitRoom(deadline)) continue;
             if (begun) ::shutdown(socket_.get(), SHUT_RDWR);
             return Written::timedOut;
         } else if (errno != EINTR) {
@@ -190,11 +192,35 @@ Connection::Written Connection::write(std::string_view bytes, Deadline deadline)
     return Written::all;
 }
 
+// Waits until the socket takes more; answers whether it does. Where nobody reads meanwhile, this
+// does: a peer whose answers are not taken may take no requests either, and both would wait for
+// ever.
+bool Connection::awaitRoom(Deadline deadline) {
+    while (!deadline || RunLoop::Clock::now() < *deadline) {
+        bool mayRead = false;
+        {
+            const Lock lock(mutex_);
+            mayRead = !reading_ && !ended_;
+        }
+        pollfd entry{socket_.get(), static_cast<short>(POLLOUT | (mayRead ? POLLIN : 0)), 0};
+        poll(&entry, 1, kLookAgainMilliseconds);  // who reads now may stop
+        if ((entry.revents & ~POLLIN) != 0) return true;
+        Lock lock(mutex_);
+        if ((entry.revents & POLLIN) != 0 && !reading_ && !ended_)
+            readOnce(lock, false, std::nullopt);
+    }
+    return false;
+}
+
 void Connection::await(PendingCall& pending, Deadline deadline) {
     Lock lock(mutex_);
     while (pending.state == PendingCall::State::waiting) {
         if (deadline && RunLoop::Clock::now() >= *deadline) break;
-        if (pending.leads) {
+        if (pending.leads && reading_) {  // a writer, for a moment
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        } else if (pending.leads) {
             readOnce(lock, true, deadline);
         } else if (deadline) {
             pending.turn.wait_until(lock, *deadline);
@@ -220,12 +246,15 @@ void Connection::post(std::string frame) {
         if (++lastSerial_ == 0) ++lastSerial_;
         setFrameSerial(frame, lastSerial_);
     }
-    if (write(frame, deadlineAfter(requestTimeout_)) != Written::all)
+    const auto written = write(frame, deadlineAfter(requestTimeout_));
+    if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
+    if (written != Written::all)
         throw ConnectionError(Kind::notSent, "the message could not be sent");
 }
 
 void Connection::sendAnswer(std::string frame) {
     write(frame, std::nullopt);
+    if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
 }
 
 void Connection::lend(std::uint64_t object) {
@@ -272,6 +301,7 @@ void Connection::passLead() {
 }
 
 void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
+    reading_ = true;
     lock.unlock();
     const auto room = bytes_.room();
     const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
@@ -279,6 +309,7 @@ void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
         ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
     const int error = errno;
     lock.lock();
+    reading_ = false;
     if (!ready || (count < 0 && (error == EINTR || error == EAGAIN))) return;
     if (count <= 0) return end(Kind::outcomeUnknown, "the peer hung up", true);
     bytes_.added(static_cast<std::size_t>(count));
@@ -366,7 +397,7 @@ void Connection::end(Kind kind, std::string why, bool byPeer) {
 void Connection::serve() {
     {
         Lock lock(mutex_);
-        if (!leading_ && !ended_) {
+        if (!leading_ && !reading_ && !ended_) {
             leading_ = true;
             readOnce(lock, false, std::nullopt);
             passLead();
