@@ -24,9 +24,10 @@ double secondsSince(SteadyClock::time_point start) {
 Server::Server(Store& store, Rights rights, Surroundings surroundings)
     : loop_(okv::RunLoop::current()),
       limits_(store.limits()),
-      rights_(std::move(rights)),
+      rights_(rights),
       poster_(surroundings.poster),
-      refusals_(std::move(surroundings.log)),
+      log_(std::move(surroundings.log)),
+      refusals_(log_),
       view_(std::move(*store.load())),
       writer_(store, rights_, surroundings.now, surroundings.poster, handlers()) {
     state_.now = std::move(surroundings.now);
@@ -42,7 +43,7 @@ Writer::Handlers Server::handlers() {
     return {[this](std::shared_ptr<Batch> batch) {
                 loop_->perform([this, held = std::move(batch)] { take(held); });
             },
-            [this] { loop_->perform([this] { closeWhenFlushed(); }); }};
+            [this] { loop_->perform([this] { closeWhenFlushed(); }); }, log_};
 }
 
 okv::RootObject Server::root() {

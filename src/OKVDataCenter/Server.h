@@ -60,6 +60,7 @@ private:
     const Limits limits_;
     const Rights rights_;
     NoticePoster& poster_;
+    const LogLine log_;
     RefusalLog refusals_;
     ServerState state_;
     View view_;

@@ -114,14 +114,28 @@ void Writer::carryOut(const std::vector<Queued>& group) {
     auto batch = std::make_shared<Batch>();
     try {
         carryOutAll(group, *batch);
+        noteSuccess();
     } catch (const SqlError& error) {
         store_.rollback();
+        noteFailure(error);
         *batch = Batch();
         for (const auto& queued : group)
             batch->answers.push_back(
                 {queued.request, refusalReply(queued.method, refusalFor(error))});
     }
     handlers_.handOver(std::move(batch));
+}
+
+// A disk that fails for long fills the log with one line.
+void Writer::noteFailure(const SqlError& error) {
+    if (!failing_)
+        handlers_.log(std::string("changes are refused, the store fails: ") + error.what());
+    failing_ = true;
+}
+
+void Writer::noteSuccess() {
+    if (failing_) handlers_.log("the store works again");
+    failing_ = false;
 }
 
 void Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {

@@ -38,6 +38,8 @@ public:
     struct Handlers {
         std::function<void(std::shared_ptr<Batch>)> handOver;
         std::function<void()> finished;  ///< after `finish`, when everything is done
+        /// A line for the log: when commits begin to fail, and when they work again.
+        std::function<void(const std::string&)> log;
     };
 
     Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster& poster,
@@ -76,6 +78,8 @@ private:
     std::string carryOutOne(const Queued& queued, Batch& batch);
     std::string send(const Queued& queued);
     void post(const Change& change);
+    void noteFailure(const SqlError& error);
+    void noteSuccess();
 
     Store& store_;
     Ledger ledger_;
@@ -83,6 +87,7 @@ private:
     AdminChangingSide admin_{ledger_};
     NoticePoster& poster_;
     const Handlers handlers_;
+    bool failing_ = false;
 
     mutable std::mutex mutex_;  // guards all down to the thread
     std::condition_variable wake_;

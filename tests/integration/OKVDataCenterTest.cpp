@@ -85,6 +85,14 @@ std::string bytesOf(const std::string& file) {
     return bytes.str();
 }
 
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) throw std::runtime_error("too long: " + path);
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
 // An argument of each kind that a method can take.
 template <class T>
 auto anArgument(Client& client) {
@@ -370,16 +378,39 @@ TEST(OKVDataCenter, ServesTheSocketThatAServiceManagerHandsOver) {
     ServerProcess server;
     std::filesystem::create_directory(server.runtimeFolder());
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const auto path = server.runtimeFolder() + "/" + kOKVDataServerName;
-    ASSERT_LT(path.size(), sizeof address.sun_path);
-    path.copy(address.sun_path, path.size());
+    const auto address = addressOf(server.runtimeFolder() + "/" + kOKVDataServerName);
     ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(listen(listener, 8), 0);
     ASSERT_TRUE(server.startWithSocket(listener));
     close(listener);
     EXPECT_EQ(okv::send<&Data::defaultUserIdPT>(*connect()), 1);
+}
+
+TEST(OKVDataCenter, TellsTheServiceManagerWhenItServesThatItLivesAndWhenItEnds) {
+    ServerProcess server;
+    const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const auto path = server.file("notify");
+    const auto address = addressOf(path);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    setenv("WATCHDOG_USEC", "20000", 1);
+    const bool ready = server.start();
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    ASSERT_TRUE(ready);
+    const auto said = [&] {
+        char text[256];
+        const auto size = recv(manager, text, sizeof text, 0);
+        return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    };
+    EXPECT_EQ(said(), "READY=1");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(said(), "WATCHDOG=1");
+    server.signal(SIGTERM);
+    auto last = said();
+    while (last == "WATCHDOG=1") last = said();
+    EXPECT_EQ(last, "STOPPING=1");
+    EXPECT_EQ(server.wait(), 0);
+    close(manager);
 }
 
 TEST(OKVDataCenter, RunsOutOfAnApplicationBundle) {

@@ -69,14 +69,14 @@ TEST_F(AdminMethods, ADescriptionTellsWhereAValueComesFrom) {
                                              {"origin", "everybody"},
                                              {"locked", false},
                                              {"writer", 0},
-                                             {"time", Date{harness.now}}}));
-    harness.now += 5;
+                                             {"time", Date{harness.now.load()}}}));
+    harness.now = harness.now + 5;
     harness.askAs<&Data::setOKVDataPT_value_appUid>(account(1500, {Harness::kAdminGroup}), "k",
                                                     "own", 2);
     const auto own = info("k", 2);
     EXPECT_EQ(own.as<Dictionary>()["origin"], Value("user"));
     EXPECT_EQ(own.as<Dictionary>()["writer"], Value(1500));
-    EXPECT_EQ(own.as<Dictionary>()["time"], Value(Date{harness.now}));
+    EXPECT_EQ(own.as<Dictionary>()["time"], Value(Date{harness.now.load()}));
     EXPECT_EQ(harness.ask<&Admin::okvDataInfoPT>("k").as<Dictionary>()["value"], Value("all"));
     EXPECT_TRUE(harness.ask<&Admin::okvDataInfoPT>(7).isNil());
 }
@@ -107,7 +107,7 @@ TEST_F(AdminMethods, ALockedKeyAnswersEverybodysValueAndTakesNoUsers) {
     EXPECT_EQ(described["origin"], Value("everybody"));
     const auto locks = harness.ask<&Admin::lockListPT>().as<Dictionary>();
     EXPECT_EQ(locks.size(), 2U);
-    EXPECT_EQ(locks["k"].as<Dictionary>()["time"], Value(Date{harness.now}));
+    EXPECT_EQ(locks["k"].as<Dictionary>()["time"], Value(Date{harness.now.load()}));
 
     EXPECT_TRUE(harness.ask<&Admin::unlockOKVDataPT>(Array{"k", "never locked"}));
     EXPECT_EQ(read("k", 2), Value("own"));
@@ -156,7 +156,7 @@ TEST_F(AdminMethods, ChangesAreToldSinceARevision) {
                                                {"session_userid", 0},
                                                {"appuid", 2},
                                                {"keys", Array{"k", "l"}},
-                                               {"time", Date{harness.now}},
+                                               {"time", Date{harness.now.load()}},
                                                {"writer", 0}}));
         EXPECT_FALSE(changes[1].as<Dictionary>().contains("appuid"));
         EXPECT_EQ(changes[2].as<Dictionary>()["osuserid"], Value(1000));
@@ -239,7 +239,7 @@ TEST(Transfer, AnExportTakenIntoAnotherStoreMakesItTheSame) {
         EXPECT_EQ(to.ask<&Data::maxUserIdPT>(), 9);
         to.restart();
     }
-    to.now += 3;
+    to.now = to.now + 3;
     EXPECT_EQ(to.ask<&Data::serverTimePT>(), Value(Date{503}));
     EXPECT_EQ(to.server->view().revision(), 3);  // one change
     EXPECT_NE(to.store->epoch(), from.store->epoch());
@@ -258,6 +258,15 @@ TEST(Transfer, AnExportTellsItsForm) {
     EXPECT_EQ(whole["locks"], Value(Array{"locked"}));
     EXPECT_EQ(whole["current_user"], Value(2));
     EXPECT_EQ(whole["highest_user"], Value(9));
+}
+
+TEST(Transfer, TheDeepestValueThatIsTakenIsAlsoExportedAndImported) {
+    Value deepest = 1;
+    for (int i = 0; i < 60; ++i) deepest = Array{deepest};
+    Harness harness;
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("k", deepest, 1)));
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(harness.ask<&Admin::exportDataPT>()));
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), deepest);
 }
 
 TEST(Transfer, APartThatIsNotThereStaysAsItIs) {

@@ -61,9 +61,11 @@ Harness::~Harness() {
 void Harness::start() {
     store.emplace(storeFile(), options_.limits);
     server.emplace(*store, datacenter::Rights({options_.selfService, kServerUid, kAdminGroup}),
-                   datacenter::Server::Surroundings{
-                       poster, [this](const std::string& line) { log.push_back(line); },
-                       [this] { return now; }});
+                   datacenter::Server::Surroundings{poster,
+                                                    [this](const std::string& line) {
+                                                        if (loop_->isCurrent()) log.push_back(line);
+                                                    },
+                                                    [this] { return now.load(); }});
 }
 
 void Harness::stop() {

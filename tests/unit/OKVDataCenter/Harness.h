@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
@@ -129,12 +130,13 @@ public:
     std::string storeFile() const { return folder_.file("store.db"); }
 
     RecordingPoster poster;
-    double now = 1000000;
-    std::vector<std::string> log;
+    std::atomic<double> now = 1000000;
+    std::vector<std::string> log;  ///< lines of the server's own thread
     std::optional<datacenter::Store> store;
     std::optional<datacenter::Server> server;
 
 private:
+    const okv::Ref<okv::RunLoop> loop_ = okv::RunLoop::current();
     const Options options_;
     TemporaryFolder folder_;
 };

@@ -165,23 +165,23 @@ TEST_F(UserMethods, TheClockIsNilUntilItIsSetRunsWhenStartedAndStandsWhenStopped
     harness.ask<&Data::stopServerTimeTimer>();
 
     harness.ask<&Data::setServerTimePT>(okv::Date{500});
-    harness.now += 10;
+    harness.now = harness.now + 10;
     EXPECT_EQ(time(), Value(okv::Date{500}));
     harness.ask<&Data::startServerTimeTimer>();
-    harness.now += 10;
+    harness.now = harness.now + 10;
     EXPECT_EQ(time(), Value(okv::Date{510}));
     harness.ask<&Data::startServerTimeTimer>();  // runs already
-    harness.now += 10;
+    harness.now = harness.now + 10;
     EXPECT_EQ(time(), Value(okv::Date{520}));
     harness.stop();
-    harness.now += 100;
+    harness.now = harness.now + 100;
     harness.start();
     EXPECT_EQ(time(), Value(okv::Date{620}));
     harness.ask<&Data::setServerTimePT>(okv::Date{-5});  // keeps running
-    harness.now += 1;
+    harness.now = harness.now + 1;
     EXPECT_EQ(time(), Value(okv::Date{-4}));
     harness.ask<&Data::stopServerTimeTimer>();
-    harness.now += 50;
+    harness.now = harness.now + 50;
     harness.restart();
     EXPECT_EQ(time(), Value(okv::Date{-4}));
 }

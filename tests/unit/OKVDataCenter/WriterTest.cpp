@@ -48,6 +48,7 @@ protected:
     std::mutex mutex_;
     std::condition_variable came_;
     std::vector<std::shared_ptr<datacenter::Batch>> batches_;
+    std::vector<std::string> log;  // written before the batch is handed over, read after
     RecordingPoster poster;
     datacenter::Store store{folder.file("s"), [] {
                                 datacenter::Limits limits;
@@ -65,7 +66,7 @@ protected:
                                    batches_.push_back(std::move(batch));
                                    came_.notify_all();
                                },
-                               [] {}}};
+                               [] {}, [this](const std::string& line) { log.push_back(line); }}};
 };
 
 }  // namespace
@@ -202,11 +203,31 @@ TEST_F(WriterAlone, AFailedCommitRefusesEveryRequestOfTheGroup) {
         }
         EXPECT_TRUE(batch->steps.empty());
         EXPECT_TRUE(batch->told.empty());
+        queueSet("c", 3);
+        EXPECT_FALSE(answer(next()->answers.at(0)).value);
     }
     queueSet("after", 3);
     const auto batch = next();
     EXPECT_TRUE(answer(batch->answers.at(0)).value);
     EXPECT_EQ(batch->told.at(0).revision, 3);
+    ASSERT_EQ(log.size(), 2U);
+    EXPECT_NE(log[0].find("the store fails"), std::string::npos);
+    EXPECT_EQ(log[1], "the store works again");
+}
+
+TEST(WriterInServer, ReadsDoNotWaitForTheWriter) {
+    Harness harness;
+    harness.poster.hold();
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1)));
+    harness.poster.awaitHeld();
+    const auto port = okv::make<RecordingPort>(account(0));
+    harness.send<&Data::setOKVDataPT_value_appUid>(port, "k", 2, 1);
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(1));
+    EXPECT_EQ(harness.ask<&Admin::serverStatusPT>().as<Dictionary>()["waiting"], Value(1));
+    EXPECT_TRUE(port->answers.empty());
+    harness.poster.letGo();
+    harness.awaitAnswer(*port);
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(2));
 }
 
 TEST(WriterInServer, ReadsGoOnWhileNothingCanBeWritten) {
