@@ -79,22 +79,57 @@ void print(const std::vector<Result>& results) {
                     result.p99Ns, result.ratio);
 }
 
+namespace {
+
+struct Pipe {
+    int ends[2];
+    Pipe() {
+        if (pipe(ends) != 0) throw std::runtime_error("no pipe");
+        std::fflush(nullptr);
+    }
+};
+
+[[noreturn]] void run(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    for (const auto& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    _exit(127);
+}
+
+}  // namespace
+
 ServerProcess::ServerProcess(const std::function<void(const std::function<void()>& ready)>& serve) {
-    int pipe[2];
-    if (::pipe(pipe) != 0) throw std::runtime_error("no pipe");
-    std::fflush(nullptr);
+    const Pipe pipe;
     pid_ = fork();
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        close(pipe[0]);
-        serve([&] { (void)!write(pipe[1], "", 1); });
+        close(pipe.ends[0]);
+        serve([&] { (void)!write(pipe.ends[1], "\n", 1); });
         _exit(0);
     }
-    close(pipe[1]);
+    close(pipe.ends[1]);
+    waitUntilReady(pipe.ends[0]);
+}
+
+ServerProcess::ServerProcess(const std::vector<std::string>& command) {
+    const Pipe pipe;
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(pipe.ends[1], STDOUT_FILENO);
+        run(command);
+    }
+    close(pipe.ends[1]);
+    waitUntilReady(pipe.ends[0]);
+}
+
+void ServerProcess::waitUntilReady(int end) {
     char byte = 0;
-    const auto count = read(pipe[0], &byte, 1);
-    close(pipe[0]);
+    ssize_t count = 0;
+    while ((count = read(end, &byte, 1)) == 1 && byte != '\n') firstLine_ += byte;
     if (count != 1) throw std::runtime_error("a server did not start");
+    // The end stays open: a server that writes on must not die of it.
 }
 
 ServerProcess::~ServerProcess() {

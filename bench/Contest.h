@@ -35,13 +35,20 @@ void pinTo(int core);
 class ServerProcess {
 public:
     explicit ServerProcess(const std::function<void(const std::function<void()>& ready)>& serve);
+    /// Runs a program; it can be used once it has written something to its standard output.
+    explicit ServerProcess(const std::vector<std::string>& command);
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
     ~ServerProcess();
     int pid() const { return pid_; }
+    /// The first line that the process wrote.
+    const std::string& firstLine() const { return firstLine_; }
 
 private:
+    void waitUntilReady(int end);
+
     int pid_ = -1;
+    std::string firstLine_;
 };
 
 }  // namespace bench

@@ -2,6 +2,7 @@
 // sizes.
 
 #include "Contest.h"
+#include "SdBus.h"
 
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/Connection.h>
@@ -73,6 +74,27 @@ void serveBare(const std::function<void()>& ready) {
     okv::RunLoop::current()->run();
 }
 
+// The real data server, with one value stored.
+class DataServer {
+public:
+    explicit DataServer(const okv::testing::RuntimeFolder& folder)
+        : process_({OKV_BENCH_SERVER, "--foreground", "--store",
+                    (folder.path() / "store.db").string()}) {
+        manager_ = okvDataManager::sharedDataManager();
+        if (!manager_ || !manager_->setOKVData_value_appUid(kKey, std::string(kAnswerSize, 'v'), 1))
+            std::abort();
+        root_ = manager_->proxyObj();
+    }
+    void readDefaultUser() { manager_->defaultUserId(); }
+    void readThroughProxy() { okv::send<&OKVDataMng_protocol::okvDataPT_appUid>(*root_, kKey, 1); }
+    void readForSessionUser() { manager_->okvData(kKey); }
+
+private:
+    bench::ServerProcess process_;
+    okv::Ref<okvDataManager> manager_;
+    okv::Ref<okv::RemoteObject> root_;
+};
+
 }  // namespace
 
 int main() {
@@ -82,10 +104,22 @@ int main() {
     const bench::ServerProcess bare(serveBare);
     const auto connection = okv::Connection::connectionWithRegisteredName("bench.bare");
     const auto root = connection->rootProxy();
-    const std::vector<bench::Contender> contenders{
+    DataServer server(folder);
+    const auto peer = bench::SdBus::peerToPeer();
+    const auto bus = bench::SdBus::overBus("dbus-daemon");
+    std::vector<bench::Contender> contenders{
         {"raw blocking Unix stream", [&] { raw.call(); }},
         {"okv transport, a server that looks nothing up",
          [&] { okv::send<&OKVDataMng_protocol::okvDataPT_appUid>(*root, kKey, 1); }},
+        {"OKVDataCenter: defaultUserId", [&] { server.readDefaultUser(); }},
+        {"OKVDataCenter: okvDataPT:appUid:", [&] { server.readThroughProxy(); }},
+        {"OKVDataCenter: okvData: (two calls by rule)", [&] { server.readForSessionUser(); }},
+        {"sd-bus peer to peer", [&] { peer->call(); }},
     };
-    bench::print(bench::contest(contenders, 31, 4000));
+    if (bus) {
+        contenders.push_back({"sd-bus over dbus-daemon", [&] { bus->call(); }});
+    } else {
+        std::puts("dbus-daemon does not start here: left out");
+    }
+    bench::print(bench::contest(contenders, 31, 1000));
 }

@@ -6,17 +6,23 @@
 #include <OKVPlatform/ipc/RunLoop.h>
 
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "Contest.h"
 
 namespace {
 
@@ -26,8 +32,8 @@ using okv::DistributedNotificationCenter;
 constexpr char kName[] = "org.example.changed";
 constexpr int kWarmUp = 200;
 constexpr int kSamples = 3000;
-constexpr int kPostsAtOnce = 2000;
-constexpr int kRounds = 7;
+constexpr int kPostsAtOnce = 1000;
+constexpr int kRounds = 5;
 
 double microseconds(Clock::duration time) {
     return std::chrono::duration<double, std::micro>(time).count();
@@ -39,13 +45,6 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-void pinToOneCore() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(static_cast<std::size_t>(sched_getcpu()), &set);
-    if (sched_setaffinity(0, sizeof set, &set) != 0) std::perror("sched_setaffinity");
-}
-
 okv::Value information() {
     return okv::Dictionary{{"osuserid", -1},
                            {"session_userid", 0},
@@ -54,7 +53,23 @@ okv::Value information() {
                            {"keys", okv::Array{"dc-group-name_of_a_key"}}};
 }
 
-/// A process that observes and writes a byte for every notice it hears, when asked to.
+/// How many calls the observers of all processes had.
+std::atomic<std::uint64_t>* sharedCounter() {
+    void* memory = mmap(nullptr, sizeof(std::atomic<std::uint64_t>), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) std::abort();
+    return new (memory) std::atomic<std::uint64_t>(0);
+}
+
+std::atomic<std::uint64_t>* const heard = sharedCounter();
+
+double secondsOf(clockid_t clock) {
+    timespec time{};
+    clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+/// A process that observes; when asked to, it tells the time of every notice it hears.
 class Observer {
 public:
     Observer(const std::string& folder, bool answers) {
@@ -83,6 +98,12 @@ public:
         if (read(answers_, &when, sizeof when) != sizeof when) std::abort();
         return when;
     }
+    /// Seconds.
+    double processorTime() const {
+        clockid_t clock{};
+        if (clock_getcpuclockid(pid_, &clock) != 0) std::abort();
+        return secondsOf(clock);
+    }
     void stop() const {
         kill(pid_, SIGSTOP);
         int status = 0;
@@ -101,6 +122,7 @@ private:
             [&](const okv::Notification&) {
                 const auto now = Clock::now();
                 if (answering) tell(answers, &now, sizeof now);
+                heard->fetch_add(1);
             },
             kName);
         tell(answers, "r", 1);
@@ -126,37 +148,98 @@ void measureDelivery(const std::string& folder) {
     std::printf("post to delivery in another process, one core: median %.1f us\n", median(times));
 }
 
-/// What a post costs the core in all: yielding lets every live observer hear of it before the next
-/// one, so that their work is counted in full and none hears of two notices at one wake-up.
-double postingCost(DistributedNotificationCenter& center, bool yielding) {
-    const auto what = information();
-    std::vector<double> rounds;
-    for (int round = 0; round < kRounds; ++round) {
-        const auto start = Clock::now();
-        for (int i = 0; i < kPostsAtOnce; ++i) {
-            center.post(kName, {}, what);
-            if (yielding) sched_yield();
-        }
-        rounds.push_back(microseconds(Clock::now() - start) / kPostsAtOnce);
-    }
-    return median(rounds);
+/// Microseconds per post.
+struct Cost {
+    double straight = 0;   ///< elapsed, post after post
+    double lockstep = 0;   ///< elapsed, each post heard by every live observer before the next
+    double poster = 0;     ///< processor time of the post itself, in lockstep
+    double observers = 0;  ///< processor time of all observers together, in lockstep
+};
+
+using Observers = std::vector<std::unique_ptr<Observer>>;
+
+double processorTimeOf(const Observers& observers) {
+    double sum = 0;
+    for (const auto& observer : observers) sum += observer->processorTime();
+    return sum;
 }
 
-void measurePosting(const std::string& folder, int count, bool stopped, double& alone) {
+double postStraight(DistributedNotificationCenter& center) {
+    const auto what = information();
+    const auto start = Clock::now();
+    for (int i = 0; i < kPostsAtOnce; ++i) center.post(kName, {}, what);
+    return microseconds(Clock::now() - start) / kPostsAtOnce;
+}
+
+void waitUntilHeard(std::uint64_t calls) {
+    while (heard->load() < calls) sched_yield();
+}
+
+/// Observers that are stopped hear nothing, so that nobody waits for them.
+void postInLockstep(DistributedNotificationCenter& center, const Observers& observers,
+                    std::size_t live, Cost& cost) {
+    const auto what = information();
+    const auto observersBefore = processorTimeOf(observers);
+    const auto start = Clock::now();
+    double posting = 0;
+    auto calls = heard->load();
+    for (int i = 0; i < kPostsAtOnce; ++i) {
+        const auto before = secondsOf(CLOCK_THREAD_CPUTIME_ID);
+        center.post(kName, {}, what);
+        posting += secondsOf(CLOCK_THREAD_CPUTIME_ID) - before;
+        waitUntilHeard(calls += live);
+    }
+    cost.lockstep = microseconds(Clock::now() - start) / kPostsAtOnce;
+    cost.poster = posting * 1e6 / kPostsAtOnce;
+    cost.observers = (processorTimeOf(observers) - observersBefore) * 1e6 / kPostsAtOnce;
+}
+
+Cost medianOf(const std::vector<Cost>& rounds) {
+    Cost result;
+    for (double Cost::*part : {&Cost::straight, &Cost::lockstep, &Cost::poster, &Cost::observers}) {
+        std::vector<double> values;
+        for (const auto& round : rounds) values.push_back(round.*part);
+        result.*part = median(std::move(values));
+    }
+    return result;
+}
+
+Cost costWith(const std::string& folder, int count, bool stopped) {
     DistributedNotificationCenter center(folder);
-    std::vector<std::unique_ptr<Observer>> observers;
+    Observers observers;
     for (int i = 0; i < count; ++i) {
         observers.push_back(std::make_unique<Observer>(folder, false));
         if (stopped) observers.back()->stop();
     }
-    const double straight = postingCost(center, false);
-    const double yielding = stopped ? straight : postingCost(center, true);
-    const double cost = std::max(straight, yielding);
-    if (count == 0) alone = cost;
-    std::printf("post with %3d %s observers: %7.2f us, yielding %7.2f us", count,
-                stopped ? "stopped" : "live   ", straight, yielding);
-    if (count != 0) std::printf("; %.2f us more for each", (cost - alone) / count);
-    std::printf("\n");
+    const auto live = stopped ? 0 : observers.size();
+    std::vector<Cost> rounds(kRounds);
+    for (auto& round : rounds) {
+        postInLockstep(center, observers, live, round);
+        // What was posted straight is heard before the next round begins.
+        const auto calls = heard->load() + live * kPostsAtOnce;
+        round.straight = postStraight(center);
+        waitUntilHeard(calls);
+    }
+    return medianOf(rounds);
+}
+
+void measurePosting(const std::string& folder, bool stopped) {
+    Cost alone;
+    std::printf(
+        "\n%s observers   straight  lockstep  poster's cpu  observers' cpu"
+        "   more per observer: straight, lockstep, cpu\n",
+        stopped ? "stopped" : "live   ");
+    for (const int count : {0, 20, 100}) {
+        const auto cost = costWith(folder, count, stopped);
+        if (count == 0) alone = cost;
+        std::printf("%17d %10.2f %9.2f %13.2f %15.2f", count, cost.straight, cost.lockstep,
+                    cost.poster, cost.observers);
+        if (count != 0)
+            std::printf("   %.2f, %.2f, %.2f", (cost.straight - alone.straight) / count,
+                        (cost.lockstep - alone.lockstep) / count,
+                        (cost.poster + cost.observers - alone.poster) / count);
+        std::printf("\n");
+    }
 }
 
 }  // namespace
@@ -167,10 +250,8 @@ int main(int argc, char** argv) {
         std::perror("a folder to measure in");
         return 1;
     }
-    pinToOneCore();
+    bench::pinTo(0);
     measureDelivery(folder);
-    double alone = 0;
-    for (const int count : {0, 20, 100}) measurePosting(folder, count, false, alone);
-    for (const int count : {0, 20, 100}) measurePosting(folder, count, true, alone);
+    for (const bool stopped : {false, true}) measurePosting(folder, stopped);
     std::filesystem::remove_all(folder);
 }

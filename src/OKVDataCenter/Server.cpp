@@ -25,6 +25,7 @@ Server::Server(Store& store, Rights rights, Surroundings surroundings)
     : loop_(okv::RunLoop::current()),
       limits_(store.limits()),
       rights_(std::move(rights)),
+      poster_(surroundings.poster),
       refusals_(std::move(surroundings.log)),
       view_(std::move(*store.load())),
       writer_(store, rights_, surroundings.now, surroundings.poster, handlers()) {
@@ -71,7 +72,10 @@ bool Server::adopt(int listener, std::string& why) {
 bool Server::started(okv::Ref<okv::Publication> publication) {
     publication_ = std::move(publication);
     if (!publication_) return false;
-    writer_.announce();
+    // Before anything is served: the writer has nothing to post yet.
+    Change nothing;
+    nothing.revision = view_.revision();
+    poster_.post(kSettingsNotice, noticeFor(nothing, view_.epoch()));
     return true;
 }
 

@@ -29,7 +29,8 @@ public:
     Server& operator=(const Server&) = delete;
 
     /// Publishes the name, or serves the socket that the service manager handed over. False when
-    /// that cannot be done; `why` then tells the reason.
+    /// that cannot be done; `why` then tells the reason. Posts a notice of the present revision,
+    /// without keys: whatever was heard of an earlier server may be out of date.
     bool publish(std::string& why);
     bool adopt(int listener, std::string& why);
 
@@ -58,6 +59,7 @@ private:
     const okv::RunLoop::Clock::time_point start_ = okv::RunLoop::Clock::now();
     const Limits limits_;
     const Rights rights_;
+    NoticePoster& poster_;
     RefusalLog refusals_;
     ServerState state_;
     View view_;

@@ -51,12 +51,6 @@ void Writer::queueReload() {
     wake_.notify_one();
 }
 
-void Writer::announce() {
-    const std::lock_guard lock(mutex_);
-    announce_ = true;
-    wake_.notify_one();
-}
-
 void Writer::acknowledge(std::shared_ptr<Batch> batch) {
     const std::lock_guard lock(mutex_);
     --unacknowledged_;
@@ -77,7 +71,7 @@ std::size_t Writer::waiting() const {
 
 // Lock held.
 bool Writer::hasWork() const {
-    return !queue_.empty() || !acknowledged_.empty() || announce_;
+    return !queue_.empty() || !acknowledged_.empty();
 }
 
 // Lock held.
@@ -97,7 +91,6 @@ bool Writer::next(Work& work) {
     if (!hasWork()) return false;
     work = Work();
     work.acknowledged.swap(acknowledged_);
-    work.announce = std::exchange(announce_, false);
     takeRequests(work);
     if (!work.requests.empty()) ++unacknowledged_;
     return true;
@@ -105,7 +98,6 @@ bool Writer::next(Work& work) {
 
 void Writer::run() {
     for (Work work; next(work);) {
-        if (work.announce) post(Change{store_.revision(), {}, -1, 0, {}, {}});
         for (const auto& batch : work.acknowledged) {
             for (const auto& change : batch->told) post(change);
         }

@@ -50,8 +50,6 @@ public:
     bool queue(okv::Ref<okv::IncomingRequest> request, Method method);
     /// Reads the store again, as `reloadDataPT` does, without anybody asking.
     void queueReload();
-    /// Posts a notice without a change: the present revision, and no keys.
-    void announce();
     void acknowledge(std::shared_ptr<Batch> batch);
     /// Takes nothing more; what was taken is carried out, answered and told.
     void finish();
@@ -67,7 +65,6 @@ private:
     struct Work {
         std::vector<Queued> requests;
         std::vector<std::shared_ptr<Batch>> acknowledged;
-        bool announce = false;
     };
 
     void run();
@@ -93,7 +90,6 @@ private:
     std::size_t queuedBytes_ = 0;
     std::vector<std::shared_ptr<Batch>> acknowledged_;
     std::size_t unacknowledged_ = 0;
-    bool announce_ = false;
     bool finishing_ = false;
     bool abandoned_ = false;  ///< nobody is left to acknowledge a batch
     std::thread thread_;

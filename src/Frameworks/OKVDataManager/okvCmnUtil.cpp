@@ -1,15 +1,26 @@
 #include <OKVDataManager/MainteFile.h>
 #include <OKVDataManager/okvCmnUtil.h>
+#include <OKVDataManager/okvCmnUtilSeams.h>
+#include <OKVPlatform/process/ProcessTable.h>
+#include <OKVPlatform/process/QuitEvent.h>
+#include <OKVPlatform/process/Task.h>
 #include <OKVPlatform/system/FileAttributes.h>
 #include <OKVPlatform/system/SystemVersion.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -208,7 +219,85 @@ std::optional<okv::Date> okvCmnUtil::createDateFromyyyymmdd(std::string_view tex
 
 // ---- Process inspection ----
 
+std::int32_t okvCmnUtil::processID() {
+    return getpid();
+}
+
+std::string okvCmnUtil::processName() {
+    return program_invocation_short_name;
+}
+
+std::string okvCmnUtil::processUserName() {
+    passwd account{};
+    passwd* found = nullptr;
+    std::vector<char> texts(1024);
+    while (getpwuid_r(getuid(), &account, texts.data(), texts.size(), &found) == ERANGE)
+        texts.resize(texts.size() * 2);
+    return found != nullptr ? found->pw_name : "";
+}
+
+bool okvCmnUtil::launchMutexCheck_BundleIdentifer(std::string_view name,
+                                                  std::string_view bundleIdentifier) {
+    return okvCmnUtilSeams::launchMutexCheck(name, bundleIdentifier, processList, processName);
+}
+
+std::optional<okv::Dictionary> okvCmnUtil::processInfoBSD(std::int32_t pid) {
+    return okvCmnUtilSeams::processInfoBSD(processListBSD(), pid);
+}
+
+okv::Array okvCmnUtil::processListBSD() {
+    // Children that have ended are no processes to anybody but the kernel.
+    okv::Task::reapFinished();
+    okv::KernelProcessTable kernel;
+    return okvCmnUtilSeams::processListBSD(kernel, std::malloc);
+}
+
+okv::Array okvCmnUtil::processList() {
+    okv::Task::reapFinished();
+    okv::ProcessManager manager;
+    return okvCmnUtilSeams::processList(manager);
+}
+
+char* getPathName(int pid) {
+    okv::KernelProcessTable kernel;
+    return okvCmnUtilSeams::pathName(kernel, pid);
+}
+
 // ---- Launching and quitting applications ----
+
+std::int32_t okvCmnUtil::sendQuitAppleEventForPid(std::int32_t pid) {
+    okv::Task::reapFinished();
+    okv::ProcessSerialNumber psn;
+    // Intended: a process that is not there has quit, its look-up's own error is not passed on.
+    if (okv::ProcessManager().GetProcessForPID(pid, &psn) != okv::noErr) return 0;
+    return sendQuitAppleEvent(&psn);
+}
+
+std::int32_t okvCmnUtil::sendQuitAppleEvent(const okv::ProcessSerialNumber* psn) {
+    return okvCmnUtilSeams::sendQuit(psn,
+                                     {okv::makeQuitTarget, okv::makeQuitEvent, okv::sendQuitEvent});
+}
+
+bool okvCmnUtil::quitProcesss(std::int32_t pid) {
+    okv::Task::reapFinished();
+    return okvCmnUtilSeams::quitProcess(pid, {::kill, ::usleep});
+}
+
+bool okvCmnUtil::launchApp_argument_sync_workPath_processId(std::string_view path,
+                                                            const okv::Array& arguments, bool sync,
+                                                            std::string_view workPath,
+                                                            std::int32_t* processId) {
+    if (!okvCmnUtilSeams::existsAt(path)) return false;
+    okv::Task task;
+    task.pipeStandardError();
+    task.setLaunchPath(std::string(path));
+    task.setCurrentDirectoryPath(okvCmnUtilSeams::chosenFolder(workPath, appBinPath()));
+    task.setArguments(okvCmnUtilSeams::argumentTexts(arguments));
+    task.launch();
+    if (sync) task.waitUntilExit();
+    *processId = task.processIdentifier();
+    return *processId > 0;
+}
 
 // ---- Category data and byte buffers ----
 
@@ -483,3 +572,47 @@ std::string okvCmnUtil::macUserAgent(std::optional<std::string_view> middlePart)
 }
 
 // ---- Published connections and bulk release ----
+
+okv::Ref<okv::Publication> okvCmnUtil::rootObject_registerName_timeout_delegate(
+    const okv::RootObject& rootObject, std::string_view name, double timeout,
+    okv::PublicationDelegate* delegate) {
+    if (rootObject.handler == nullptr) return nullptr;
+    if (timeout <= 0.0) return nullptr;  // exactly this comparison: a NaN goes on
+    std::string why;
+    auto publication = okv::Publication::publish(name, rootObject, {}, why);
+    if (!publication) return nullptr;
+    publication->setRequestTimeout(timeout);
+    publication->setReplyTimeout(timeout);
+    publication->setDelegate(delegate);
+    return publication;
+}
+
+void okvCmnUtil::unregisterName(okv::Ref<okv::Publication> connection) {
+    if (connection) connection->invalidate();
+}
+
+bool okvCmnUtil::existRegisteredName(std::string_view name) {
+    return okv::connectToName(name).socket.isValid();
+}
+
+void okvCmnUtil::releaseNSMutableArray(okv::ObjectArray* array) {
+    if (array == nullptr) return;
+    const auto count = array->elements.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        // Releasing an element may run code that reaches the array.
+        if (array->elements.size() != count)
+            throw std::logic_error("the array was changed while it was walked");
+        if (array->elements[i] != nullptr) array->elements[i]->release();
+    }
+    array->release();
+}
+
+void okvCmnUtil::forceRelease(okv::Object* object) {
+    if (object == nullptr) return;
+    for (;;) {
+        const auto count = object->retainCount();
+        if (count == 0) return;
+        object->release();
+        if (count == 1) return;
+    }
+}

@@ -1,5 +1,6 @@
 #include <OKVDataManager/okvDataManager.h>
 
+#include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/system/NSLog.h>
@@ -15,6 +16,9 @@ namespace {
 constexpr int kConnectTries = 5;
 constexpr useconds_t kConnectSleepMicroseconds = 500000;
 constexpr int kSwitchLogLevel = 30;
+constexpr int kPresenceLogLevel = 10;
+constexpr char kServerBundleName[] = "OKVDataCenter";
+constexpr char kServerBundleIdentifier[] = "jp.nrm.okv6.OKVDataCenter";
 constexpr char kFilterOffKey[] = "dc-cmnset-common_filter_off";
 
 // The monitor of the class: it may be entered again by the thread that holds it.
@@ -293,6 +297,12 @@ std::int32_t okvDataManager::refreshedSessionUser() {
     return nowSessionUserId();
 }
 
+void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object) {
+    okv::DistributedNotificationCenter::defaultCenter().addObserver(
+        observer, &OKVSettingObserver::settingChanged, kOKVSettingNotification, object,
+        &OKVSettingObserver::settingChangesMissed);
+}
+
 bool okvDataManager::reloadOKVData() {
     return forward<&OKVDataMng_protocol::reloadDataPT>();
 }
@@ -543,4 +553,48 @@ std::string okvDataManager::forgotPasswdUrl() const {
 }
 std::string okvDataManager::bpCancelUrl() const {
     return settingBaseUrl() + "/kv6/cancel_url/request";
+}
+
+// ---- Presence of the data server ----
+
+namespace {
+
+bool isServerProcess(const okv::Value& process) {
+    const auto* record = process.getIf<okv::Dictionary>();
+    return record != nullptr && (*record)["CFBundleName"] == okv::Value(kServerBundleName) &&
+           (*record)["CFBundleIdentifier"] == okv::Value(kServerBundleIdentifier);
+}
+
+}  // namespace
+
+bool okvDataManager::checkServer() {
+    OKVSystemLog(kPresenceLogLevel, "call check DataServer().");
+    _bSrvFlg.store(false, std::memory_order_relaxed);
+    bool result = false;
+    const auto processes = okvCmnUtil::processList();
+    for (std::size_t i = 0; i < processes.size() && !result; ++i) {
+        if (!isServerProcess(processes[i])) continue;
+        OKVSystemLog(kPresenceLogLevel, "->already is server process!");
+        _bSrvFlg.store(true, std::memory_order_relaxed);
+        result = true;
+    }
+    if (!_bSrvFlg.load(std::memory_order_relaxed)) {
+        // Word for word, although nothing is launched here: those who read the logs look for these
+        // lines.
+        OKVSystemLog(kPresenceLogLevel, "-> can not stated DataCenter. launch server..");
+        OKVSystemLog(kPresenceLogLevel, "->bRet:%d", result ? 1 : 0);
+    }
+    return result;
+}
+
+bool okvDataManager::startSrv() {
+    OKVSystemLog(kPresenceLogLevel, "call start DataSrv().");
+    return true;
+}
+
+bool okvDataManager::stopSrv() {
+    OKVSystemLog(kPresenceLogLevel, "call stop DataSrv().");
+    disConnectSrv();
+    OKVSystemLog(kPresenceLogLevel, "->end Data Server...");
+    return true;
 }

@@ -2,6 +2,7 @@
 
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Protocol.h>
 #include <OKVPlatform/values/AtomicRef.h>
@@ -15,6 +16,8 @@
 
 /// The name under which the data server vends its root object.
 inline constexpr char kOKVDataServerName[] = "jp.nrm.okv6.dataConnection";
+/// The distributed notification that tells every process of changed settings.
+inline constexpr char kOKVSettingNotification[] = "jp.nrm.okv6.notification";
 
 /// What the data server's root object answers. The data manager sends all of it but the methods
 /// marked "served, never sent by the data manager". Two ways of carrying a user id stand side by
@@ -157,6 +160,18 @@ template <>
 inline constexpr auto okv::protocol<OKVClientMng_protocol> =
     okv::protocolTable(okv::row<&OKVClientMng_protocol::disConnectSrv>("disConnectSrv"));
 
+/// An object of the client that wants to hear of changed settings, in its run loop. The centre keeps no
+/// reference to it: one that goes away is skipped, and withdraws its registrations in its `dealloc`:
+///
+///     okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+class OKV_EXPORT OKVSettingObserver : public okv::Object {
+public:
+    /// "jp.nrm.okv6.notification" was posted; hand its user information to `updateSessionUserId`.
+    virtual void settingChanged(const okv::Notification& notification) = 0;
+    /// So many notices, of whatever name, were posted while this process did not run, and cannot be read any more.
+    virtual void settingChangesMissed(std::uint64_t /*count*/) {}
+};
+
 /// A process's way to its settings: one shared object that is connected to the data server.
 ///
 ///     auto manager = okvDataManager::sharedDataManager();
@@ -259,6 +274,9 @@ public:
     // ---- Settings. Reads for the session user make sure that it still exists; writes take it as
     // it stands ----
 
+    /// Has the observer's `settingChanged` called for the notices of this sender (nil: of any), by the run loop of the
+    /// calling thread. No record is kept here, and nothing here undoes it.
+    void registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object = {});
     bool reloadOKVData();
     std::int32_t userAppuid(std::int32_t osUid) const;
     /// The null object for an empty key, else what the server answers, nil included.
@@ -332,6 +350,17 @@ public:
     std::string loginTopUrl() const;
     std::string forgotPasswdUrl() const;
     std::string bpCancelUrl() const;
+
+    // ---- Presence of the data server ----
+
+    /// Whether a data server process was found among the applications, during this call. It starts
+    /// none, whatever its log lines say.
+    bool checkServer();
+    /// YES; it starts nothing.
+    bool startSrv();
+    /// Ends this client's link to the data server, as `disConnectSrv` does, and answers YES; the
+    /// server itself goes on.
+    bool stopSrv();
 
 protected:
     void dealloc() override;

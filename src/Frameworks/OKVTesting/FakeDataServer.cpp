@@ -3,6 +3,7 @@
 #include <OKVDataManager/okvDataManager.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace okv::testing {
 
@@ -65,8 +66,9 @@ void FakeDataServer::start() {
         const std::lock_guard lock(mutex_);
         ++accepted_;
     };
-    service_ = std::make_unique<ServiceThread>(kOKVDataServerName, std::move(root),
-                                               std::move(publication));
+    service_ =
+        std::make_unique<ServiceThread>(kOKVDataServerName, std::move(root), std::move(publication),
+                                        [this](Publication& made) { publication_ = &made; });
     if (!service_->failure().empty())
         throw std::runtime_error("the fake data server: " + service_->failure());
 }
@@ -135,13 +137,14 @@ void FakeDataServer::handle(IncomingRequest& request) {
     {
         const std::lock_guard lock(mutex_);
         messages_.push_back(message);
+        everReceived_.insert(message.selector);
     }
     carryOut(request, message, planFor(message.selector));
 }
 
 void FakeDataServer::carryOut(IncomingRequest& request, const ReceivedMessage& message,
                               const Plan& plan) {
-    if (plan.hangsUp) return service_->publication().closeConnections();
+    if (plan.hangsUp) return publication_->closeConnections();
     if (plan.isGarbage) return request.answer(std::string(64, '\xEE'));
     if (plan.isPayload) return request.answer(replyWith(plan.payload));
     const auto row = Rows::find(message.selector);
@@ -182,9 +185,14 @@ std::size_t FakeDataServer::count(const std::string& selector) const {
     return static_cast<std::size_t>(std::count(all.begin(), all.end(), selector));
 }
 
-void FakeDataServer::forget() {
+std::vector<ReceivedMessage> FakeDataServer::takeMessages() {
     const std::lock_guard lock(mutex_);
-    messages_.clear();
+    return std::exchange(messages_, {});
+}
+
+bool FakeDataServer::everReceived(const std::string& selector) const {
+    const std::lock_guard lock(mutex_);
+    return everReceived_.contains(selector);
 }
 
 std::size_t FakeDataServer::acceptedConnections() const {

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -70,7 +71,11 @@ public:
     std::vector<std::string> selectors() const;
     std::size_t count(const std::string& selector) const;
     /// Empties the record.
-    void forget();
+    void forget() { takeMessages(); }
+    /// Empties the record and answers what was in it.
+    std::vector<ReceivedMessage> takeMessages();
+    /// Whether the message ever came; emptying the record does not change it.
+    bool everReceived(const std::string& selector) const;
     /// How many connections were ever accepted.
     std::size_t acceptedConnections() const;
 
@@ -84,9 +89,11 @@ private:
     void setPlan(const std::string& selector, Plan plan);
 
     const Options options_;
+    Publication* publication_ = nullptr;  // for the service's thread only
     mutable std::mutex mutex_;
     std::map<std::string, Plan> plans_;
     std::vector<ReceivedMessage> messages_;
+    std::set<std::string> everReceived_;
     std::vector<Ref<RemoteObject>> clients_;
     std::size_t accepted_ = 0;
     std::unique_ptr<ServiceThread> service_;

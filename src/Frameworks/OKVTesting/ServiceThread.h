@@ -14,23 +14,25 @@ namespace okv::testing {
 /// end.
 class OKV_EXPORT ServiceThread {
 public:
-    /// Returns once the name can be looked up, or `failure()` says why it cannot.
-    ServiceThread(std::string name, RootObject root, PublicationOptions options = {});
+    using Task = std::function<void(Publication&)>;
+
+    /// Returns once the name can be looked up, or `failure()` says why it cannot. `published`,
+    /// where given, runs on the service's thread before anything is served.
+    ServiceThread(std::string name, RootObject root, PublicationOptions options = {},
+                  const Task& published = {});
     ServiceThread(const ServiceThread&) = delete;
     ServiceThread& operator=(const ServiceThread&) = delete;
     ~ServiceThread() { stop(); }
 
     /// Runs the task on the service's thread and waits for it.
-    void on(const std::function<void(Publication&)>& task);
+    void on(const Task& task);
     /// Withdraws the name and closes every connection.
     void stop();
-    /// For code that runs on the service's thread.
-    Publication& publication() noexcept { return *publication_; }
     const std::string& failure() const noexcept { return failure_; }
 
 private:
     void serve(const std::string& name, RootObject root, PublicationOptions options,
-               std::promise<void>& ready);
+               const Task& published, std::promise<void>& ready);
 
     Ref<RunLoop> loop_;
     Ref<Publication> publication_;

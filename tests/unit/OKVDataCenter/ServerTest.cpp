@@ -158,7 +158,8 @@ TEST(Server, AReloadReadsTheStoreAgainAndTellsSoWithoutARevision) {
     EXPECT_FALSE(notice.contains("keys"));
     harness.ask<&Data::useridUpdatePT>();
     harness.server->reload();
-    harness.poster.take(2);
+    EXPECT_TRUE(harness.ask<&Data::setAgentAutoRunPT>(true));  // carried out after the reload
+    EXPECT_EQ(harness.poster.take(3).back()["revision"], Value(2));
 }
 
 TEST(Server, AReloadThatFailsKeepsTheViewItHad) {

@@ -35,10 +35,12 @@ protected:
         batches_.erase(batches_.begin());
         return batch;
     }
-    /// What is queued until `letGo` goes into one transaction.
+    /// What is queued until `letGo` goes into one transaction. Makes one change itself.
     void holdWriter() {
+        queueSet("held", 0);
+        const auto batch = next();
         poster.hold();
-        writer.announce();
+        writer.acknowledge(batch);
         poster.awaitHeld();
     }
 
@@ -82,14 +84,14 @@ TEST_F(WriterAlone, WhatQueuedUpMeanwhileIsOneTransactionWithOutcomesOfItsOwn) {
     EXPECT_TRUE(answer(batch->answers[2]).value);
     EXPECT_FALSE(answer(batch->answers[3]).value);
     ASSERT_EQ(batch->told.size(), 2U);
-    EXPECT_EQ(batch->told[0].revision, 1);
-    EXPECT_EQ(batch->told[1].revision, 2);  // no gap for what was refused
+    EXPECT_EQ(batch->told[0].revision, 2);
+    EXPECT_EQ(batch->told[1].revision, 3);  // no gap for what was refused
 
     datacenter::View view;
     view.begin("", 0, 10);
     view.apply(datacenter::step::AddUser{1});
     for (const auto& step : batch->steps) view.apply(step);
-    EXPECT_EQ(view.revision(), 2);
+    EXPECT_EQ(view.revision(), 3);
     EXPECT_EQ(view.settingCount(), 2);
     EXPECT_EQ(view.find(1, "c").setting, nullptr);
 }
@@ -204,7 +206,7 @@ TEST_F(WriterAlone, AFailedCommitRefusesEveryRequestOfTheGroup) {
     queueSet("after", 3);
     const auto batch = next();
     EXPECT_TRUE(answer(batch->answers.at(0)).value);
-    EXPECT_EQ(batch->told.at(0).revision, 2);
+    EXPECT_EQ(batch->told.at(0).revision, 3);
 }
 
 TEST(WriterInServer, ReadsGoOnWhileNothingCanBeWritten) {

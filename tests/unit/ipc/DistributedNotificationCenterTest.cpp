@@ -345,6 +345,7 @@ TEST_F(DistributedCenter, FollowsALogThatIsDeletedOrReplacedAndAFolderMadeAnew) 
     folder_.remove();
     folder_.make();
     EXPECT_TRUE(hearsNext());
+    EXPECT_TRUE(hearsNext());
     close(held);
     EXPECT_TRUE(hearsNext());
     EXPECT_EQ(observer->numbers, numbersTo(posted));

@@ -117,7 +117,8 @@ TEST(NotificationLogFormat, AHeaderComesBackAndNothingElseIsOne) {
 
 TEST(NotificationLogFormat, ARecordComesBackWholeAndEveryPartOfItIsIncomplete) {
     const auto bytes = record(7, {"name", "sender", okv::Dictionary{{"key", 5}}});
-    const auto parsed = okv::parseLogRecord(bytes + "next");
+    const auto followed = bytes + "next";
+    const auto parsed = okv::parseLogRecord(followed);
     ASSERT_EQ(parsed.state, State::whole);
     EXPECT_EQ(parsed.size, bytes.size());
     EXPECT_EQ(parsed.sequence, 7U);

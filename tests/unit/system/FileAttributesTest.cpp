@@ -33,7 +33,8 @@ TEST(FileAttributes, HaveEveryKeyForAnOrdinaryFile) {
     EXPECT_EQ(attribute(path, "NSFileGroupOwnerAccountID"), status.st_gid);
     EXPECT_EQ(attribute(path, "NSFileSystemNumber"), status.st_dev);
     EXPECT_EQ(attribute(path, "NSFileSystemFileNumber"), status.st_ino);
-    const auto* const modified = attribute(path, "NSFileModificationDate").getIf<okv::Date>();
+    const Value modification = attribute(path, "NSFileModificationDate");
+    const auto* const modified = modification.getIf<okv::Date>();
     ASSERT_NE(modified, nullptr);
     EXPECT_NEAR(modified->secondsSince1970, static_cast<double>(status.st_mtime), 1.0);
 }

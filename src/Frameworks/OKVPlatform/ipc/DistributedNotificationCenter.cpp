@@ -37,7 +37,7 @@ private:
     const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
     const std::string folder_;
     NotificationLogWriter writer_;
-    State* const inherited_;  // the parent's: kept, never used
+    [[maybe_unused]] State* const inherited_;  // the parent's: kept in reach, never used
     std::mutex mutex_;        // guards the feeds
     std::map<const RunLoop*, Ref<NotificationFeed>> feeds_;
 };

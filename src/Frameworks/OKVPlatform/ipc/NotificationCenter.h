@@ -45,6 +45,7 @@ public:
     void post(const LocalNotification& notice);
 
 private:
+    friend struct NotificationCenterInspector;  // the tests' view of the registrations
     using Handler = std::function<void(const LocalNotification&)>;
     struct Registration {
         std::uint64_t id;

@@ -113,11 +113,9 @@ void NotificationLogWriter::checkLog(const struct stat& status) const {
 
 // Whether the log at the path is the one this process posted to last.
 bool NotificationLogWriter::isAtPath(int folder, struct stat& status) const {
-    struct stat held {};
-    if (!log_.isValid() || fstat(log_.get(), &held) != 0 ||
-        fstatat(folder, kNotificationLogFile, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return false;
-    return held.st_dev == status.st_dev && held.st_ino == status.st_ino;
+    return log_.isValid() &&
+           fstatat(folder, kNotificationLogFile, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           status.st_dev == device_ && status.st_ino == inode_;
 }
 
 // Lock held: nobody else appends or puts another file in its place.
@@ -133,6 +131,8 @@ void NotificationLogWriter::openLog(int folder) {
     if (!log_.isValid() && errno == ENOENT) return startLog(folder, newLog());
     if (!log_.isValid() || fstat(log_.get(), &status) != 0) fail(path(kNotificationLogFile));
     checkLog(status);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
     end_ = 0;
     if (!catchUp(static_cast<std::uint64_t>(status.st_size))) startLog(folder, newLog());
 }
@@ -169,7 +169,8 @@ bool NotificationLogWriter::walk(std::uint64_t size) {
 void NotificationLogWriter::startLog(int folder, const NotificationLogHeader& header) {
     unlinkat(folder, kTemporaryFile, 0);
     auto log = createFile(folder, kTemporaryFile, kLogMode);
-    if (!writeAll(log.get(), encodeLogHeader(header)) ||
+    struct stat status {};
+    if (!writeAll(log.get(), encodeLogHeader(header)) || fstat(log.get(), &status) != 0 ||
         renameat(folder, kTemporaryFile, folder, kNotificationLogFile) != 0) {
         const int reason = errno;
         unlinkat(folder, kTemporaryFile, 0);
@@ -177,6 +178,8 @@ void NotificationLogWriter::startLog(int folder, const NotificationLogHeader& he
         fail(path(kNotificationLogFile));
     }
     log_ = std::move(log);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
     id_ = header.id;
     end_ = kLogHeaderSize;
     next_ = header.first;

@@ -50,6 +50,8 @@ private:
     const Options options_;
     std::mutex mutex_;  // guards all below: what this process knows of the log from its last post
     PrivateDescriptor log_;  // kept open, so that no other file can get its inode number meanwhile
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
     std::uint64_t id_ = 0;
     std::uint64_t end_ = 0;   // all records before are whole
     std::uint64_t next_ = 1;  // the number of the next one

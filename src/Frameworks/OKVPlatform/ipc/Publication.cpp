@@ -62,7 +62,7 @@ bool Publication::acceptOne() {
         return errno == EINTR || errno == ECONNABORTED;
     }
     auto peer = PeerIdentity::ofSocket(socket.get());
-    if (!peer) return true;
+    if (!peer || (delegate_ != nullptr && !delegate_->shouldMakeNewConnection(*peer))) return true;
     const auto uid = peer->uid;
     const auto refusal = refusalFor(*peer);
     const auto connection = make<ServedConnection>(*this, std::move(socket), std::move(*peer));

@@ -27,10 +27,11 @@ struct RootObject {
     Ref<Object> owner;
 };
 
-/// A root object that answers protocol P.
+/// A root object that answers protocol P; it is retained where it is counted.
 template <class P, class T>
 RootObject rootObject(T& object) {
     RootObject root;
+    if constexpr (std::is_base_of_v<Object, T>) root.owner = Ref<Object>::retaining(&object);
     root.handler = [](void* target, IncomingRequest& request) {
         dispatch<P>(*static_cast<P*>(target), request);
     };
@@ -38,9 +39,17 @@ RootObject rootObject(T& object) {
     return root;
 }
 
+/// Who is asked about what happens to a publication.
+class OKV_EXPORT PublicationDelegate {
+public:
+    virtual ~PublicationDelegate() = default;
+    /// Whether the peer may connect; called on the publication's thread.
+    virtual bool shouldMakeNewConnection(const PeerIdentity&) { return true; }
+};
+
 /// How much the outside may take of a publishing process.
 struct PublicationOptions {
-    PublishedName::Options name;
+    PublishedName::Options name{};
     std::size_t maxConnections = 1024;
     std::size_t maxConnectionsPerUid = 1024;  ///< uid 0 and this process's own uid are not counted
     std::size_t maxUngreeted = 32;  ///< beyond, the one that kept silent longest is dropped
@@ -50,8 +59,8 @@ struct PublicationOptions {
         4U << 20;  ///< a client that does not read is not read either; one reply may exceed it
     std::size_t maxPendingRequests =
         64;  ///< of one client, kept and not yet answered; more are not read
-    std::function<void(MessagePort&)> connected;
-    std::function<void(MessagePort&)> disconnected;
+    std::function<void(MessagePort&)> connected{};
+    std::function<void(MessagePort&)> disconnected{};
 };
 
 /// A root object published under a registered name: the called end.
@@ -83,6 +92,8 @@ public:
     /// Seconds; for calls that this process makes to its clients' objects.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
+    /// Not retained; null ends it.
+    void setDelegate(PublicationDelegate* delegate) noexcept { delegate_ = delegate; }
     double requestTimeout() const noexcept { return requestTimeout_; }
     double replyTimeout() const noexcept { return replyTimeout_; }
 
@@ -113,6 +124,7 @@ private:
     const PublicationOptions options_;
     const Ref<RunLoop> loop_;
     RunLoop::Id source_ = 0;
+    PublicationDelegate* delegate_ = nullptr;
     const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
     double requestTimeout_ = 0;
     double replyTimeout_ = 0;

@@ -165,9 +165,8 @@ ConnectedSocket notConnected(std::string why, bool refusedPeer = false) {
     return result;
 }
 
-}  // namespace
-
-ConnectedSocket connectToName(std::string_view name, std::string_view subfolder) {
+// Without looking at who the peer is.
+ConnectedSocket connectToAnybody(std::string_view name, std::string_view subfolder) {
     if (!isRegisteredName(name)) return notConnected("not a registered name");
     const PrivateDescriptor folder(
         open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -181,11 +180,23 @@ ConnectedSocket connectToName(std::string_view name, std::string_view subfolder)
         return notConnected(
             withReason("no server at " + folderPath(subfolder) + "/" + std::string(name)));
     if (const auto peer = PeerIdentity::ofSocket(result.socket.get(), false)) result.peer = *peer;
-    if (!isTrustedServer(result.peer))
-        return notConnected(
-            "served by uid " + std::to_string(result.peer.uid) + ", which is not trusted", true);
     fcntl(result.socket.get(), F_SETFL, 0);
     return result;
+}
+
+}  // namespace
+
+ConnectedSocket connectToName(std::string_view name, std::string_view subfolder) {
+    auto result = connectToAnybody(name, subfolder);
+    if (!result.socket.isValid() || isTrustedServer(result.peer)) return result;
+    return notConnected(
+        "served by uid " + std::to_string(result.peer.uid) + ", which is not trusted", true);
+}
+
+ConnectedSocket connectToProcess(pid_t pid, std::string_view name, std::string_view subfolder) {
+    auto result = connectToAnybody(name, subfolder);
+    if (!result.socket.isValid() || result.peer.pid == pid) return result;
+    return notConnected("served by process " + std::to_string(result.peer.pid), true);
 }
 
 }  // namespace okv

@@ -22,9 +22,9 @@ OKV_EXPORT bool isRegisteredName(std::string_view name);
 class OKV_EXPORT PublishedName {
 public:
     struct Options {
-        std::string subfolder;  ///< below the runtime folder; with one, the name is not locked
-                                ///< (names of single processes)
-        mode_t mode = 0666;     ///< who may connect
+        std::string subfolder{};  ///< below the runtime folder; with one, the name is not locked
+                                  ///< (names of single processes)
+        mode_t mode = 0666;       ///< who may connect
         int backlog = 1024;
     };
 
@@ -70,5 +70,10 @@ struct ConnectedSocket {
 /// none. The peer must be root, this process's own effective uid, or, for the built-in folder, the
 /// service user that owns it.
 OKV_EXPORT ConnectedSocket connectToName(std::string_view name, std::string_view subfolder = {});
+
+/// Connects to the name of a single process in a subfolder that every account may write to. The
+/// peer must be that very process by the kernel's word; whose it is does not matter.
+OKV_EXPORT ConnectedSocket connectToProcess(pid_t pid, std::string_view name,
+                                            std::string_view subfolder);
 
 }  // namespace okv

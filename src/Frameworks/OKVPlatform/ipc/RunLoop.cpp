@@ -49,8 +49,12 @@ void drain(int counter) {
 
 RunLoop::RunLoop()
     : epoll_(required(epoll_create1(EPOLL_CLOEXEC), "run loop")),
-      wake_(required(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "run loop")) {
+      wake_(required(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "run loop")),
+      // At once, because a timer is what a process without descriptors waits for.
+      timerDescriptor_(
+          required(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "run loop")) {
     control(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), EPOLLIN, kWake);
+    control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer);
 }
 
 Ref<RunLoop> RunLoop::current() {
@@ -144,11 +148,6 @@ void RunLoop::perform(Task task, const Object* owner) {
 
 RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object* owner) {
     const std::lock_guard lock(mutex_);
-    if (!timerDescriptor_.isValid()) {
-        timerDescriptor_ =
-            PrivateDescriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-        control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer);
-    }
     const auto id = ++lastId_;
     timers_.emplace(Clock::now() + delay, OwnedTask{id, std::move(task), owner});
     setTimer();
@@ -263,17 +262,17 @@ void RunLoop::serveTimers() {
     drain(timerDescriptor_.get());
     const auto now = Clock::now();
     for (;;) {
-        Task task;
+        OwnedTask due;  // destroyed after the lock is given back: what it holds may come here again
         Ref<const Object> owner;
         {
             const std::lock_guard lock(mutex_);
             const auto first = timers_.begin();
             if (first == timers_.end() || first->first > now) return setTimer();
-            owner = Ref<const Object>::unlessDying(first->second.owner);
-            if (first->second.owner == nullptr || owner) task = std::move(first->second.task);
+            due = std::move(first->second);
+            owner = Ref<const Object>::unlessDying(due.owner);
             timers_.erase(first);
         }
-        if (task) task();
+        if (due.owner == nullptr || owner) due.task();
     }
 }
 

@@ -71,6 +71,10 @@ void ServedConnection::readOnce() {
 }
 
 void ServedConnection::takeFrames() {
+    // A request that is answered at once may make room and come here again: the loop below goes on
+    // by itself, and a burst of requests must not nest.
+    if (taking_) return;
+    taking_ = true;
     const auto self = Ref<ServedConnection>::retaining(this);
     try {
         while (publication_ != nullptr && mayRead()) {
@@ -81,6 +85,7 @@ void ServedConnection::takeFrames() {
     } catch (const std::exception& error) {
         end(error.what());
     }
+    taking_ = false;
     if (publication_ != nullptr) updateEvents();
 }
 

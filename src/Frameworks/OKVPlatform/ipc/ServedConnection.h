@@ -54,6 +54,7 @@ private:
     std::size_t outFront_ = 0;
     std::size_t pending_ = 0;
     bool greeted_ = false;
+    bool taking_ = false;  // frames are being taken further down the stack
     std::uint32_t lastSerial_ = 0;
 };
 

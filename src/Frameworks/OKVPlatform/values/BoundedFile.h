@@ -17,8 +17,8 @@ struct FileBytes {
 };
 
 /// Reads a whole file that a stranger may have made. Only a regular file of at most `limit` bytes
-/// is read; anything else (a folder, a FIFO, a socket, a device, a loop of links, a file that grows
-/// past the limit or shrinks while it is read) is refused at once, without waiting for anybody.
+/// is read; anything else (a folder, a FIFO, a socket, a device, a loop of links, a file whose
+/// size changes while it is read) is refused at once, without waiting for anybody.
 /// Links are followed. Safe from any thread.
 OKV_EXPORT FileBytes readBoundedFile(const std::string& path, std::size_t limit);
 

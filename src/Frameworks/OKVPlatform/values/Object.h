@@ -54,9 +54,11 @@ public:
     Ref(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): none is spelled nullptr
     Ref(const Ref& other) noexcept : Ref(retaining(other.object_)) {}
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    // As pointers do. clang-format off
     template <class U>
-    requires std::is_convertible_v<U*, T*> Ref(Ref<U> other)
-    noexcept : object_(other.leak()) {}  // NOLINT(google-explicit-constructor): as pointers do
+        requires std::is_convertible_v<U*, T*>
+    Ref(Ref<U> other) noexcept : object_(other.leak()) {}  // NOLINT(google-explicit-constructor)
+    // clang-format on
     Ref& operator=(Ref other) noexcept {
         std::swap(object_, other.object_);
         return *this;

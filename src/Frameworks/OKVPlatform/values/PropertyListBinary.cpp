@@ -30,12 +30,21 @@ enum Kind : unsigned {
     kDictionary = 0xD,
 };
 
+// Without shared containers a list has fewer values than bytes. Sharing is good up to a point: a
+// few hundred bytes of a stranger must not cost as much as a large file.
+std::size_t valueLimit(std::size_t bytes) {
+    constexpr std::size_t kAlways = 65536;
+    constexpr std::size_t kPerByte = 64;
+    return std::clamp(bytes, kAlways / kPerByte, kMaxPropertyListValues / kPerByte) * kPerByte;
+}
+
 // Layout: the magic, the objects one after another, the table of their offsets, the trailer with
 // the widths. Objects refer to others by number, several to the same one if they like: what a file
 // expands to is counted, since a few shared objects can stand for billions.
 class BinaryReader {
 public:
-    explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {}
+    explicit BinaryReader(std::string_view bytes)
+        : bytes_(bytes), valueLimit_(valueLimit(bytes.size())) {}
 
     PropertyListResult read() {
         Value root;
@@ -261,7 +270,8 @@ private:
         if (head.count > (table_ - head.body) / (perEntry * referenceWidth_))
             return fail(head.at, "more content than there are bytes");
         values_ += static_cast<std::size_t>(head.count) * perEntry;
-        return values_ <= kMaxPropertyListValues || fail(head.at, kTooManyValues);
+        return values_ <= valueLimit_ ||
+               fail(head.at, "more than " + std::to_string(valueLimit_) + " values");
     }
 
     bool readReferred(const Head& head, std::uint64_t place, std::size_t depth, Value& into) {
@@ -302,6 +312,7 @@ private:
     std::size_t table_ = 0;
     std::uint64_t top_ = 0;
     std::vector<bool> beingRead_;
+    std::size_t valueLimit_;
     std::size_t values_ = 1;
     std::size_t contentBytes_ = 0;
 };

@@ -31,7 +31,8 @@ OKV_EXPORT PropertyListResult readPropertyList(std::string_view bytes);
 /// DOCTYPE are refused; nothing outside `bytes` is ever looked at.
 OKV_EXPORT PropertyListResult readPropertyListXml(std::string_view bytes);
 
-/// Reads the binary form, version 00.
+/// Reads the binary form, version 00. A file smaller than 16 KiB may not expand to as many values
+/// as a large one: at most to 64 for each byte, though to 65536 in any case.
 OKV_EXPORT PropertyListResult readPropertyListBinary(std::string_view bytes);
 
 /// Reads the old-style text form, UTF-8 or, with a byte order mark, UTF-16: texts, data, arrays and

@@ -211,10 +211,10 @@ private:
         return true;
     }
 
-    // A comment ends a text without quotes, although its slash alone would not.
+    // Slashes belong to the text, two of them too: an address needs no quotes.
     bool readUnquoted(std::string& text) {
         const auto start = at_;
-        while (isUnquotedCharacter(here()) && !startsWith("//") && !startsWith("/*")) ++at_;
+        while (isUnquotedCharacter(here())) ++at_;
         if (at_ == start)
             return failHere(atEnd() ? "something is missing" : "a character that needs quotes");
         text = text_.substr(start, at_ - start);

@@ -1,0 +1,6 @@
+#include "PropertyListFuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::check(okv::readPropertyListBinary(fuzz::textOf(data, size)));
+    return 0;
+}

@@ -1,0 +1,116 @@
+#include "ServerProcess.h"
+
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+
+namespace {
+
+constexpr int kReadyWithinMilliseconds = 30000;
+
+// In the child; does not return.
+[[noreturn]] void execute(const std::vector<std::string>& arguments, int output, int outputIs,
+                          int listener) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(output, outputIs);
+    if (listener >= 0) {
+        dup2(listener, 3);
+        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+        setenv("LISTEN_FDS", "1", 1);
+    }
+    std::vector<char*> pointers;
+    auto held = arguments;
+    held.insert(held.begin(), OKV_DATA_CENTER);
+    for (auto& argument : held) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    execv(OKV_DATA_CENTER, pointers.data());
+    _exit(127);
+}
+
+// What comes through the pipe until it is closed, or until it holds the text.
+std::string readUntil(int pipe, const std::string& text) {
+    std::string got;
+    char bytes[512];
+    pollfd entry{pipe, POLLIN, 0};
+    while (text.empty() || got.find(text) == std::string::npos) {
+        if (poll(&entry, 1, kReadyWithinMilliseconds) <= 0) break;
+        const auto count = read(pipe, bytes, sizeof bytes);
+        if (count <= 0) break;
+        got.append(bytes, static_cast<std::size_t>(count));
+    }
+    return got;
+}
+
+int waitFor(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+}  // namespace
+
+ServerProcess::ServerProcess() {
+    auto pattern = (std::filesystem::temp_directory_path() / "okv-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no folder for the test");
+    folder_ = pattern;
+    chmod(folder_.c_str(), 0755);  // other accounts connect, too
+    setenv("OKV_RUNTIME_DIR", runtimeFolder().c_str(), 1);
+}
+
+ServerProcess::~ServerProcess() {
+    if (pid_ > 0) {
+        signal(SIGKILL);
+        wait();
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+bool ServerProcess::launch(const std::vector<std::string>& more, int listener) {
+    int output[2];
+    if (pipe(output) != 0) return false;
+    std::vector<std::string> arguments{"--store", storeFile(), "--runtime-dir", runtimeFolder()};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    pid_ = fork();
+    if (pid_ == 0) execute(arguments, output[1], STDOUT_FILENO, listener);
+    close(output[1]);
+    const bool ready = readUntil(output[0], "ready\n") == "ready\n";
+    close(output[0]);
+    return ready;
+}
+
+bool ServerProcess::start(const std::vector<std::string>& more) {
+    return launch(more, -1);
+}
+
+bool ServerProcess::startWithSocket(int listener) {
+    return launch({}, listener);
+}
+
+void ServerProcess::signal(int number) const {
+    kill(pid_, number);
+}
+
+int ServerProcess::wait() {
+    const auto code = waitFor(pid_);
+    pid_ = -1;
+    return code;
+}
+
+int ServerProcess::run(const std::vector<std::string>& arguments, std::string& errors) {
+    int output[2];
+    if (pipe(output) != 0) return -1;
+    const auto pid = fork();
+    if (pid == 0) execute(arguments, output[1], STDERR_FILENO, -1);
+    close(output[1]);
+    errors = readUntil(output[0], {});
+    close(output[0]);
+    return waitFor(pid);
+}

@@ -1,0 +1,159 @@
+#include <OKVDataManager/okvCmnUtil.h>
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVTesting/RuntimeFolder.h>
+#include <OKVTesting/ServiceThread.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+
+namespace {
+
+constexpr char kName[] = "jp.nrm.test.published";
+
+class Counted final : public okv::Object {
+public:
+    explicit Counted(int& deallocs) : deallocs_(deallocs) {}
+    okv::ObjectArray* grownWhenGone = nullptr;
+
+protected:
+    void dealloc() override {
+        ++deallocs_;
+        if (grownWhenGone != nullptr) grownWhenGone->elements.push_back(nullptr);
+    }
+
+private:
+    int& deallocs_;
+};
+
+struct RefuseAll final : okv::PublicationDelegate {
+    bool shouldMakeNewConnection(const okv::PeerIdentity&) override { return false; }
+};
+
+okv::RootObject someRoot() {
+    okv::RootObject root;
+    root.handler = [](void*, okv::IncomingRequest& request) {
+        request.fail("nothing is served here");
+    };
+    return root;
+}
+
+okv::Ref<okv::Publication> published(double timeout = 5,
+                                     okv::PublicationDelegate* delegate = nullptr) {
+    return okvCmnUtil::rootObject_registerName_timeout_delegate(someRoot(), kName, timeout,
+                                                                delegate);
+}
+
+class Publishing : public testing::Test {
+protected:
+    okv::testing::RuntimeFolder folder_;
+};
+
+}  // namespace
+
+TEST_F(Publishing, AnObjectIsFoundUnderItsNameUntilItIsWithdrawn) {
+    EXPECT_FALSE(okvCmnUtil::existRegisteredName(kName));
+    auto connection = published();
+    ASSERT_TRUE(connection);
+    EXPECT_EQ(connection->retainCount(), 1U) << "the caller owns it";
+    EXPECT_TRUE(okvCmnUtil::existRegisteredName(kName));
+    okvCmnUtil::unregisterName(std::move(connection));
+    EXPECT_FALSE(okvCmnUtil::existRegisteredName(kName));
+    okvCmnUtil::unregisterName(nullptr);
+}
+
+TEST_F(Publishing, WithoutARootObjectOrANameThereIsNothing) {
+    EXPECT_FALSE(okvCmnUtil::rootObject_registerName_timeout_delegate({}, kName, 5, nullptr));
+    EXPECT_FALSE(okvCmnUtil::rootObject_registerName_timeout_delegate(someRoot(), "", 5, nullptr));
+    EXPECT_FALSE(okvCmnUtil::existRegisteredName(kName));
+}
+
+TEST_F(Publishing, ATimeoutOfZeroOrLessRegistersNothing) {
+    EXPECT_FALSE(published(0));
+    EXPECT_FALSE(published(-1));
+    EXPECT_FALSE(okvCmnUtil::existRegisteredName(kName));
+}
+
+TEST_F(Publishing, ATimeoutThatIsNoNumberIsNotRefused) {
+    EXPECT_TRUE(published(std::nan("")));
+}
+
+TEST_F(Publishing, BothTimeoutsAreSetAfterTheRegistration) {
+    const auto connection = published(2.5);
+    EXPECT_EQ(connection->requestTimeout(), 2.5);
+    EXPECT_EQ(connection->replyTimeout(), 2.5);
+}
+
+TEST_F(Publishing, ANameThatIsTakenIsRefusedAndStaysWithItsHolder) {
+    const auto first = published();
+    EXPECT_FALSE(published());
+    EXPECT_TRUE(okvCmnUtil::existRegisteredName(kName));
+}
+
+TEST_F(Publishing, ANameIsSeenAndRefusedAcrossProcesses) {
+    const auto held = published();
+    const pid_t child = fork();
+    if (child == 0) _exit(okvCmnUtil::existRegisteredName(kName) && !published() ? 0 : 1);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(held->isValid());
+}
+
+TEST_F(Publishing, ADelegateMayTurnConnectionsAway) {
+    RefuseAll delegate;
+    okv::testing::ServiceThread service(kName, someRoot());
+    service.on([&](okv::Publication& publication) { publication.setDelegate(&delegate); });
+    const auto connection = okv::Connection::connectionWithRegisteredName(kName);
+    EXPECT_THROW(connection->rootProxy(), okv::ConnectionError);
+    service.on([&](okv::Publication& publication) { publication.setDelegate(nullptr); });
+    EXPECT_TRUE(okv::Connection::connectionWithRegisteredName(kName)->rootProxy());
+}
+
+TEST(BulkRelease, TakesOneReferenceOfEachElementAndOneOfTheArray) {
+    int deallocs = 0;
+    auto kept = okv::make<Counted>(deallocs);
+    auto* array = new okv::ObjectArray;
+    kept->retain();
+    array->elements = {kept.get(), new Counted(deallocs)};
+    array->retain();
+    okvCmnUtil::releaseNSMutableArray(array);
+    EXPECT_EQ(deallocs, 1);
+    EXPECT_EQ(kept->retainCount(), 1U);
+    EXPECT_EQ(array->retainCount(), 1U);
+    array->release();
+}
+
+TEST(BulkRelease, OfAnEmptyArrayReleasesOnlyTheArrayAndOfNoneNothing) {
+    auto* array = new okv::ObjectArray;
+    array->retain();
+    okvCmnUtil::releaseNSMutableArray(array);
+    EXPECT_EQ(array->retainCount(), 1U);
+    array->release();
+    okvCmnUtil::releaseNSMutableArray(nullptr);
+}
+
+TEST(BulkRelease, AnArrayThatChangesDuringTheWalkIsAnError) {
+    int deallocs = 0;
+    const auto array = okv::make<okv::ObjectArray>();
+    auto* first = new Counted(deallocs);
+    auto second = okv::make<Counted>(deallocs);
+    first->grownWhenGone = array.get();
+    array->elements = {first, second.get()};
+    EXPECT_THROW(okvCmnUtil::releaseNSMutableArray(array.get()), std::logic_error);
+    EXPECT_EQ(deallocs, 1);
+}
+
+TEST(ForceRelease, ReleasesAsOftenAsTheCountSays) {
+    int deallocs = 0;
+    auto* object = new Counted(deallocs);
+    object->retain();
+    object->retain();
+    EXPECT_EQ(object->retainCount(), 3U);
+    okvCmnUtil::forceRelease(object);
+    EXPECT_EQ(deallocs, 1);
+    okvCmnUtil::forceRelease(nullptr);
+}

@@ -1,0 +1,130 @@
+#include "Support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+std::size_t okv::NotificationCenterInspector::registrationsOf(const Object& observer) {
+    auto& center = NotificationCenter::defaultCenter();
+    const std::lock_guard lock(center.mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(center.registrations_.begin(), center.registrations_.end(),
+                      [&](const auto& held) { return held.observer == &observer; }));
+}
+
+namespace dmtest {
+
+LoggedLines::LoggedLines() {
+    okv::setNSLogSink([this](std::string_view text) {
+        {
+            const std::lock_guard lock(mutex_);
+            lines_.emplace_back(text);
+        }
+        if (watcher_) watcher_(text);
+    });
+}
+
+Strings LoggedLines::take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(lines_, {});
+}
+
+LoggedEntries::LoggedEntries() {
+    okv::setLogSink([this](int level, std::string_view text) {
+        const std::lock_guard lock(mutex_);
+        entries_.emplace_back(level, text);
+    });
+}
+
+std::vector<LoggedEntries::Entry> LoggedEntries::take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(entries_, {});
+}
+
+Strings linesOfAFailedConnect() {
+    Strings lines{kConnectLine};
+    for (int i = 1; i <= 5; ++i)
+        lines.push_back("-> retry connection... [" + std::to_string(i) + "]");
+    lines.emplace_back(kFailLine);
+    return lines;
+}
+
+const Strings& selectorsNeverSent() {
+    static const Strings never{"removeAsClient:",      "connectCount",     "endServer",
+                               "okvDataPT:osUid:",     "okvDataAllPT:",    "okvDataAllPT:osUid:",
+                               "filterSettingsDataPT", "systemConfDataPT", "cmnSettingsDataPT",
+                               "useridUpdatePT"};
+    return never;
+}
+
+bool serveUntil(const std::function<bool()>& done) {
+    using okv::RunLoop;
+    const auto deadline = RunLoop::Clock::now() + std::chrono::seconds(10);
+    while (!done() && RunLoop::Clock::now() < deadline)
+        RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(5));
+    return done();
+}
+
+void serveForAWhile() {
+    okv::RunLoop::current()->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(50));
+}
+
+bool succeedsInAChild(const std::function<void()>& task) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        task();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return child > 0 && status == 0;
+}
+
+ServerTest::ServerTest(std::optional<FakeDataServer::Options> options) {
+    if (options) startServer(*options);
+}
+
+void ServerTest::startServer(FakeDataServer::Options options) {
+    server_ = std::make_unique<FakeDataServer>(options);
+}
+
+Messages ServerTest::sent() {
+    return server_->takeMessages();
+}
+
+Strings ServerTest::sentSelectors() {
+    Strings selectors;
+    for (const auto& message : sent()) selectors.push_back(message.selector);
+    return selectors;
+}
+
+void ServerTest::TearDown() {
+    if (!server_) return;
+    for (const auto& selector : selectorsNeverSent()) {
+        EXPECT_FALSE(server_->everReceived(selector)) << selector;
+    }
+}
+
+ConnectedTest::ConnectedTest() {
+    server().answer("currentUserIdPT", 7);
+    server().answer("defaultUserIdPT", 3);
+    server().answer("useridAppListPT", okv::Array{3, 7});
+    manager_ = okv::Ref<okvDataManager>::adopting((new okvDataManager)->init());
+    if (!manager_) throw std::runtime_error("the fake data server was not reached");
+    lines_.take();
+    sent();
+}
+
+ReceivedMessage userListMessage() {
+    return {"useridAppListPT", "", {}};
+}
+
+ReceivedMessage defaultUserMessage() {
+    return {"defaultUserIdPT", "", {}};
+}
+
+}  // namespace dmtest

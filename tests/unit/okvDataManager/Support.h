@@ -1,0 +1,134 @@
+#pragma once
+
+#include <OKVDataManager/okvDataManager.h>
+#include <OKVLog/OKVLog.h>
+#include <OKVPlatform/system/NSLog.h>
+
+#include <OKVTesting/FakeDataServer.h>
+#include <OKVTesting/RuntimeFolder.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// The private fields, as they stand.
+struct okvDataManagerInspector {
+    static bool isReconnectPermitted(const okvDataManager& manager) { return manager._bReconFlg; }
+    static okv::Object* myObj(const okvDataManager& manager) { return manager._myObj; }
+    static okv::Ref<okv::Connection> connection(const okvDataManager& manager) {
+        return manager._connectSrv.load();
+    }
+    static okv::Ref<okv::RemoteObject> proxy(const okvDataManager& manager) {
+        return manager._proxySrv.load();
+    }
+    static bool hasSecondConnection(const okvDataManager& manager) {
+        return static_cast<bool>(manager._connectOKVService);
+    }
+};
+
+namespace okv {
+struct NotificationCenterInspector {
+    static std::size_t registrationsOf(const Object& observer);
+};
+}  // namespace okv
+
+namespace dmtest {
+
+using okv::Value;
+using okv::testing::FakeDataServer;
+using okv::testing::ReceivedMessage;
+using okv::testing::RuntimeFolder;
+using Strings = std::vector<std::string>;
+using Messages = std::vector<ReceivedMessage>;
+
+inline constexpr char kConnectLine[] = "DataFW: connectSrv.";
+inline constexpr char kConnectedLine[] = "-> connect is ok!";
+inline constexpr char kFailLine[] = "DataSrv is connect fail. (connection fail...)";
+inline constexpr char kDisconnectLine[] = "DataFW: disConnectSrv. ";
+inline constexpr char kReconnectLine[] = "DataFW: reconnectSrv.";
+
+/// All lines of NSLog for the life of the object; a watcher sees each as it is logged.
+class LoggedLines {
+public:
+    LoggedLines();
+    ~LoggedLines() { okv::setNSLogSink(nullptr); }
+    LoggedLines(const LoggedLines&) = delete;
+    LoggedLines& operator=(const LoggedLines&) = delete;
+
+    /// The lines since the last call.
+    Strings take();
+    void watch(std::function<void(std::string_view)> watcher) { watcher_ = std::move(watcher); }
+
+private:
+    std::mutex mutex_;
+    Strings lines_;
+    std::function<void(std::string_view)> watcher_;
+};
+
+/// All entries of the suite's log for the life of the object.
+class LoggedEntries {
+public:
+    using Entry = std::pair<int, std::string>;
+    LoggedEntries();
+    ~LoggedEntries() { okv::setLogSink(nullptr); }
+    LoggedEntries(const LoggedEntries&) = delete;
+    LoggedEntries& operator=(const LoggedEntries&) = delete;
+
+    std::vector<Entry> take();
+
+private:
+    std::mutex mutex_;
+    std::vector<Entry> entries_;
+};
+
+/// The lines of an attempt that meets no server.
+Strings linesOfAFailedConnect();
+/// The ten messages that belong to the interface and that a data manager never sends.
+const Strings& selectorsNeverSent();
+/// Runs this thread's loop until `done`, for ten seconds at most; answers whether it was.
+bool serveUntil(const std::function<bool()>& done);
+/// Runs this thread's loop for a short while: for what must not happen.
+void serveForAWhile();
+/// Runs the task in a forked child; answers whether it ended there without a failure.
+bool succeedsInAChild(const std::function<void()>& task);
+
+/// A private runtime folder and, unless told otherwise, a fake data server in it. After every test
+/// it looks whether anything was sent that never should be.
+class ServerTest : public testing::Test {
+protected:
+    explicit ServerTest(std::optional<FakeDataServer::Options> options = FakeDataServer::Options{});
+    void TearDown() override;
+
+    FakeDataServer& server() { return *server_; }
+    void startServer(FakeDataServer::Options options = {});
+    /// The messages since the last call.
+    Messages sent();
+    Strings sentSelectors();
+
+    RuntimeFolder folder_;
+    LoggedLines lines_;
+    std::unique_ptr<FakeDataServer> server_;
+};
+
+/// A data manager of the test's own, connected to the fake server. Its session user is 7; the
+/// server knows the users 3 and 7, and 3 is its default user.
+class ConnectedTest : public ServerTest {
+protected:
+    ConnectedTest();
+
+    okvDataManager& manager() { return *manager_; }
+    okv::Ref<okvDataManager> manager_;
+};
+
+/// What reading for the session user asks first.
+ReceivedMessage userListMessage();
+ReceivedMessage defaultUserMessage();
+
+}  // namespace dmtest

@@ -1,0 +1,196 @@
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/Publication.h>
+#include <OKVPlatform/process/QuitEvent.h>
+#include <OKVTesting/RuntimeFolder.h>
+
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Support.h"
+
+using okv::ProcessSerialNumber;
+using okv::QuitEventListener;
+
+using processtest::Child;
+using processtest::ChildOptions;
+
+namespace {
+
+constexpr std::int32_t kSeconds = okv::kTicksPerSecond;
+
+struct Outcome {
+    okv::OSStatus status;
+    std::optional<std::int32_t> error;
+    friend bool operator==(const Outcome&, const Outcome&) = default;
+};
+
+void PrintTo(const Outcome& outcome, std::ostream* out) {
+    *out << outcome.status << " / " << (outcome.error ? std::to_string(*outcome.error) : "none");
+}
+
+Outcome sendQuit(int pid, std::int32_t ticks = 20 * kSeconds) {
+    const auto reply = okv::sendQuitEvent({{pid}}, ticks);
+    return {reply.status, reply.errorNumber};
+}
+
+std::string applicationPath() {
+    return OKV_TEST_QUITTING_APPLICATION;
+}
+
+ChildOptions with(std::vector<std::string> options, uid_t uid = 0) {
+    options.insert(options.begin(), applicationPath());
+    return {options, uid};
+}
+
+int exitCodeOf(const Child& child) {
+    processtest::waitForEnd(child.pid());
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT);
+    return info.si_code == CLD_EXITED ? info.si_status : -1;
+}
+
+bool isRunning(const Child& child) {
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT | WNOHANG);
+    return info.si_pid == 0;
+}
+
+class QuitEvent : public testing::Test {
+protected:
+    std::string appsFolder() const { return runtime_.path() / "apps"; }
+
+    okv::testing::RuntimeFolder runtime_;
+};
+
+}  // namespace
+
+TEST_F(QuitEvent, AnApplicationThatAcceptsEndsByItself) {
+    const Child application(applicationPath());
+    ASSERT_TRUE(application.isReady());
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::noErr, std::nullopt}));
+    EXPECT_EQ(exitCodeOf(application), 5);
+}
+
+TEST_F(QuitEvent, TheErrorNumberOfAnApplicationThatDeclinesIsPassedOn) {
+    const Child application(applicationPath(), with({"--reply", "-128"}));
+    ASSERT_TRUE(application.isReady());
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::noErr, -128}));
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::noErr, -128}));
+    EXPECT_TRUE(isRunning(application));
+}
+
+TEST_F(QuitEvent, AProcessThatDoesNotListenIsNotFound) {
+    const Child child(processtest::sleeperPath());
+    EXPECT_EQ(sendQuit(child.pid()), (Outcome{okv::procNotFound, std::nullopt}));
+    for (const int pid : {0, -1, INT32_MAX})
+        EXPECT_EQ(sendQuit(pid), (Outcome{okv::procNotFound, std::nullopt}));
+}
+
+TEST_F(QuitEvent, AnApplicationThatHasEndedIsNotFoundThoughItsNameIsLeft) {
+    const Child application(applicationPath());
+    ASSERT_TRUE(application.isReady());
+    application.end();
+    ASSERT_TRUE(std::filesystem::exists(appsFolder() + "/" + std::to_string(application.pid())));
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::procNotFound, std::nullopt}));
+}
+
+TEST_F(QuitEvent, AnApplicationThatDoesNotReplyInTimeTimesOut) {
+    const Child application(applicationPath(), with({"--silent"}));
+    ASSERT_TRUE(application.isReady());
+    EXPECT_EQ(sendQuit(application.pid(), 6), (Outcome{okv::errAETimeout, std::nullopt}));
+    EXPECT_EQ(sendQuit(application.pid(), 0), (Outcome{okv::errAETimeout, std::nullopt}));
+}
+
+TEST_F(QuitEvent, AnApplicationThatEndsWithoutAReplyIsAnInvalidConnection) {
+    const Child application(applicationPath(), with({"--die"}));
+    ASSERT_TRUE(application.isReady());
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::connectionInvalid, std::nullopt}));
+}
+
+TEST_F(QuitEvent, OnlyTheTargetItselfIsAsked) {
+    const Child target(processtest::sleeperPath());
+    mkdir(appsFolder().c_str(), 01777);
+    bool wasAsked = false;
+    okv::RootObject root;
+    root.target = &wasAsked;
+    root.handler = [](void* asked, okv::IncomingRequest&) { *static_cast<bool*>(asked) = true; };
+    okv::PublicationOptions options;
+    options.name.subfolder = "apps";
+    std::string why;
+    const auto impostor =
+        okv::Publication::publish(std::to_string(target.pid()), root, options, why);
+    ASSERT_TRUE(impostor) << why;
+    EXPECT_EQ(sendQuit(target.pid()), (Outcome{okv::procNotFound, std::nullopt}));
+    okv::RunLoop::current()->dispatch();
+    EXPECT_FALSE(wasAsked);
+}
+
+TEST_F(QuitEvent, RootMayAskAnotherUsersApplication) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
+    mkdir(appsFolder().c_str(), 0);
+    chmod(appsFolder().c_str(), 01777);
+    const Child application(applicationPath(), with({}, processtest::kNobody));
+    if (!application.isReady()) GTEST_SKIP() << "another account cannot run the program here";
+    EXPECT_EQ(sendQuit(application.pid()), (Outcome{okv::noErr, std::nullopt}));
+    EXPECT_EQ(exitCodeOf(application), 5);
+}
+
+TEST_F(QuitEvent, AnotherUserMayNotAsk) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
+    const Child application(applicationPath());
+    ASSERT_TRUE(application.isReady());
+    const int outcome = processtest::inFork([&] {
+        if (setgid(1234) != 0 || setuid(1234) != 0) return 2;
+        const auto expected = Outcome{okv::noErr, okv::errAEEventNotPermitted};
+        return sendQuit(application.pid()) == expected ? 0 : 1;
+    });
+    EXPECT_EQ(outcome, 0);
+    EXPECT_TRUE(isRunning(application));
+}
+
+TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
+    const auto name = [&] { return appsFolder() + "/" + std::to_string(getpid()); };
+    {
+        const auto listener =
+            QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+        ASSERT_TRUE(listener);
+        EXPECT_TRUE(std::filesystem::exists(name()));
+    }
+    EXPECT_FALSE(std::filesystem::exists(name()));
+}
+
+TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
+    const auto listener =
+        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+    struct stat status {};
+    ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 01777U);
+}
+
+TEST_F(QuitEvent, AListenerThatCannotBeReachedSaysWhy) {
+    std::ofstream(appsFolder()) << "no folder";
+    std::string why;
+    const auto listener =
+        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; },
+                                 QuitEventListener::isRootOrOwnUser, &why);
+    EXPECT_FALSE(listener);
+    EXPECT_NE(why.find("apps"), std::string::npos) << why;
+}
+
+TEST_F(QuitEvent, ASerialNumberMakesATargetAndNullNone) {
+    const ProcessSerialNumber process{0, 42};
+    const ProcessSerialNumber high{1, 42};
+    const ProcessSerialNumber beyond{0, 0x80000000U};
+    EXPECT_EQ(okv::makeQuitTarget(&process)->pid, 42);
+    EXPECT_EQ(okv::makeQuitTarget(&high)->pid, 0);
+    EXPECT_EQ(okv::makeQuitTarget(&beyond)->pid, 0);
+    EXPECT_FALSE(okv::makeQuitTarget(nullptr));
+}
