@@ -156,22 +156,14 @@ int Child::wait() {
     return code;
 }
 
-DataCenter::DataCenter() {
-    start();
-}
-
 void DataCenter::start() {
-    child_ = std::make_unique<Child>(
-        OKVDATACENTER_PROGRAM, std::vector<std::string>{"--store", folder() + "/store.db",
-                                                        "--runtime-dir", folder(), "--foreground"});
-    if (child_->line() != "ready") throw std::runtime_error("the data server does not start");
+    if (!process_.start({"--foreground"}))
+        throw std::runtime_error("the data server does not start");
 }
 
 void DataCenter::stop() {
-    if (!child_) return;
-    child_->signal(SIGTERM);
-    child_->wait();
-    child_ = nullptr;
+    process_.signal(SIGTERM);
+    process_.wait();
 }
 
 }  // namespace okvctl_test

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <OKVTesting/RuntimeFolder.h>
+#include <integration/ServerProcess.h>
 
 #include <sys/types.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,21 +45,16 @@ private:
     std::string rest_;
 };
 
-/// The built data server on a store of its own, in a runtime folder of its own.
+/// The built data server, serving from here on; the tool finds it by the environment.
 class DataCenter {
 public:
-    DataCenter();
-    DataCenter(const DataCenter&) = delete;
-    DataCenter& operator=(const DataCenter&) = delete;
-    ~DataCenter() { stop(); }
+    DataCenter() { start(); }
 
     void start();
     void stop();
-    std::string folder() const { return folder_.path().string(); }
 
 private:
-    okv::testing::RuntimeFolder folder_;
-    std::unique_ptr<Child> child_;
+    ServerProcess process_;
 };
 
 }  // namespace okvctl_test
