@@ -8,7 +8,6 @@
 namespace datacenter {
 
 using Kind = okv::Refusal::Kind;
-using okv::Value;
 
 bool isAccount(std::int64_t osUid) {
     return osUid >= 0 && osUid != std::int64_t{okv::kOverflowUid};

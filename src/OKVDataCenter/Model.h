@@ -60,7 +60,7 @@ struct Clock {
 struct Change {
     std::int64_t revision = 0;
     Stamp stamp;
-    std::int64_t osUserId = -1;     ///< the account of a user switch
+    std::int64_t osUserId = -1;      ///< the account of a user switch
     std::int32_t sessionUserId = 0;  ///< its new user
     std::optional<std::int32_t> appUid;
     std::optional<std::vector<std::string>> keys;  ///< none: more than are told

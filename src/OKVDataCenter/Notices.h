@@ -19,8 +19,8 @@ public:
 };
 
 /// The user information of a change's notice: what `describe` tells, and "epoch". "osuserid" and
-/// "session_userid" are always there, because each client takes a notice for a user switch and reads
-/// a missing "osuserid" as root's: -1 and 0 are nobody's.
+/// "session_userid" are always there, because each client takes a notice for a user switch and
+/// reads a missing "osuserid" as root's: -1 and 0 are nobody's.
 okv::Dictionary noticeFor(const Change& change, const std::string& epoch);
 
 }  // namespace datacenter

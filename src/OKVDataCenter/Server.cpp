@@ -24,7 +24,7 @@ double secondsSince(SteadyClock::time_point start) {
 Server::Server(Store& store, Rights rights, Surroundings surroundings)
     : loop_(okv::RunLoop::current()),
       limits_(store.limits()),
-      rights_(std::move(rights)),
+      rights_(rights),
       poster_(surroundings.poster),
       log_(std::move(surroundings.log)),
       refusals_(log_),

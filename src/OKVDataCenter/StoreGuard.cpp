@@ -11,8 +11,8 @@
 namespace datacenter {
 
 Store::Guard::Guard(const std::string& storeFile)
-    : file_(::open((storeFile + ".guard").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                   0600)) {
+    : file_(
+          ::open((storeFile + ".guard").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
     if (file_.get() < 0)
         throw StoreError("cannot open " + storeFile + ".guard: " + std::strerror(errno));
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0)

@@ -110,7 +110,8 @@ void Store::open() {
     examine();
     leaveUntouched(*database_, false);
     chmod(file_.c_str(), 0600);
-    database_->execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
+    database_->execute(
+        "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
     database_->execute(("PRAGMA max_page_count=" + std::to_string(limits_.storePages)).c_str());
     epoch_ = metaText("epoch");
     noteRestoredBackup();

@@ -121,7 +121,7 @@ public:
         return true;
     }
     bool end_array() {
-        const auto done = close();
+        auto done = close();
         return add(std::move(done.container), done.height + 1);
     }
     bool end_object();

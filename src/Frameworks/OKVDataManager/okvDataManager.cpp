@@ -128,6 +128,8 @@ bool okvDataManager::connectSrv() {
         okv::NSLog("DataSrv is connect fail. (connection fail...)");
         return false;
     }
+    // A proxy never outlives the connection that it came from, also where the new one fails.
+    _proxySrv.store(nullptr);
     _connectSrv.store(connection);
     const auto proxy = connection->rootProxy();
     _proxySrv.store(proxy);

@@ -28,6 +28,7 @@ std::string scopeOf(const Dictionary& change) {
 std::string keysIn(const Dictionary& change) {
     const auto* keys = change["keys"].getIf<okv::Array>();
     if (keys == nullptr) return " *";
+    if (keys->empty()) return " -";
     std::string text;
     for (const auto& key : *keys) text.append(" ").append(cellText(key));
     return text;
@@ -174,7 +175,8 @@ const Verb kWatch{
     "[--since REVISION]",
     "print changes as they happen",
     "A line for each change: revision, time, uid of the writer, then whose values and which keys\n"
-    "(* for all), or the account and its new user. With --since the changes after that revision\n"
+    "(* any, - none), or the account and its new user. With --since the changes after that "
+    "revision\n"
     "come first. The line \"resync REVISION\" says that earlier changes are not known any more "
     "(or\n"
     "that the store was replaced) and that all must be read anew. With --json an object a line,\n"

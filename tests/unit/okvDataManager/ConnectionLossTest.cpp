@@ -6,6 +6,7 @@
 #include <OKVTesting/ServiceThread.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 // What becomes of a connected data manager when its connection, or another one, ends.
@@ -203,6 +204,23 @@ TEST_F(LossTest, ADirectConnectReplacesALivingConnection) {
     EXPECT_NE(Inspector::connection(manager()), before);
     EXPECT_EQ(&manager().proxyObj()->port(), Inspector::connection(manager()).get());
     EXPECT_EQ(server().acceptedConnections(), 2U);
+}
+
+TEST_F(LossTest, ADirectConnectThatFindsNobodyDropsALivingConnection) {
+    const auto before = Inspector::connection(manager());
+    std::filesystem::remove(folder_.path() / kOKVDataServerName);
+    EXPECT_FALSE(manager().connectSrv());
+    EXPECT_TRUE(before->isValid());
+    EXPECT_FALSE(manager().isConnect());
+    EXPECT_EQ(Inspector::proxy(manager()), nullptr);
+}
+
+TEST_F(LossTest, ADirectConnectThatIsRefusedLeavesNoProxyOfTheConnectionBefore) {
+    server().stop();
+    okv::testing::ServiceThread full(kOKVDataServerName, {}, {.maxConnections = 0});
+    EXPECT_THROW(manager().connectSrv(), okv::ConnectionError);
+    EXPECT_EQ(Inspector::proxy(manager()), nullptr);
+    EXPECT_EQ(manager().currentUserId(), 0);
 }
 
 TEST_F(LossTest, CallsAndADisconnectOnOtherThreadsDoNotDisturbEachOther) {

@@ -1,4 +1,4 @@
-#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/ConnectionParts.h>
 
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/RegisteredName.h>
@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 namespace okv {
 
@@ -18,9 +19,8 @@ namespace {
 
 using Kind = ConnectionError::Kind;
 
-// What a peer may ask of this process before its run loop serves it.
-constexpr std::size_t kQueuedRequests = 1024;
-constexpr std::size_t kQueuedBytes = 4U << 20;
+// How long a writer that has to wait may overlook that nobody reads any more.
+constexpr int kLookAgainMilliseconds = 10;
 constexpr char kInherited[] = "the connection belongs to the parent process";
 
 std::optional<RunLoop::Clock::time_point> deadlineAfter(double seconds) {
@@ -30,30 +30,7 @@ std::optional<RunLoop::Clock::time_point> deadlineAfter(double seconds) {
                                        std::chrono::duration<double>(seconds));
 }
 
-// Waits until the socket is ready or the deadline is over; answers whether it is ready.
-bool waitFor(int socket, short events, RunLoop::Clock::time_point deadline) {
-    for (;;) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - RunLoop::Clock::now()).count();
-        if (left <= 0) return false;
-        pollfd entry{socket, events, 0};
-        const int ready = poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left, 3600000)));
-        if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
-    }
-}
-
 }  // namespace
-
-struct Connection::PendingCall {
-    enum class State { waiting, answered, notUnderstood, failed };
-
-    std::uint32_t serial = 0;  // 0 waits for the greeting
-    bool onLoopThread = false;
-    bool leads = false;
-    State state = State::waiting;
-    std::string payload;
-    std::condition_variable turn;
-};
 
 Connection::Connection(PrivateDescriptor socket, PeerIdentity peer)
     : socket_(std::move(socket)), peer_(std::move(peer)), loop_(RunLoop::current()) {}
@@ -166,19 +143,18 @@ void Connection::throwFailed(Written written) {
     throw ConnectionError(kind, farewell_.empty() ? reason_->why : farewell_);
 }
 
-// Blocking, unless a deadline is set. A frame that went out in part cannot be taken back: the
-// connection is done for then.
+// A frame that went out in part cannot be taken back: the connection is done for then.
 Connection::Written Connection::write(std::string_view bytes, Deadline deadline) {
     const std::lock_guard lock(writeMutex_);
-    const int flags = MSG_NOSIGNAL | (deadline ? MSG_DONTWAIT : 0);
     bool begun = false;
     while (!bytes.empty()) {
-        const auto count = ::send(socket_.get(), bytes.data(), bytes.size(), flags);
+        const auto count =
+            ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count > 0) {
             begun = true;
             bytes.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN && deadline) {
-            if (waitFor(socket_.get(), POLLOUT, *deadline)) continue;
+        } else if (errno == EAGAIN) {
+            if (awaitRoom(deadline)) continue;
             if (begun) ::shutdown(socket_.get(), SHUT_RDWR);
             return Written::timedOut;
         } else if (errno != EINTR) {
@@ -190,11 +166,35 @@ Connection::Written Connection::write(std::string_view bytes, Deadline deadline)
     return Written::all;
 }
 
+// Waits until the socket takes more; answers whether it does. Where nobody reads meanwhile, this
+// does: a peer whose answers are not taken may take no requests either, and both would wait for
+// ever.
+bool Connection::awaitRoom(Deadline deadline) {
+    while (!deadline || RunLoop::Clock::now() < *deadline) {
+        bool mayRead = false;
+        {
+            const Lock lock(mutex_);
+            mayRead = !reading_ && !ended_;
+        }
+        pollfd entry{socket_.get(), static_cast<short>(POLLOUT | (mayRead ? POLLIN : 0)), 0};
+        poll(&entry, 1, kLookAgainMilliseconds);  // who reads now may stop
+        if ((entry.revents & ~POLLIN) != 0) return true;
+        Lock lock(mutex_);
+        if ((entry.revents & POLLIN) != 0 && !reading_ && !ended_)
+            readOnce(lock, false, std::nullopt);
+    }
+    return false;
+}
+
 void Connection::await(PendingCall& pending, Deadline deadline) {
     Lock lock(mutex_);
     while (pending.state == PendingCall::State::waiting) {
         if (deadline && RunLoop::Clock::now() >= *deadline) break;
-        if (pending.leads) {
+        if (pending.leads && reading_) {  // a writer, for a moment
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        } else if (pending.leads) {
             readOnce(lock, true, deadline);
         } else if (deadline) {
             pending.turn.wait_until(lock, *deadline);
@@ -220,12 +220,15 @@ void Connection::post(std::string frame) {
         if (++lastSerial_ == 0) ++lastSerial_;
         setFrameSerial(frame, lastSerial_);
     }
-    if (write(frame, deadlineAfter(requestTimeout_)) != Written::all)
+    const auto written = write(frame, deadlineAfter(requestTimeout_));
+    if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
+    if (written != Written::all)
         throw ConnectionError(Kind::notSent, "the message could not be sent");
 }
 
 void Connection::sendAnswer(std::string frame) {
     write(frame, std::nullopt);
+    if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
 }
 
 void Connection::lend(std::uint64_t object) {
@@ -247,126 +250,12 @@ Ref<RemoteObject> Connection::rootProxy() {
     return hasRoot_ ? make<RemoteObject>(Ref<MessagePort>::retaining(this), kRootObject) : nullptr;
 }
 
-// ---- Reading ----
-
-void Connection::lead(PendingCall& pending) {
-    leading_ = true;
-    pending.leads = true;
-    // Another thread may sleep in the run loop: it must not wake up for bytes that this one reads.
-    setArmed(pending.onLoopThread || !loop_->isEngaged());
-}
-
-void Connection::setArmed(bool armed) {
-    if (armed_ == armed) return;
-    armed_ = armed;
-    loop_->rewatch(source_, armed ? std::uint32_t{EPOLLIN} : 0U);
-}
-
-void Connection::passLead() {
-    leading_ = false;
-    if (ended_) return;
-    if (pending_.empty()) return setArmed(true);
-    auto& next = *pending_.front();
-    lead(next);
-    next.turn.notify_one();
-}
-
-void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
-    lock.unlock();
-    const auto room = bytes_.room();
-    const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
-    const auto count =
-        ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
-    const int error = errno;
-    lock.lock();
-    if (!ready || (count < 0 && (error == EINTR || error == EAGAIN))) return;
-    if (count <= 0) return end(Kind::outcomeUnknown, "the peer hung up", true);
-    bytes_.added(static_cast<std::size_t>(count));
-    takeFrames();
-}
-
-void Connection::takeFrames() {
-    try {
-        while (const auto frame = bytes_.next()) takeFrame(*frame);
-    } catch (const std::exception& error) {
-        end(Kind::badData, error.what(), true);
-    }
-}
-
-void Connection::takeFrame(const Frame& frame) {
-    if (frame.kind == FrameKind::farewell) {
-        farewell_ = CborReader(frame.payload).text();
-    } else if (frame.kind == FrameKind::hello) {
-        takeHello(frame);
-    } else if (!greeted_) {
-        throw FrameError("a peer that does not greet first");
-    } else if (frame.kind == FrameKind::request) {
-        queue(frame);
-    } else {
-        settle(frame);
-    }
-}
-
-void Connection::takeHello(const Frame& frame) {
-    CborReader reader(frame.payload);
-    const auto version = reader.integer();
-    if (version != kWireVersion)
-        throw FrameError("a peer that speaks version " + std::to_string(version) + " of the wire");
-    hasRoot_ = reader.boolean();
-    greeted_ = true;
-    for (auto* waiting : pending_) {
-        if (waiting->serial != 0) continue;
-        waiting->state = PendingCall::State::answered;
-        waiting->turn.notify_one();
-    }
-}
-
-// An answer that nobody waits for any more belongs to a call that timed out, or to a message that
-// was posted.
-void Connection::settle(const Frame& frame) {
-    const auto at = std::find_if(pending_.begin(), pending_.end(), [&](const PendingCall* waiting) {
-        return waiting->serial == frame.serial;
-    });
-    if (at == pending_.end() || frame.serial == 0) return;
-    auto& settled = **at;
-    settled.payload = frame.payload;
-    settled.state = frame.kind == FrameKind::reply ? PendingCall::State::answered
-                                                   : PendingCall::State::notUnderstood;
-    pending_.erase(at);
-    settled.turn.notify_one();
-}
-
-void Connection::queue(const Frame& frame) {
-    queuedBytes_ += frame.payload.size();
-    if (queue_.size() >= kQueuedRequests || queuedBytes_ > kQueuedBytes)
-        throw FrameError("more requests than this process serves");
-    queue_.push_back({frame.serial, std::string(frame.payload)});
-    if (queue_.size() == 1) loop_->perform([this] { serveQueued(); }, this);
-}
-
-// The one place where a connection ends. Lock held; the caller posts the notice once it has given
-// the lock back.
-void Connection::end(Kind kind, std::string why, bool byPeer) {
-    if (reason_) return;
-    reason_ = End{kind, std::move(why)};
-    ended_.store(true, std::memory_order_release);
-    ::shutdown(socket_.get(), SHUT_RDWR);
-    setArmed(false);
-    for (auto* waiting : pending_) {
-        waiting->state = PendingCall::State::failed;
-        waiting->turn.notify_one();
-    }
-    pending_.clear();
-    if (!byPeer) queue_.clear();
-    noticeOwed_ = true;
-}
-
 // ---- On the run loop's thread ----
 
 void Connection::serve() {
     {
         Lock lock(mutex_);
-        if (!leading_ && !ended_) {
+        if (!leading_ && !reading_ && !ended_) {
             leading_ = true;
             readOnce(lock, false, std::nullopt);
             passLead();

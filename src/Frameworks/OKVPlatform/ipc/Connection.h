@@ -35,8 +35,8 @@ namespace okv {
 /// that a connected process needs no thread for it. Requests that the peer sends wait for the run
 /// loop of the thread that made the connection. No time-out is set unless asked for.
 ///
-/// Locks, in this order: `mutex_` (pending calls, leadership, queue, end), then the run loop's own;
-/// `writeMutex_` alone around writes. No callback runs under any of them, and one may drop the last
+/// Locks, in this order: `writeMutex_` around writes, `mutex_` (pending calls, leadership, queue,
+/// end), the run loop's own. No callback runs under any of them, and one may drop the last
 /// reference to its connection.
 class OKV_EXPORT Connection final : public MessagePort {
 public:
@@ -94,6 +94,7 @@ private:
     void throwIfEnded() const;
     void link(PendingCall& pending, bool numbered);
     Written write(std::string_view bytes, Deadline deadline);
+    bool awaitRoom(Deadline deadline);
     void await(PendingCall& pending, Deadline deadline);
     void unlink(PendingCall& pending);
     [[noreturn]] void throwFailed(Written written);
@@ -130,6 +131,7 @@ private:
     std::vector<PendingCall*> pending_;
     std::uint32_t lastSerial_ = 0;
     bool leading_ = false;  // somebody reads: a pending call or, for a moment, the run loop
+    bool reading_ = false;  // and is at the socket right now; or a writer that has to wait
     bool armed_ = false;    // the run loop waits on the socket
     bool greeted_ = false;
     bool hasRoot_ = false;
@@ -140,7 +142,7 @@ private:
     std::deque<QueuedRequest> queue_;
     std::size_t queuedBytes_ = 0;
     std::set<std::uint64_t> lent_;
-    FrameBuffer bytes_;  // touched only by who leads
+    FrameBuffer bytes_;  // touched only by who set reading_
 
     std::mutex writeMutex_;
 };

@@ -38,7 +38,7 @@ private:
     const std::string folder_;
     NotificationLogWriter writer_;
     [[maybe_unused]] State* const inherited_;  // the parent's: kept in reach, never used
-    std::mutex mutex_;        // guards the feeds
+    std::mutex mutex_;                         // guards the feeds
     std::map<const RunLoop*, Ref<NotificationFeed>> feeds_;
 };
 

@@ -1,0 +1,154 @@
+#include "ToolRun.h"
+
+#include <OKVDataManager/okvDataManager.h>
+
+#include <OKVTesting/FakeDataServer.h>
+#include <OKVTesting/RuntimeFolder.h>
+#include <OKVTesting/ServiceThread.h>
+
+#include <JsonForm.h>
+
+#include <gmock/gmock.h>
+
+#include <mutex>
+#include <vector>
+
+using okv::Value;
+using okv::testing::FakeDataServer;
+using okv::testing::RuntimeFolder;
+using okv::testing::ServiceThread;
+using okvctl_test::run;
+using testing::HasSubstr;
+
+namespace {
+
+/// Takes every request and answers none of them.
+struct Silence {
+    std::mutex mutex;
+    std::vector<okv::Ref<okv::IncomingRequest>> kept;
+
+    okv::RootObject root() {
+        okv::RootObject root;
+        root.target = this;
+        root.handler = [](void* self, okv::IncomingRequest& request) {
+            auto& silence = *static_cast<Silence*>(self);
+            const std::lock_guard lock(silence.mutex);
+            silence.kept.push_back(okv::Ref<okv::IncomingRequest>::retaining(&request));
+        };
+        return root;
+    }
+};
+
+}  // namespace
+
+TEST(SilentServer, EndsAfterTheTimeoutWith3) {
+    const RuntimeFolder folder;
+    Silence silence;
+    ServiceThread service(kOKVDataServerName, silence.root());
+    for (const auto& words : {std::vector<std::string>{"get", "dc-a-b"}, {"set", "dc-a-b=1"}}) {
+        auto arguments = words;
+        arguments.insert(arguments.end(), {"--timeout", "0.1"});
+        const auto ran = run(arguments);
+        EXPECT_EQ(ran.code, 3);
+        EXPECT_EQ(ran.out, "");
+        EXPECT_THAT(ran.error, HasSubstr("dc-a-b: no answer within 0.1 s"));
+    }
+}
+
+TEST(OddServer, ThatHangsUpIsAFailureOfUnknownOutcome) {
+    const RuntimeFolder folder;
+    FakeDataServer server;
+    server.hangUpAt("okvDataAllPT:");
+    const auto ran = run({"get", "dc-a-b"});
+    EXPECT_EQ(ran.code, 1);
+    EXPECT_THAT(ran.error, HasSubstr("went away before it answered"));
+}
+
+TEST(OddServer, ThatDoesNotKnowARequestIsSaidToBe) {
+    const RuntimeFolder folder;
+    FakeDataServer server;
+    const auto ran = run({"list"});
+    EXPECT_EQ(ran.code, 1);
+    EXPECT_THAT(ran.error, HasSubstr("does not know this request"));
+}
+
+TEST(OddServer, ThatAnswersNonsenseMakesNoVerbCrash) {
+    const RuntimeFolder folder;
+    for (const Value& nonsense : {Value(5), Value(okv::Array{1, "x"}), Value("text"), Value(),
+                                  Value(okv::Dictionary{{1, okv::Array{}}})}) {
+        FakeDataServer server;
+        for (const auto* selector :
+             {"okvDataAllPT:", "okvDataListPT:", "okvDataInfoPT:", "lockListPT", "uidListPT",
+              "useridAppListPT", "okvKillWebProcListPT", "serverStatusPT", "changesPT:"})
+            server.answer(selector, nonsense);
+        for (const auto* verb : {"list", "locks", "users", "urls", "status"})
+            EXPECT_LE(run({verb}).code, 10) << verb;
+        EXPECT_LE(run({"get", "a"}).code, 10);
+        EXPECT_LE(run({"describe", "a"}).code, 10);
+        EXPECT_LE(run({"procs", "kill"}).code, 10);
+    }
+}
+
+TEST(OddServer, ThatVendsNoRootObjectIsAFailure) {
+    const RuntimeFolder folder;
+    FakeDataServer server({false});
+    const auto ran = run({"ping"});
+    EXPECT_EQ(ran.code, 1);
+    EXPECT_THAT(ran.error, HasSubstr("no root object"));
+}
+
+namespace {
+
+/// Answers these settings to every read.
+void answerFrom(FakeDataServer& server, const okv::Dictionary& stored) {
+    const auto read = [stored](const Value& key) {
+        const auto* value = stored.find(key);
+        return value != nullptr ? *value : Value(okv::Null{});
+    };
+    server.answerBy("okvDataPT:",
+                    [read](const auto& message) { return read(message.arguments[0]); });
+    server.answerBy("okvDataAllPT:", [read](const auto& message) {
+        okv::Dictionary values;
+        for (const auto& key : message.arguments[0].template as<okv::Array>())
+            values.set(key, read(key));
+        return Value(values);
+    });
+}
+
+okv::Dictionary urlsOf(okvDataManager& manager) {
+    return {{"arsEncodekey", manager.arsEncodekey()},
+            {"arsServHost", manager.arsServHost()},
+            {"arsServPort", manager.arsServPort()},
+            {"arsLogServPort", manager.arsLogServPort()},
+            {"settingServHost", manager.settingServHost()},
+            {"settingServPort", manager.settingServPort()},
+            {"passwdForgotUrl", manager.passwdForgotUrl()},
+            {"pgUpdateServUrl", manager.pgUpdateServUrl()},
+            {"fdUpdateServUrl", manager.fdUpdateServUrl()},
+            {"settingBaseUrl", manager.settingBaseUrl()},
+            {"loginTopUrl", manager.loginTopUrl()},
+            {"forgotPasswdUrl", manager.forgotPasswdUrl()},
+            {"bpCancelUrl", manager.bpCancelUrl()}};
+}
+
+}  // namespace
+
+TEST(Urls, AreThoseThatTheSuitesProcessesUse) {
+    const RuntimeFolder folder;
+    FakeDataServer server;
+    const auto manager = okvDataManager::sharedDataManager();
+    ASSERT_TRUE(manager);
+    const okv::Dictionary stores[] = {
+        {},
+        {{"dc-syscmnf-setting_server_port", "21079x"}, {"dc-syscmnf-setting_server_host", "h"}},
+        {{"dc-syscmnf-setting_server_port", "none"}, {"dc-syscmnf-ars2_server_port", 8080}},
+        {{"dc-syscmnf-setting_server_host", ""}, {"dc-syscmnf-ars2_encodekey", 7}},
+        {{"dc-syscmnf-passwd_forgot_url", "u"}, {"dc-syscmnf-ars2_server_host", okv::Array{}}}};
+    for (const auto& stored : stores) {
+        answerFrom(server, stored);
+        const auto ran = run({"--json", "urls"});
+        const auto urls = okvctl::parseJson(ran.out);
+        ASSERT_TRUE(urls) << ran.out << ran.error;
+        EXPECT_EQ(*urls.value, Value(urlsOf(*manager)));
+    }
+}

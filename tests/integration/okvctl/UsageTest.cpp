@@ -1,0 +1,120 @@
+#include "ToolRun.h"
+
+#include <Verb.h>
+
+#include <OKVTesting/RuntimeFolder.h>
+
+#include <gmock/gmock.h>
+
+using okvctl_test::run;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Words = std::vector<std::string>;
+
+namespace {
+
+struct Row {
+    Words words;
+    const char* mistake;
+};
+
+class Usage : public testing::TestWithParam<Row> {};
+class WithoutServer : public testing::TestWithParam<Words> {};
+
+}  // namespace
+
+TEST_P(Usage, EndsWith2AndOneLineThatHelps) {
+    const auto ran = run(GetParam().words);
+    EXPECT_EQ(ran.code, 2);
+    EXPECT_EQ(ran.out, "");
+    EXPECT_THAT(ran.error, AllOf(StartsWith("okvctl: "), HasSubstr(GetParam().mistake),
+                                 HasSubstr("usage: okvctl "), EndsWith("\n")));
+    EXPECT_EQ(ran.error.find('\n'), ran.error.size() - 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, Usage,
+    testing::Values(
+        Row{{}, "no verb was given"}, Row{{"gte", "a"}, "did you mean get?"},
+        Row{{"frobnicate"}, "there is no verb 'frobnicate'"},
+        Row{{"x\ny\xFF"}, "there is no verb 'x\\x0ay\\xff'"}, Row{{"get"}, "KEY is missing"},
+        Row{{"get", ""}, "a KEY is empty"}, Row{{"get", "--tpye=int", "a"}, "did you mean --type?"},
+        Row{{"get", "--type", "int", "a"}, "it takes no --type"},
+        Row{{"set", "a"}, "'a' has no '='"}, Row{{"set", "=1"}, "nothing before its '='"},
+        Row{{"set", "--type", "int", "a=x"}, "a: an integer of 64 bits is expected"},
+        Row{{"set", "a=1", "a=2"}, "a stands twice"},
+        Row{{"set", "--type", "json", "a={"}, "a: no JSON at byte"},
+        Row{{"unset"}, "KEY is missing"}, Row{{"list", "a", "b"}, "'b' is one word too many"},
+        Row{{"lock", "a", "--user", "1"}, "it takes no --user"}, Row{{"locks", "a"}, "too many"},
+        Row{{"users", "asign", "1", "2"}, "did you mean assign?"},
+        Row{{"users", "assign", "1"}, "is missing"},
+        Row{{"users", "assign", "no-such-account", "2"}, "no account 'no-such-account'"},
+        Row{{"users", "assign", "4294967295", "2"}, "0 to 2147483647"},
+        Row{{"users", "remove", "0"}, "from 1 on"}, Row{{"lists"}, "get or set is missing"},
+        Row{{"lists", "get", "hammer", "--user", "1"}, "only user_setting"},
+        Row{{"lists", "get", "hammer_list"}, "--user APPUID"},
+        Row{{"procs"}, "white, black, kill or system is missing"},
+        Row{{"procs", "green"}, "no list 'green'"},
+        Row{{"procs", "kill", "ad", "x=y"}, "neither add nor remove"},
+        Row{{"procs", "kill", "add", "x"}, "'x' has no '='"},
+        Row{{"procs", "kill", "add", "x="}, "has no identifier"},
+        Row{{"clock"}, "get, set, start or stop is missing"},
+        Row{{"clock", "set", "tomorrow"}, "a date is expected"},
+        Row{{"describe"}, "KEY is missing"}, Row{{"watch", "--since", "x"}, "from 0 on"},
+        Row{{"ping", "x"}, "too many"}, Row{{"status", "x"}, "too many"},
+        Row{{"urls", "x"}, "too many"}));
+
+TEST(Help, NamesEveryVerbAndEveryVerbHasItsOwn) {
+    const auto whole = run({"--help"});
+    EXPECT_EQ(whole.code, 0);
+    EXPECT_EQ(whole.error, "");
+    for (const auto* verb : okvctl::verbs()) {
+        EXPECT_THAT(whole.out, HasSubstr("\n  " + std::string(verb->name) + " "));
+        const auto own = run({std::string(verb->name), "--help"});
+        EXPECT_EQ(own.code, 0);
+        EXPECT_THAT(own.out, StartsWith("usage: okvctl " + std::string(verb->name)));
+        EXPECT_THAT(own.out, HasSubstr(std::string(verb->summary)));
+    }
+}
+
+TEST(Version, IsToldWithoutAServer) {
+    const auto ran = run({"--version"});
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_THAT(ran.out, StartsWith("okvctl 6."));
+}
+
+TEST_P(WithoutServer, EndsWith8AtOnceAndSaysWhatToDo) {
+    const okv::testing::RuntimeFolder folder;
+    const auto ran = run(GetParam());
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_EQ(ran.out, "");
+    EXPECT_THAT(ran.error, AllOf(HasSubstr("the data server is not running"),
+                                 HasSubstr(folder.path().string()), HasSubstr("OKVDataCenter")));
+    // The promise is a tenth of a second; a machine under load gets ten times that. A wait for a
+    // server, or a second try, would take longer.
+    EXPECT_LT(ran.seconds, 1.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, WithoutServer,
+                         testing::Values(Words{"get", "a"}, Words{"set", "a=1"},
+                                         Words{"unset", "a"}, Words{"list"}, Words{"describe", "a"},
+                                         Words{"watch"}, Words{"lock", "a"}, Words{"unlock", "a"},
+                                         Words{"locks"}, Words{"users"},
+                                         Words{"lists", "get", "hammer_list", "--user=1"},
+                                         Words{"procs", "kill"}, Words{"urls"},
+                                         Words{"clock", "get"}, Words{"status"}, Words{"ping"},
+                                         Words{"--json", "get", "a"}));
+
+TEST(RuntimeDir, IsWhereTheServerIsLookedFor) {
+    const auto ran = run({"--runtime-dir", "/no/such/folder", "ping"});
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_THAT(ran.error, HasSubstr("/no/such/folder"));
+}
+
+TEST(Procs, OfTheSystemNeedNoServer) {
+    const auto ran = run({"--runtime-dir", "/no/such/folder", "procs", "system"});
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_THAT(ran.out, HasSubstr("KVAgent.app "));
+}
