@@ -1,6 +1,9 @@
 #include "Options.h"
 #include "Program.h"
 
+#include <OKVDataManager/okvCmnUtil.h>
+#include <OKVLog/OKVLog.h>
+
 #include <unistd.h>
 
 #include <climits>
@@ -26,6 +29,7 @@ int main(int argumentCount, char* arguments[]) {
     switch (options.act) {
         case Options::Act::serve:
             startByFullPath(argumentCount, arguments);
+            okv::setLogLevel(okvCmnUtil::logLevel());
             return datacenter::serve(options);
         case Options::Act::help:
             return std::fputs(datacenter::kUsage, stdout) < 0;

@@ -89,7 +89,8 @@ public:
     /// Whether everything that was sent has left this process.
     bool isFlushed() const noexcept;
 
-    /// Seconds; for calls that this process makes to its clients' objects.
+    /// Seconds; kept for who asks. A publication waits for no client, so that nothing is bounded by
+    /// them yet.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
     /// Not retained; null ends it.
