@@ -1,5 +1,5 @@
-// An agent: it keeps a connection, follows the user that its account is switched to, hears of every change, and lives
-// through restarts of the data server.   agent [KEY]
+// An agent: it keeps a connection, follows the user that its account is switched to, hears of every
+// change, and lives through restarts of the data server.   agent [KEY]
 #include <OKVDataManager/okvDataManager.h>
 
 #include <cstdio>
@@ -17,14 +17,17 @@ public:
         manager->updateSessionUserId(information);
         const auto value = manager->okvData(key_);
         const auto* text = value.getIf<std::string>();
-        std::printf("user %d: %s is %s\n", manager->nowSessionUserId(), key_, text != nullptr ? text->c_str() : "not set");
+        std::printf("user %d: %s is %s\n", manager->nowSessionUserId(), key_,
+                    text != nullptr ? text->c_str() : "not set");
         std::fflush(stdout);
     } catch (const okv::ConnectionError&) {
         // The server went in the middle of a call. It posts a notice when it is back.
     }
 
 protected:
-    void dealloc() override { okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this); }
+    void dealloc() override {
+        okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
 
 private:
     const char* key_;

@@ -1,4 +1,5 @@
-// The same inside an application's own loop: the run loop's descriptor is one among those that the application polls.
+// The same inside an application's own loop: the run loop's descriptor is one among those that the
+// application polls.
 //   poll_loop [KEY]     one line for each change, until standard input ends
 #include <OKVDataManager/okvDataManager.h>
 
@@ -11,14 +12,17 @@ class Watcher final : public OKVSettingObserver {
 public:
     void settingChanged(const okv::Notification& notice) override try {
         changed = true;
-        if (const auto manager = okvDataManager::sharedDataManager()) manager->updateSessionUserId(notice.userInfo);
+        if (const auto manager = okvDataManager::sharedDataManager())
+            manager->updateSessionUserId(notice.userInfo);
     } catch (const okv::ConnectionError&) {
         // The server went in the middle of a call. It posts a notice when it is back.
     }
     bool changed = true;
 
 protected:
-    void dealloc() override { okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this); }
+    void dealloc() override {
+        okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
 };
 
 static bool inputEnded() {
@@ -38,7 +42,8 @@ static void show(const char* key) try {
 }
 
 int main(int argc, char** argv) {
-    if (!okvDataManager::sharedDataManager()) return std::fputs("poll_loop: the data server is not running\n", stderr), 1;
+    if (!okvDataManager::sharedDataManager())
+        return std::fputs("poll_loop: the data server is not running\n", stderr), 1;
     const auto watcher = okv::make<Watcher>();
     okvDataManager::sharedDataManager()->registerAsSettingNotifi_object(*watcher);
     const auto loop = okv::RunLoop::current();

@@ -299,7 +299,8 @@ std::int32_t okvDataManager::refreshedSessionUser() {
     return nowSessionUserId();
 }
 
-void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object) {
+void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer,
+                                                    const okv::Value& object) {
     okv::DistributedNotificationCenter::defaultCenter().addObserver(
         observer, &OKVSettingObserver::settingChanged, kOKVSettingNotification, object,
         &OKVSettingObserver::settingChangesMissed);
