@@ -103,12 +103,15 @@ void Connection::link(PendingCall& pending, bool numbered) {
 }
 
 std::string Connection::call(std::string& frame) {
+    const auto self =
+        Ref<Connection>::retaining(this);  // an observer of the end may drop the last reference
     PendingCall pending;
     link(pending, true);
     setFrameSerial(frame, pending.serial);
     const auto written = write(frame, deadlineAfter(requestTimeout_));
     if (written == Written::timedOut) {
         unlink(pending);
+        postNoticeIfDue();
         throw ConnectionError(Kind::timedOut, "the peer took no request in the time that was set");
     }
     await(pending, deadlineAfter(replyTimeout_));
@@ -214,6 +217,7 @@ void Connection::unlink(PendingCall& pending) {
 
 void Connection::post(std::string frame) {
     if (!socket_.isValid()) throw ConnectionError(Kind::notSent, kInherited);
+    const auto self = Ref<Connection>::retaining(this);
     {
         const Lock lock(mutex_);
         throwIfEnded();
@@ -227,6 +231,8 @@ void Connection::post(std::string frame) {
 }
 
 void Connection::sendAnswer(std::string frame) {
+    if (!socket_.isValid()) return;
+    const auto self = Ref<Connection>::retaining(this);
     write(frame, std::nullopt);
     if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
 }
@@ -238,6 +244,7 @@ void Connection::lend(std::uint64_t object) {
 }
 
 Ref<RemoteObject> Connection::rootProxy() {
+    const auto self = Ref<Connection>::retaining(this);
     PendingCall pending;
     link(pending, false);
     {
@@ -270,6 +277,18 @@ void Connection::serveQueued() {
     postNoticeIfDue();
 }
 
+// Counts a request as served however its handler ends.
+struct Connection::Served {
+    explicit Served(Connection& served) : connection(served) {}
+    Served(const Served&) = delete;
+    Served& operator=(const Served&) = delete;
+    ~Served() {
+        const Lock lock(connection.mutex_);
+        --connection.serving_;
+    }
+    Connection& connection;
+};
+
 bool Connection::serveNext() {
     QueuedRequest next;
     {
@@ -280,9 +299,8 @@ bool Connection::serveNext() {
         queuedBytes_ -= next.payload.size();
         ++serving_;
     }
+    const Served served(*this);
     handle(std::move(next));
-    const Lock lock(mutex_);
-    --serving_;
     return true;
 }
 

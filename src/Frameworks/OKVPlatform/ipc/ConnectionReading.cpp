@@ -57,13 +57,21 @@ void Connection::passLead() {
 void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
     reading_ = true;
     lock.unlock();
-    const auto room = bytes_.room();
+    std::span<char> room;
+    try {
+        room = bytes_.room();
+    } catch (const std::bad_alloc&) {
+        lock.lock();
+        reading_ = false;
+        return end(Kind::badData, "no memory for what the peer sends", true);
+    }
     const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
     const auto count =
         ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
     const int error = errno;
     lock.lock();
     reading_ = false;
+    if (reason_) return;  // invalidated meanwhile: what came is dropped like the rest
     if (!ready || (count < 0 && (error == EINTR || error == EAGAIN))) return;
     if (count <= 0) return end(Kind::outcomeUnknown, "the peer hung up", true);
     bytes_.added(static_cast<std::size_t>(count));
