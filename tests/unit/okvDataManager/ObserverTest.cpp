@@ -8,14 +8,18 @@ constexpr char kNotice[] = "jp.nrm.okv6.notification";
 
 class Observer final : public OKVSettingObserver {
 public:
-    void settingChanged(const okv::Notification& notice) override { heard.push_back(notice.userInfo.intValue()); }
+    void settingChanged(const okv::Notification& notice) override {
+        heard.push_back(notice.userInfo.intValue());
+    }
     void settingChangesMissed(std::uint64_t count) override { missed += count; }
 
     std::vector<int> heard;
     std::uint64_t missed = 0;
 
 protected:
-    void dealloc() override { okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this); }
+    void dealloc() override {
+        okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
 };
 
 class ObserverTest : public ConnectedTest {
