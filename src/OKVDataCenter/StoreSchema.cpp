@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -74,6 +75,12 @@ void makeFile(const std::string& file) {
     if (made < 0 && errno != EEXIST)
         throw StoreError("cannot make the store " + file + ": " + std::strerror(errno));
     if (made >= 0) close(made);
+}
+
+std::string inOneLine(std::string_view text) {
+    std::string line(text);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
 }
 
 void leaveUntouched(Database& database, bool untouched) {
@@ -147,7 +154,7 @@ void Store::examine() {
                          ", newer than this server's " + std::to_string(kSchemaVersion));
     auto rows = database_->query("PRAGMA quick_check(1)");
     if (!rows.next() || rows.bytes(0) != "ok")
-        throw StoreDamaged("the store " + file_ + " is damaged: " + std::string(rows.bytes(0)));
+        throw StoreDamaged("the store " + file_ + " is damaged: " + inOneLine(rows.bytes(0)));
     migrate(version);
 }
 
