@@ -6,6 +6,7 @@ namespace datacenter {
 
 const char kUsage[] =
     "usage: OKVDataCenter --store FILE [--runtime-dir DIR] [--foreground] [--self-service]\n"
+    "                     [--begin-afresh]\n"
     "\n"
     "The data server: keeps every setting of the suite and serves it under a registered name.\n"
     "\n"
@@ -13,6 +14,8 @@ const char kUsage[] =
     "  --runtime-dir DIR  where the registered names live; made when missing\n"
     "  --foreground       log to standard error, for a terminal, instead of to the journal\n"
     "  --self-service     accounts may change the settings of their own user\n"
+    "  --begin-afresh     when the store is damaged: set it aside as FILE.damaged-TIME and begin\n"
+    "                     with an empty one; a store that is not damaged is not touched\n"
     "  --help, --version  tell this, or the version, and end\n"
     "\n"
     "It stays in the foreground in any case. When it serves it tells the service manager and\n"
@@ -20,13 +23,22 @@ const char kUsage[] =
 
 namespace {
 
-enum : int { kStore = 1000, kRuntimeDirectory, kForeground, kSelfService, kHelp, kVersion };
+enum : int {
+    kStore = 1000,
+    kRuntimeDirectory,
+    kForeground,
+    kSelfService,
+    kBeginAfresh,
+    kHelp,
+    kVersion
+};
 
 const option kOptions[] = {
     {"store", required_argument, nullptr, kStore},
     {"runtime-dir", required_argument, nullptr, kRuntimeDirectory},
     {"foreground", no_argument, nullptr, kForeground},
     {"self-service", no_argument, nullptr, kSelfService},
+    {"begin-afresh", no_argument, nullptr, kBeginAfresh},
     {"help", no_argument, nullptr, kHelp},
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
@@ -51,6 +63,8 @@ bool take(Options& options, int option) {
             return options.foreground = true;
         case kSelfService:
             return options.selfService = true;
+        case kBeginAfresh:
+            return options.beginAfresh = true;
         case kHelp:
             options.act = Options::Act::help;
             return true;

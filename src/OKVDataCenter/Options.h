@@ -14,6 +14,7 @@ struct Options {
     std::string runtimeDirectory;  ///< empty: the one that the environment or the build names
     bool foreground = false;
     bool selfService = false;
+    bool beginAfresh = false;  ///< a damaged store is set aside
 
     static Options parse(int argumentCount, char* const arguments[]);
 };

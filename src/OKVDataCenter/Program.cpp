@@ -107,8 +107,12 @@ void takeAllDescriptors() {
 int serveStore(const Options& options, Signals& signals) {
     std::string why;
     takeAllDescriptors();
-    Store store(options.store, Limits());
+    Store store(options.store, Limits(),
+                options.beginAfresh ? Store::Damaged::setAside : Store::Damaged::refuse);
     const auto log = logFor(options);
+    if (!store.setAside().empty())
+        log("the store " + options.store + " was damaged: it is now " + store.setAside() +
+            ", and an empty one was begun");
     SystemPoster poster(log);
     Server server(store, rightsFor(options), {poster, log});
     if (!makeRuntimeDirectory(okv::runtimeDirectory(), why) || !publish(server, why))
@@ -128,6 +132,9 @@ int serve(const Options& options) {
     Signals signals;
     try {
         return serveStore(options, signals);
+    } catch (const StoreDamaged& error) {
+        return fail(std::string(error.what()) +
+                    "; it was left as it is, --begin-afresh sets it aside and begins anew");
     } catch (const std::exception& error) {
         return fail(error.what());
     }

@@ -19,6 +19,7 @@ public:
     /// The engine's primary result code.
     int code() const noexcept { return code_; }
     bool isFull() const noexcept { return code_ == SQLITE_FULL; }
+    bool isDamage() const noexcept { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
 
 private:
     int code_;

@@ -12,9 +12,15 @@
 namespace datacenter {
 
 /// Why a file cannot serve as the store; it was left as it was.
-class StoreError final : public std::runtime_error {
+class StoreError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+/// It is a store no more: its bytes do not hold what a server wrote there.
+class StoreDamaged final : public StoreError {
+public:
+    using StoreError::StoreError;
 };
 
 /// How much of a scope's room is taken.
@@ -31,13 +37,19 @@ public:
     /// Opens the store, makes it when the file is missing or empty, and brings an older one up to
     /// date. Its folder must exist. Throws StoreError, with the file untouched, when it is damaged,
     /// somebody else's, of a newer version, or open in another server.
-    Store(std::string file, Limits limits);
+    ///
+    /// `setAside` tells what to do with a damaged one instead: its files are moved to
+    /// `FILE.damaged-TIME`, and the store begins afresh. Nothing else is ever moved.
+    enum class Damaged { refuse, setAside };
+    Store(std::string file, Limits limits, Damaged damaged = Damaged::refuse);
     ~Store();
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
     const Limits& limits() const noexcept { return limits_; }
     const std::string& epoch() const noexcept { return epoch_; }
+    /// Where a damaged store was moved to; empty when there was none.
+    const std::string& setAside() const noexcept { return setAside_; }
 
     /// All that is stored, with what the open transaction has changed. Throws SqlError.
     std::shared_ptr<View> load();
@@ -82,9 +94,11 @@ public:
 private:
     class Guard;
 
+    void openOrThrow();
     void open();
     void examine();
-    void create();
+    void refuseEmptied();
+    void readThrough();
     void migrate(std::int64_t version);
     void noteRestoredBackup();
 
@@ -117,6 +131,7 @@ private:
     std::unique_ptr<Guard> guard_;
     std::unique_ptr<Database> database_;
     std::string epoch_;
+    std::string setAside_;
 };
 
 }  // namespace datacenter

@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace datacenter {
 
@@ -36,6 +38,36 @@ void Store::Guard::setMark(const Mark& mark) noexcept {
     const auto line = mark.epoch + ' ' + std::to_string(mark.revision) + '\n';
     if (pwrite(file_.get(), line.data(), line.size(), 0) == static_cast<ssize_t>(line.size()))
         (void)!ftruncate(file_.get(), static_cast<off_t>(line.size()));
+}
+
+namespace {
+
+std::string timeNow() {
+    char text[32];
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    gmtime_r(&now, &parts);
+    return {text, std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts)};
+}
+
+// Never over something that is there; answers whether it was moved.
+bool moved(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (errno == EEXIST) return false;
+    throw StoreError("cannot set " + from + " aside: " + std::strerror(errno));
+}
+
+}  // namespace
+
+std::string moveAside(const std::string& storeFile) {
+    const auto base = storeFile + ".damaged-" + timeNow();
+    auto target = base;
+    for (int i = 2; !moved(storeFile, target); ++i) target = base + "-" + std::to_string(i);
+    for (const char* beside : {"-wal", "-shm"}) {
+        if (access((storeFile + beside).c_str(), F_OK) == 0)
+            moved(storeFile + beside, target + beside);
+    }
+    return target;
 }
 
 }  // namespace datacenter

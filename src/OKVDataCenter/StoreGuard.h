@@ -26,4 +26,8 @@ private:
     okv::PrivateDescriptor file_;
 };
 
+/// Moves a store's file, and the log beside it, to a name with the time. Answers the new name;
+/// throws StoreError.
+std::string moveAside(const std::string& storeFile);
+
 }  // namespace datacenter

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -78,6 +79,12 @@ void makeFile(const std::string& file) {
     if (made >= 0) close(made);
 }
 
+std::string inOneLine(std::string_view text) {
+    std::string line(text);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
+}
+
 void leaveUntouched(Database& database, bool untouched) {
     sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, untouched ? 1 : 0,
                       nullptr);
@@ -85,12 +92,26 @@ void leaveUntouched(Database& database, bool untouched) {
 
 }  // namespace
 
-Store::Store(std::string file, Limits limits)
+Store::Store(std::string file, Limits limits, Damaged damaged)
     : file_(std::move(file)), limits_(limits), guard_(std::make_unique<Guard>(file_)) {
     try {
+        openOrThrow();
+    } catch (const StoreDamaged&) {
+        if (damaged == Damaged::refuse) throw;
+        database_.reset();
+        setAside_ = moveAside(file_);
+        openOrThrow();
+    }
+}
+
+void Store::openOrThrow() {
+    try {
+        refuseEmptied();
         makeFile(file_);
         open();
     } catch (const SqlError& error) {
+        if (error.isDamage())
+            throw StoreDamaged("the store " + file_ + " is damaged: " + error.what());
         throw StoreError("the store " + file_ + " cannot be used: " + error.what());
     }
 }
@@ -111,12 +132,13 @@ void Store::open() {
     sqlite3_db_config(database_->handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     database_->execute("PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON;");
     examine();
+    epoch_ = metaText("epoch");
+    readThrough();
     leaveUntouched(*database_, false);
     chmod(file_.c_str(), 0600);
     database_->execute(
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
     database_->execute(("PRAGMA max_page_count=" + std::to_string(limits_.storePages)).c_str());
-    epoch_ = metaText("epoch");
     noteRestoredBackup();
 }
 
@@ -135,8 +157,28 @@ void Store::examine() {
                          ", newer than this server's " + std::to_string(kSchemaVersion));
     auto rows = database_->query("PRAGMA quick_check(1)");
     if (!rows.next() || rows.bytes(0) != "ok")
-        throw StoreError("the store " + file_ + " is damaged: " + std::string(rows.bytes(0)));
+        throw StoreDamaged("the store " + file_ + " is damaged: " + inOneLine(rows.bytes(0)));
     migrate(version);
+}
+
+// The engine takes an empty file for a fresh database, and drops a log beside it. Where there was a
+// store before, the file was cut off.
+void Store::refuseEmptied() {
+    struct stat status {};
+    if (guard_->mark().epoch.empty() || stat(file_.c_str(), &status) != 0 || status.st_size != 0)
+        return;
+    throw StoreDamaged("the store " + file_ + " is damaged: it is empty, and was not before");
+}
+
+// The engine finds damage in its own structures only; what the rows hold is looked at here.
+void Store::readThrough() {
+    try {
+        load();
+    } catch (const SqlError&) {
+        throw;
+    } catch (const std::runtime_error& error) {
+        throw StoreDamaged("the store " + file_ + " is damaged: " + error.what());
+    }
 }
 
 void Store::migrate(std::int64_t version) {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
@@ -45,8 +46,11 @@ std::string readUntil(int pipe, const std::string& text) {
     char bytes[512];
     pollfd entry{pipe, POLLIN, 0};
     while (text.empty() || got.find(text) == std::string::npos) {
-        if (poll(&entry, 1, kReadyWithinMilliseconds) <= 0) break;
+        const int ready = poll(&entry, 1, kReadyWithinMilliseconds);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;
         const auto count = read(pipe, bytes, sizeof bytes);
+        if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;
         got.append(bytes, static_cast<std::size_t>(count));
     }
@@ -55,7 +59,9 @@ std::string readUntil(int pipe, const std::string& text) {
 
 int waitFor(pid_t pid) {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
+    while (waitpid(pid, &status, 0) != pid) {
+        if (errno != EINTR) return -1;
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <set>
 #include <sstream>
 
 using datacenter::Limits;
@@ -53,8 +54,10 @@ step::Setting setting(datacenter::Scope scope, const std::string& key, const Val
 // A sound store with something in it, closed.
 void makeStore(const std::string& file) {
     Store store(file, Limits());
+    store.begin();
     for (int i = 0; i < 200; ++i)
-        commit(store, setting(1, "key" + std::to_string(i), std::string(100, 'v')));
+        store.carryOut(setting(1, "key" + std::to_string(i), std::string(100, 'v')));
+    store.commit();
 }
 
 }  // namespace
@@ -218,9 +221,53 @@ TEST(Store, RefusesToReadRowsThatItNeverWrites) {
         const TemporaryFolder folder;
         makeStore(folder.file("s"));
         datacenter::Database(folder.file("s"), SQLITE_OPEN_READWRITE).execute(script);
-        Store store(folder.file("s"), Limits());
-        EXPECT_ANY_THROW(store.load()) << script;
+        EXPECT_THROW(Store(folder.file("s"), Limits()), datacenter::StoreDamaged) << script;
     }
+}
+
+TEST(Store, ADamagedOneIsSetAsideWithItsLogAndBegunAfreshWhenTold) {
+    const TemporaryFolder folder;
+    makeStore(folder.file("s"));
+    const auto bytes = bytesOf(folder.file("s")).substr(0, 5000);
+    write(folder.file("s"), bytes);
+    write(folder.file("s-wal"), "what was written last");
+    const Store store(folder.file("s"), Limits(), Store::Damaged::setAside);
+    EXPECT_EQ(store.setAside().rfind(folder.file("s.damaged-"), 0), 0U) << store.setAside();
+    EXPECT_EQ(bytesOf(store.setAside()), bytes);
+    EXPECT_EQ(bytesOf(store.setAside() + "-wal"), "what was written last");
+}
+
+TEST(Store, TwoDamagedOnesOfOneSecondAreBothKept) {
+    const TemporaryFolder folder;
+    std::set<std::string> names;
+    for (const char* bytes : {"first damage", "second damage"}) {
+        write(folder.file("s"), bytes);
+        const Store store(folder.file("s"), Limits(), Store::Damaged::setAside);
+        EXPECT_EQ(bytesOf(store.setAside()), bytes);
+        names.insert(store.setAside());
+    }
+    EXPECT_EQ(names.size(), 2U);
+}
+
+TEST(Store, OneThatIsNotDamagedIsNeverSetAside) {
+    const TemporaryFolder folder;
+    makeStore(folder.file("good"));
+    datacenter::Database(folder.file("good"), SQLITE_OPEN_READWRITE)
+        .execute("PRAGMA user_version=99");
+    const auto newer = bytesOf(folder.file("good"));
+    EXPECT_THROW(Store(folder.file("good"), Limits(), Store::Damaged::setAside),
+                 datacenter::StoreError);
+    EXPECT_EQ(bytesOf(folder.file("good")), newer);
+    makeStore(folder.file("fine"));
+    EXPECT_EQ(Store(folder.file("fine"), Limits(), Store::Damaged::setAside).setAside(), "");
+}
+
+TEST(Store, OneThatWasCutOffToNothingIsDamagedAndNotFresh) {
+    const TemporaryFolder folder;
+    makeStore(folder.file("s"));
+    write(folder.file("s"), "");
+    EXPECT_THROW(Store(folder.file("s"), Limits()), datacenter::StoreDamaged);
+    EXPECT_EQ(bytesOf(folder.file("s")), "");
 }
 
 TEST(Store, TakesBackWhatADroppedRequestDid) {

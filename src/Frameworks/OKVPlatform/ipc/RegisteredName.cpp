@@ -107,7 +107,9 @@ bool PublishedName::bindTemporary(const std::string& temporary, const Options& o
 
 // Whoever connects meets a socket that listens already: it gets the name only then.
 bool PublishedName::listenAt(const Options& options, std::string& why) {
-    const auto temporary = temporaryName();
+    // Who holds the lock is alone with the name's temporary one, and takes a killed one's remains
+    // away; names without a lock need one of their own.
+    const auto temporary = lock_.isValid() ? "." + name_ + ".new" : temporaryName();
     const bool bound = bindTemporary(temporary, options, why);
     if (bound && renameat(folder_.get(), temporary.c_str(), folder_.get(), name_.c_str()) == 0)
         return true;

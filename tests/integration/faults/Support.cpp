@@ -1,0 +1,117 @@
+#include "Support.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace faults {
+
+namespace {
+
+constexpr int kArrivalWithinMilliseconds = 30000;
+
+// A preloaded library comes before the sanitizer's, which otherwise refuses to run.
+std::string sanitizerOptions() {
+    const char* given = std::getenv("ASAN_OPTIONS");
+    return (given != nullptr ? std::string(given) + ":" : std::string()) +
+           "verify_asan_link_order=0";
+}
+
+}  // namespace
+
+okv::Ref<okv::Connection> connection() {
+    std::string why;
+    auto made =
+        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
+    if (!made) throw std::runtime_error(why);
+    return made;
+}
+
+okv::Ref<okv::RemoteObject> connect() {
+    return connection()->rootProxy();
+}
+
+bool set(okv::RemoteObject& root, const std::string& key, const okv::Value& value) {
+    return okv::send<&Data::setOKVDataPT_value_appUid>(root, key, value, 1);
+}
+
+okv::Value get(okv::RemoteObject& root, const std::string& key) {
+    return okv::send<&Data::okvDataPT_appUid>(root, key, 1);
+}
+
+okv::Dictionary status(okv::RemoteObject& root) {
+    return okv::send<&Admin::serverStatusPT>(root).as<okv::Dictionary>();
+}
+
+int asAccount(uid_t uid, const std::function<int()>& body) {
+    const auto pid = fork();
+    if (pid == 0) {
+        int code = 99;
+        if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
+            try {
+                code = body();
+            } catch (const std::exception&) {
+                code = 98;
+            }
+        }
+        _exit(code);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+HoldableDisk::HoldableDisk(const std::string& gate)
+    : preload_("LD_PRELOAD", OKV_SLOW_FSYNC),
+      check_("ASAN_OPTIONS", sanitizerOptions()),
+      gate_("OKV_FSYNC_GATE", gate) {}
+
+Gate::Gate(std::string path) : path_(std::move(path)) {
+    const auto making = path_ + ".new";
+    if (mkfifo(making.c_str(), 0600) != 0) throw std::runtime_error("no FIFO");
+    fifo_ = open(making.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fifo_ < 0 || rename(making.c_str(), path_.c_str()) != 0)
+        throw std::runtime_error("no gate");
+}
+
+bool Gate::awaitArrival() const {
+    pollfd entry{fifo_, POLLIN, 0};
+    return poll(&entry, 1, kArrivalWithinMilliseconds) == 1 && (entry.revents & POLLIN) != 0;
+}
+
+// First away, so that nobody else comes.
+void Gate::letGo() {
+    if (fifo_ < 0) return;
+    unlink(path_.c_str());
+    close(fifo_);
+    fifo_ = -1;
+}
+
+Mourner::Mourner() {
+    okv::NotificationCenter::defaultCenter().addObserver(*this, &Mourner::note,
+                                                         okv::NSConnectionDidDieNotification);
+}
+
+void Mourner::dealloc() {
+    okv::NotificationCenter::defaultCenter().removeObserver(*this,
+                                                            okv::NSConnectionDidDieNotification);
+}
+
+void Mourner::note(const okv::LocalNotification& notice) {
+    const std::lock_guard lock(mutex_);
+    ++deaths_[notice.object];
+}
+
+int Mourner::deathsOf(const okv::Connection& connection) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = deaths_.find(&connection);
+    return found != deaths_.end() ? found->second : 0;
+}
+
+}  // namespace faults

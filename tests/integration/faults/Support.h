@@ -1,0 +1,116 @@
+#pragma once
+
+#include "../ServerProcess.h"
+#include "OKVDataAdmin_protocol.h"
+
+#include <OKVDataManager/okvDataManager.h>
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/NotificationCenter.h>
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace faults {
+
+using Data = OKVDataMng_protocol;
+using Admin = OKVDataAdmin_protocol;
+using Clock = std::chrono::steady_clock;
+
+/// How much slower than usual everything is: a sanitized build does fewer rounds, and is given more
+/// time where a time is bounded.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int kSlowness = 10;
+#else
+inline constexpr int kSlowness = 1;
+#endif
+constexpr int rounds(int usual) {
+    return std::max(1, usual / kSlowness);
+}
+
+/// A connection to the data server; throws std::runtime_error with the reason when there is none.
+okv::Ref<okv::Connection> connection();
+okv::Ref<okv::RemoteObject> connect();
+
+/// The default user's setting.
+bool set(okv::RemoteObject& root, const std::string& key, const okv::Value& value);
+okv::Value get(okv::RemoteObject& root, const std::string& key);
+okv::Dictionary status(okv::RemoteObject& root);
+
+/// Runs the body in a child under another account; what it answers is the child's exit code.
+int asAccount(uid_t uid, const std::function<int()>& body);
+
+/// A variable of the environment, for the processes that are started while it lives.
+class Environment {
+public:
+    Environment(const char* name, const std::string& value) : name_(name) {
+        setenv(name, value.c_str(), 1);
+    }
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+    ~Environment() { unsetenv(name_); }
+
+private:
+    const char* name_;
+};
+
+/// For servers whose flushes to the disk a test holds: start them while this lives.
+class HoldableDisk {
+public:
+    explicit HoldableDisk(const std::string& gate);
+
+private:
+    Environment preload_, check_, gate_;
+};
+
+/// Holds the flushes of a server that was started with a HoldableDisk, from when this is made.
+class Gate {
+public:
+    explicit Gate(std::string path);
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    ~Gate() { letGo(); }
+
+    /// Waits until a flush is held; false when none comes.
+    bool awaitArrival() const;
+    void letGo();
+
+private:
+    const std::string path_;
+    int fifo_ = -1;
+};
+
+/// Counts the death notices of every connection.
+class Mourner final : public okv::Object {
+public:
+    Mourner();
+    int deathsOf(const okv::Connection& connection) const;
+
+protected:
+    void dealloc() override;
+
+private:
+    void note(const okv::LocalNotification& notice);
+
+    mutable std::mutex mutex_;
+    std::map<const okv::Object*, int> deaths_;
+};
+
+/// The kind of error that the call ends with; none when it ends with a result.
+template <class Call>
+std::optional<okv::ConnectionError::Kind> failureOf(Call call) {
+    try {
+        call();
+        return std::nullopt;
+    } catch (const okv::ConnectionError& error) {
+        return error.kind();
+    }
+}
+
+}  // namespace faults
