@@ -102,6 +102,7 @@ struct Pipe {
 ServerProcess::ServerProcess(const std::function<void(const std::function<void()>& ready)>& serve) {
     const Pipe pipe;
     pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("no process");
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(pipe.ends[0]);
@@ -115,6 +116,7 @@ ServerProcess::ServerProcess(const std::function<void(const std::function<void()
 ServerProcess::ServerProcess(const std::vector<std::string>& command) {
     const Pipe pipe;
     pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("no process");
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(pipe.ends[1], STDOUT_FILENO);

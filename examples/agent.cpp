@@ -1,5 +1,5 @@
-// An agent: it keeps a connection, follows the user that its account is switched to, hears of every change, and lives
-// through restarts of the data server.   agent [KEY]
+// An agent: it keeps a connection, follows the user that its account is switched to, hears of every
+// change, and lives through restarts of the data server.   agent [KEY]
 #include <OKVDataManager/okvDataManager.h>
 
 #include <cstdio>
@@ -8,23 +8,26 @@ class Agent final : public OKVSettingObserver {
 public:
     explicit Agent(const char* key) : key_(key) {}
 
-    void settingChanged(const okv::Notification& notice) override {
+    void settingChanged(const okv::Notification& notice) override { show(notice.userInfo); }
+
+    void show(const okv::Value& information) const try {
         // Reconnects when the server had gone; null when it cannot: then a later notice finds it.
         const auto manager = okvDataManager::sharedDataManager();
         if (!manager) return;
-        manager->updateSessionUserId(notice.userInfo);
-        show(*manager);
-    }
-
-    void show(okvDataManager& manager) const {
-        const auto value = manager.okvData(key_);
+        manager->updateSessionUserId(information);
+        const auto value = manager->okvData(key_);
         const auto* text = value.getIf<std::string>();
-        std::printf("user %d: %s is %s\n", manager.nowSessionUserId(), key_, text != nullptr ? text->c_str() : "not set");
+        std::printf("user %d: %s is %s\n", manager->nowSessionUserId(), key_,
+                    text != nullptr ? text->c_str() : "not set");
         std::fflush(stdout);
+    } catch (const okv::ConnectionError&) {
+        // The server went in the middle of a call. It posts a notice when it is back.
     }
 
 protected:
-    void dealloc() override { okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this); }
+    void dealloc() override {
+        okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
 
 private:
     const char* key_;
@@ -35,6 +38,6 @@ int main(int argc, char** argv) {
     if (!manager) return std::fputs("agent: the data server is not running\n", stderr), 1;
     const auto agent = okv::make<Agent>(argc > 1 ? argv[1] : "dc-gui-colour");
     manager->registerAsSettingNotifi_object(*agent);
-    agent->show(*manager);
+    agent->show({});
     okv::RunLoop::current()->run();
 }

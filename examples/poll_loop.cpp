@@ -1,4 +1,5 @@
-// The same inside an application's own loop: the run loop's descriptor is one among those that the application polls.
+// The same inside an application's own loop: the run loop's descriptor is one among those that the
+// application polls.
 //   poll_loop [KEY]     one line for each change, until standard input ends
 #include <OKVDataManager/okvDataManager.h>
 
@@ -9,14 +10,19 @@
 
 class Watcher final : public OKVSettingObserver {
 public:
-    void settingChanged(const okv::Notification& notice) override {
-        if (const auto manager = okvDataManager::sharedDataManager()) manager->updateSessionUserId(notice.userInfo);
+    void settingChanged(const okv::Notification& notice) override try {
         changed = true;
+        if (const auto manager = okvDataManager::sharedDataManager())
+            manager->updateSessionUserId(notice.userInfo);
+    } catch (const okv::ConnectionError&) {
+        // The server went in the middle of a call. It posts a notice when it is back.
     }
     bool changed = true;
 
 protected:
-    void dealloc() override { okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this); }
+    void dealloc() override {
+        okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
 };
 
 static bool inputEnded() {
@@ -24,17 +30,20 @@ static bool inputEnded() {
     return read(STDIN_FILENO, bytes, sizeof bytes) <= 0;
 }
 
-static void show(const char* key) {
+static void show(const char* key) try {
     const auto manager = okvDataManager::sharedDataManager();
     if (!manager || !manager->isConnect()) return;
     const auto value = manager->okvData(key);
     const auto* text = value.getIf<std::string>();
     std::printf("%s is %s\n", key, text != nullptr ? text->c_str() : "not set");
     std::fflush(stdout);
+} catch (const okv::ConnectionError&) {
+    // As above.
 }
 
 int main(int argc, char** argv) {
-    if (!okvDataManager::sharedDataManager()) return std::fputs("poll_loop: the data server is not running\n", stderr), 1;
+    if (!okvDataManager::sharedDataManager())
+        return std::fputs("poll_loop: the data server is not running\n", stderr), 1;
     const auto watcher = okv::make<Watcher>();
     okvDataManager::sharedDataManager()->registerAsSettingNotifi_object(*watcher);
     const auto loop = okv::RunLoop::current();

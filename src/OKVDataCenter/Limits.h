@@ -8,8 +8,10 @@ namespace datacenter {
 /// Every bound that the server sets to what it takes, keeps and gives back. Tests open stores with
 /// smaller ones.
 struct Limits {
-    std::size_t requestBytes = 1U << 20;                ///< the payload of a request
-    std::size_t importBytes = 16U << 20;                ///< the payload of an import
+    std::size_t requestBytes = 1U << 20;  ///< the payload of a request
+    std::size_t connectionsPerUid = 128;  ///< not of uid 0 and the server's own
+    std::size_t keptConnections = 64;     ///< of all, for uid 0 and the server's own alone
+    std::size_t importBytes = 16U << 20;  ///< the payload of an import
     std::size_t replyBytes = (16U << 20) - (1U << 16);  ///< what goes into one reply; the rest of a
                                                         ///< frame is left to its bookkeeping
     std::size_t keyBytes = 255;

@@ -8,6 +8,7 @@
 #include <OKVPlatform/system/NSLog.h>
 
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -95,8 +96,17 @@ LogLine logFor(const Options& options) {
     return [](const std::string& line) { OKVSystemLog(okv::kDefaultLogLevel, "%s", line.c_str()); };
 }
 
+// As many clients as the system lets this process have.
+void takeAllDescriptors() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int serveStore(const Options& options, Signals& signals) {
     std::string why;
+    takeAllDescriptors();
     Store store(options.store, Limits(),
                 options.beginAfresh ? Store::Damaged::setAside : Store::Damaged::refuse);
     const auto log = logFor(options);

@@ -153,10 +153,8 @@ Value ReadingSide::uidListPT() {
 }
 
 Value ReadingSide::useridAppListPT() {
-    okv::Array ids;
-    ids.reserve(view_.users().size());
-    for (const auto& [id, user] : view_.users()) ids.emplace_back(id);
-    return ids;
+    const auto& ids = view_.userIds();
+    return okv::Array(ids.begin(), ids.end());
 }
 
 Value ReadingSide::serverTimePT() {

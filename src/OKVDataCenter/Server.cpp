@@ -58,6 +58,13 @@ okv::RootObject Server::root() {
 okv::PublicationOptions Server::options() {
     okv::PublicationOptions options;
     options.maxRequestBytes = limits_.importBytes;
+    // A little more than is allowed comes in and is refused with the reason; much more ends the
+    // connection.
+    options.maxRequestBytesOf = [this](const okv::PeerIdentity& peer) {
+        return rights_.isAdministrator(peer) ? limits_.importBytes : 2 * limits_.requestBytes;
+    };
+    options.maxConnectionsPerUid = limits_.connectionsPerUid;
+    options.keptForOwn = limits_.keptConnections;
     options.disconnected = [this](okv::MessagePort& port) { state_.clients.remove(port); };
     return options;
 }

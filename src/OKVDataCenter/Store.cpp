@@ -38,6 +38,8 @@ void Store::begin() {
 
 void Store::commit() {
     database_->execute("COMMIT");
+    guard_->setMark(
+        {epoch_, revision()});  // an older copy that is put back after a crash is noticed, too
 }
 
 void Store::rollback() noexcept {

@@ -17,6 +17,8 @@ namespace {
 
 // "OKV6" in the header of every store of ours.
 constexpr std::int64_t kApplicationId = 0x4F4B5636;
+// How long the writer waits for an administrator's own tool that holds the store.
+constexpr int kBusyMilliseconds = 2000;
 
 // Step n brings a store from version n to n + 1; a fresh one is of version 0.
 //
@@ -126,6 +128,7 @@ Store::~Store() {
 void Store::open() {
     database_ = std::make_unique<Database>(file_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);
     leaveUntouched(*database_, true);
+    sqlite3_busy_timeout(database_->handle(), kBusyMilliseconds);
     sqlite3_db_config(database_->handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     database_->execute("PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON;");
     examine();

@@ -63,6 +63,7 @@ void View::take(const step::Process& set) {
 
 void View::take(const step::AddUser& add) {
     users_.try_emplace(add.user);
+    userIds_.clear();
     highestUser_ = std::max(highestUser_, add.user);
 }
 
@@ -74,6 +75,7 @@ void View::forget(User& user) {
 void View::take(const step::RemoveUser& remove) {
     forget(users_[remove.user]);
     users_.erase(remove.user);
+    userIds_.clear();
     if (currentUser_ == remove.user) currentUser_ = kDefaultUser;
     for (auto at = accounts_.begin(); at != accounts_.end();) {
         auto& account = at->second;
@@ -132,6 +134,15 @@ View::Found View::find(Scope scope, std::string_view key) const {
     }
     const auto common = everybody_.find(key);
     return {common != everybody_.end() ? &common->second : nullptr, false};
+}
+
+const std::vector<std::int32_t>& View::userIds() const {
+    if (userIds_.size() != users_.size()) {
+        userIds_.clear();
+        userIds_.reserve(users_.size());
+        for (const auto& [id, user] : users_) userIds_.push_back(id);
+    }
+    return userIds_;
 }
 
 const View::User* View::user(std::int32_t id) const {

@@ -8,6 +8,7 @@
 #include <map>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace datacenter {
 
@@ -45,6 +46,8 @@ public:
     /// Null for an unknown user.
     const User* user(std::int32_t id) const;
     const std::map<std::int32_t, User>& users() const noexcept { return users_; }
+    /// The users' ids alone, in ascending order.
+    const std::vector<std::int32_t>& userIds() const;
     const Settings& everybody() const noexcept { return everybody_; }
     const Stamp* lock(std::string_view key) const;
     const Locks& locks() const noexcept { return locks_; }
@@ -87,6 +90,9 @@ private:
 
     Settings everybody_;
     std::map<std::int32_t, User> users_;
+    // Every read of a client asks for the ids first, and the users themselves lie all over the
+    // memory. Of another size than the users where it must be made anew: there is always a user.
+    mutable std::vector<std::int32_t> userIds_;
     std::map<std::int64_t, Account> accounts_;
     Locks locks_;
     std::array<okv::Dictionary, kProcessLists> processes_;

@@ -89,7 +89,6 @@ bool Writer::next(Work& work) {
     wake_.wait(
         lock, [this] { return hasWork() || (finishing_ && (unacknowledged_ == 0 || abandoned_)); });
     if (!hasWork()) return false;
-    work = Work();
     work.acknowledged.swap(acknowledged_);
     takeRequests(work);
     if (!work.requests.empty()) ++unacknowledged_;
@@ -102,6 +101,7 @@ void Writer::run() {
             for (const auto& change : batch->told) post(change);
         }
         if (!work.requests.empty()) carryOut(work.requests);
+        work = Work();  // here, under no lock: a batch may hold a whole former view
     }
     handlers_.finished();
 }

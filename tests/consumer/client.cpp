@@ -1,4 +1,5 @@
-// What somebody writes who installed the package: every public header, and a link against each library.
+// What somebody writes who installed the package: every public header, and a link against each
+// library.
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVDataManager/okvSystemProcList.h>
@@ -11,8 +12,9 @@
 int main() {
     OKVSystemLog(99, "not written at the standard level");
     const auto connection = okv::Connection::connectionWithRegisteredName("jp.nrm.example.nobody");
-    const bool tables = std::strcmp(sysBlockProcWhiteListTbl[0].processName, "Software Update.app") == 0 &&
-                        sysBlockProcBlackListTbl[0].processName == nullptr;
+    const bool tables =
+        std::strcmp(sysBlockProcWhiteListTbl[0].processName, "Software Update.app") == 0 &&
+        sysBlockProcBlackListTbl[0].processName == nullptr;
     std::printf("%zu system processes\n", okvDataManager::systemWhiteProcs().size());
     return !connection && tables && okvDataManager::systemBlackProcs().empty() ? 0 : 1;
 }

@@ -14,6 +14,11 @@
 
 namespace {
 
+std::string& program() {
+    static std::string name = OKV_DATA_CENTER;
+    return name;
+}
+
 constexpr int kReadyWithinMilliseconds = 30000;
 
 // In the child; does not return.
@@ -28,10 +33,10 @@ constexpr int kReadyWithinMilliseconds = 30000;
     }
     std::vector<char*> pointers;
     auto held = arguments;
-    held.insert(held.begin(), OKV_DATA_CENTER);
+    held.insert(held.begin(), program());
     for (auto& argument : held) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    execv(OKV_DATA_CENTER, pointers.data());
+    execv(program().c_str(), pointers.data());
     _exit(127);
 }
 
@@ -79,6 +84,10 @@ ServerProcess::~ServerProcess() {
     std::filesystem::remove_all(folder_, ignored);
 }
 
+void ServerProcess::useProgram(std::string name) {
+    program() = std::move(name);
+}
+
 bool ServerProcess::launch(const std::vector<std::string>& more, int listener) {
     int output[2];
     if (pipe(output) != 0) return false;
@@ -101,11 +110,11 @@ bool ServerProcess::startWithSocket(int listener) {
 }
 
 void ServerProcess::signal(int number) const {
-    kill(pid_, number);
+    if (pid_ > 0) kill(pid_, number);  // of -1 it would reach every process there is
 }
 
 int ServerProcess::wait() {
-    const auto code = waitFor(pid_);
+    const auto code = pid_ > 0 ? waitFor(pid_) : -1;
     pid_ = -1;
     return code;
 }

@@ -14,6 +14,8 @@ public:
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
+    /// Starts the program by another name of it from now on.
+    static void useProgram(std::string name);
     /// Starts it and waits for the line that says it serves; false when it ends instead.
     bool start(const std::vector<std::string>& more = {});
     /// Hands a listening socket over, as a service manager does.

@@ -597,12 +597,12 @@ bool okvCmnUtil::existRegisteredName(std::string_view name) {
 
 void okvCmnUtil::releaseNSMutableArray(okv::ObjectArray* array) {
     if (array == nullptr) return;
-    const auto count = array->elements.size();
-    for (std::size_t i = 0; i < count; ++i) {
+    const auto walked = array->elements;
+    for (std::size_t i = 0; i < walked.size(); ++i) {
         // Releasing an element may run code that reaches the array.
-        if (array->elements.size() != count)
+        if (array->elements.size() != walked.size() || array->elements[i] != walked[i])
             throw std::logic_error("the array was changed while it was walked");
-        if (array->elements[i] != nullptr) array->elements[i]->release();
+        if (walked[i] != nullptr) walked[i]->release();
     }
     array->release();
 }

@@ -256,7 +256,7 @@ public:
     // ---- Published connections and bulk release ----
 
     /// Publishes a root object under a registered name, on the calling thread's run loop (requests
-    /// are served while that runs). `timeout`, in seconds, bounds sending and waiting for replies;
+    /// are served while that runs). `timeout`, in seconds, is kept as request and reply time-out;
     /// it must not be 0 or less. A NaN is not less than anything and goes on: intended. The
     /// delegate, where given, is asked about new connections; it is not retained. Null on every
     /// failure: no root object, no name, a name that is taken or cannot be had; then no name and no

@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <mutex>
 
 namespace {
@@ -109,7 +110,12 @@ okv::Ref<okv::RemoteObject> okvDataManager::proxyObj() const {
 okv::Ref<okv::Connection> okvDataManager::lookUpServer() {
     for (int count = 1; count <= kConnectTries; ++count) {
         usleep(kConnectSleepMicroseconds);  // before the first try, too
-        if (auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName)) {
+        if (const auto connection =
+                okv::Connection::connectionWithRegisteredName(kOKVDataServerName)) {
+            // A proxy never outlives the connection that it came from, also where the new one
+            // fails.
+            _proxySrv.store(nullptr);
+            _connectSrv.store(connection);
             okv::NSLog("-> connect is ok!");
             return connection;
         }
@@ -128,11 +134,10 @@ bool okvDataManager::connectSrv() {
         okv::NSLog("DataSrv is connect fail. (connection fail...)");
         return false;
     }
-    // A proxy never outlives the connection that it came from, also where the new one fails.
-    _proxySrv.store(nullptr);
-    _connectSrv.store(connection);
     const auto proxy = connection->rootProxy();
     _proxySrv.store(proxy);
+    // Another thread may have told this one to disconnect meanwhile.
+    if (proxy && _connectSrv.load() != connection) _proxySrv.clearIf(proxy.get());
     return proxy && registerWith(*proxy);
 }
 
@@ -214,7 +219,7 @@ okv::Value okvDataManager::userIdOSList() const {
 
 okv::Value okvDataManager::userIdList() const {
     auto list = forward<&OKVDataMng_protocol::useridAppListPT>();
-    return list.is<okv::Array>() ? list : okv::Value();
+    return list.is<okv::Array>() ? std::move(list) : okv::Value();  // made for this call: no copy
 }
 
 void okvDataManager::removeUserInfoAll() {
@@ -265,7 +270,8 @@ bool okvDataManager::updateNowSessionUserId(std::int32_t appUid) {
 void okvDataManager::updateSessionUserId(const okv::Value& userInformation) {
     const auto* information = userInformation.getIf<okv::Dictionary>();
     if (information == nullptr) return;
-    const auto osUid = (*information)["osuserid"].intValue();
+    // An account's uid may stand beyond 31 bits: only its low 32 are compared, as everywhere.
+    const auto osUid = static_cast<std::int32_t>((*information)["osuserid"].longLongValue());
     const auto sessionUserId = (*information)["session_userid"].intValue();
     OKVSystemLog(kSwitchLogLevel, "->userSwitch! osUid:%d, sessionUserId:%d", osUid, sessionUserId);
     if (static_cast<uid_t>(osUid) == getuid()) setNowSessionUserId(sessionUserId);
@@ -299,7 +305,8 @@ std::int32_t okvDataManager::refreshedSessionUser() {
     return nowSessionUserId();
 }
 
-void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object) {
+void okvDataManager::registerAsSettingNotifi_object(OKVSettingObserver& observer,
+                                                    const okv::Value& object) {
     okv::DistributedNotificationCenter::defaultCenter().addObserver(
         observer, &OKVSettingObserver::settingChanged, kOKVSettingNotification, object,
         &OKVSettingObserver::settingChangesMissed);
@@ -476,9 +483,10 @@ namespace {
 // The ports that mean the secure scheme, in the order in which they are compared.
 constexpr const char* kSecurePorts[] = {"443", "21079"};
 
-std::optional<std::string> hostOf(const std::string& url) {
+std::optional<std::string> hostOf(std::string_view url) {
     UriUriA uri;
-    if (uriParseSingleUriA(&uri, url.c_str(), nullptr) != URI_SUCCESS) return std::nullopt;
+    if (uriParseSingleUriExA(&uri, url.data(), url.data() + url.size(), nullptr) != URI_SUCCESS)
+        return std::nullopt;
     std::optional<std::string> host;
     if (uri.hostText.first != nullptr) host.emplace(uri.hostText.first, uri.hostText.afterLast);
     uriFreeUriMembersA(&uri);
@@ -487,11 +495,20 @@ std::optional<std::string> hostOf(const std::string& url) {
 
 }  // namespace
 
+// A number as the platform prints it; none for what is no text at all.
+static std::optional<std::string> textOf(const okv::Value& value) {
+    if (const auto* text = value.getIf<std::string>()) return *text;
+    if (value.is<std::int64_t>() || value.is<bool>()) return std::to_string(value.longLongValue());
+    const auto* real = value.getIf<double>();
+    if (real == nullptr) return std::nullopt;
+    char digits[32];
+    return std::string(digits, std::to_chars(digits, digits + sizeof digits, *real).ptr);
+}
+
 // The answer as it stands; the standard where nothing is stored, or nothing that is a text.
 std::string okvDataManager::textAt(const Endpoint& endpoint) const {
     const auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
-    if (const auto* text = answer.getIf<std::string>()) return *text;
-    return answer.is<std::int64_t>() ? std::to_string(answer.longLongValue()) : endpoint.standard;
+    return textOf(answer).value_or(endpoint.standard);
 }
 
 std::int32_t okvDataManager::portAt(const Endpoint& endpoint) const {
@@ -535,7 +552,7 @@ std::string okvDataManager::checkHTTPProtocol(std::int32_t port) const {
 }
 
 bool okvDataManager::isOKVServer(std::string_view url) const {
-    const auto host = hostOf(std::string(url));
+    const auto host = hostOf(url);
     if (!host) return false;
     const auto prefix = settingServHost();
     return !prefix.empty() && host->starts_with(prefix);  // an empty text is the prefix of none

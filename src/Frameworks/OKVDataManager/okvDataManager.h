@@ -160,23 +160,25 @@ template <>
 inline constexpr auto okv::protocol<OKVClientMng_protocol> =
     okv::protocolTable(okv::row<&OKVClientMng_protocol::disConnectSrv>("disConnectSrv"));
 
-/// An object of the client that wants to hear of changed settings, in its run loop. The centre keeps no
-/// reference to it: one that goes away is skipped, and withdraws its registrations in its `dealloc`:
+/// An object of the client that wants to hear of changed settings, in its run loop. The centre
+/// keeps no reference to it: one that goes away is skipped, and withdraws its registrations in its
+/// `dealloc`:
 ///
 ///     okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
 class OKV_EXPORT OKVSettingObserver : public okv::Object {
 public:
     /// "jp.nrm.okv6.notification" was posted; hand its user information to `updateSessionUserId`.
     virtual void settingChanged(const okv::Notification& notification) = 0;
-    /// So many notices, of whatever name, were posted while this process did not run, and cannot be read any more.
+    /// So many notices, of whatever name, were posted while this process did not run, and cannot be
+    /// read any more.
     virtual void settingChangesMissed(std::uint64_t /*count*/) {}
 };
 
 /// A process's way to its settings: one shared object that is connected to the data server.
 ///
 ///     auto manager = okvDataManager::sharedDataManager();
-///     if (!manager) return;                                  // no data server; the next call
-///     tries again okv::Value colour = manager->okvData("dc-gui-colour");
+///     if (!manager) return;  // no data server; the next call tries again
+///     okv::Value colour = manager->okvData("dc-gui-colour");
 ///
 /// Life. `sharedDataManager` creates the shared instance at its first call (five tries, half a
 /// second of sleep before each), checks it at every later one, reconnects it when its connection
@@ -274,9 +276,10 @@ public:
     // ---- Settings. Reads for the session user make sure that it still exists; writes take it as
     // it stands ----
 
-    /// Has the observer's `settingChanged` called for the notices of this sender (nil: of any), by the run loop of the
-    /// calling thread. No record is kept here, and nothing here undoes it.
-    void registerAsSettingNotifi_object(OKVSettingObserver& observer, const okv::Value& object = {});
+    /// Has the observer's `settingChanged` called for the notices of this sender (nil: of any), by
+    /// the run loop of the calling thread. No record is kept here, and nothing here undoes it.
+    void registerAsSettingNotifi_object(OKVSettingObserver& observer,
+                                        const okv::Value& object = {});
     bool reloadOKVData();
     std::int32_t userAppuid(std::int32_t osUid) const;
     /// The null object for an empty key, else what the server answers, nil included.

@@ -51,3 +51,20 @@ TEST(View, AnEmptiedUserStaysKnownAndKeepsItsAssignments) {
     EXPECT_NE(view.user(1), nullptr);
     EXPECT_EQ(view.accounts().at(1000).assigned, 1);
 }
+
+TEST(View, TellsTheUsersIdsInOrderThroughEveryChangeOfThem) {
+    using Ids = std::vector<std::int32_t>;
+    View view;
+    EXPECT_EQ(view.userIds(), Ids());
+    view.apply(step::AddUser{7});
+    view.apply(step::AddUser{1});
+    EXPECT_EQ(view.userIds(), (Ids{1, 7}));
+    view.apply(step::RemoveUser{7});
+    view.apply(step::AddUser{3});
+    EXPECT_EQ(view.userIds(), (Ids{1, 3})) << "as many as before, and not the same";
+    auto other = std::make_shared<View>();
+    other->apply(step::AddUser{1});
+    other->apply(step::AddUser{2});
+    view.apply(step::Reload{other});
+    EXPECT_EQ(view.userIds(), (Ids{1, 2}));
+}

@@ -296,6 +296,35 @@ TEST_F(ConnectionTest, ADeadPeerIsSeenWithoutARunLoopAndNothingIsPostedByLooking
     EXPECT_EQ(mourner_->deaths, 1);
 }
 
+TEST_F(ConnectionTest, AnObserverMayDropTheLastReferenceWhileACallerIsToldOfTheEnd) {
+    class Dropper final : public okv::Object {
+    public:
+        explicit Dropper(okv::Ref<okv::RemoteObject>& root) : root_(root) {
+            okv::NotificationCenter::defaultCenter().addObserver(
+                *this, &Dropper::drop, okv::NSConnectionDidDieNotification);
+        }
+        void drop(const okv::LocalNotification&) { root_ = nullptr; }
+
+    protected:
+        void dealloc() override {
+            okv::NotificationCenter::defaultCenter().removeObserver(
+                *this, okv::NSConnectionDidDieNotification);
+        }
+
+    private:
+        okv::Ref<okv::RemoteObject>& root_;
+    };
+    const auto dropper = okv::make<Dropper>(root_);
+    auto& port = root_->port();
+    connection_ = nullptr;
+    service_.stop();
+    std::string frame;
+    okv::beginRequest(frame, okv::kRootObject, "nothing", "");
+    okv::finishRequest(frame);
+    EXPECT_EQ(failureOf([&] { port.call(frame); }), ConnectionError::Kind::notSent);
+    EXPECT_FALSE(root_);
+}
+
 TEST_F(ConnectionTest, TheRunLoopPostsTheDeathOfAnIdleConnection) {
     service_.stop();
     serveUntil([&] { return mourner_->deaths == 1; });

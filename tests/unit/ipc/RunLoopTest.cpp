@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/wait.h>
@@ -140,6 +142,39 @@ TEST_F(RunLoopTest, ATaskThatQueuesItselfDoesNotKeepTheLoopFromItsDescriptors) {
     loop().watch(pipe.readable(), EPOLLIN, [&](std::uint32_t) { loop().stop(); });
     pipe.put();
     runToTheStop();
+}
+
+TEST_F(RunLoopTest, ALoopThatATaskRunsServesTheTasksBehindIt) {
+    const auto loop = okv::RunLoop::current();
+    bool second = false;
+    bool third = false;
+    loop->perform([&] {
+        loop->perform([&] { third = true; });
+        loop->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(100));
+    });
+    loop->perform([&] { second = true; });
+    loop->dispatch();
+    EXPECT_TRUE(second && third);
+}
+
+TEST_F(RunLoopTest, ATaskThatThrowsDoesNotStrandTheTasksBehindIt) {
+    const auto loop = okv::RunLoop::current();
+    bool second = false;
+    loop->perform([] { throw std::runtime_error("a task of the application"); });
+    loop->perform([&] { second = true; });
+    EXPECT_THROW(loop->dispatch(), std::runtime_error);
+    loop->dispatch();
+    EXPECT_TRUE(second);
+}
+
+TEST_F(RunLoopTest, ALoopThatATimerRunsServesTheTimersBehindIt) {
+    const auto loop = okv::RunLoop::current();
+    bool second = false;
+    loop->performAfter(
+        {}, [&] { loop->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(200)); });
+    loop->performAfter(std::chrono::milliseconds(20), [&] { second = true; });
+    loop->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(10));
+    EXPECT_TRUE(second);
 }
 
 TEST_F(RunLoopTest, TimersRunByTimeAndNotByOrderOfAsking) {

@@ -2,7 +2,6 @@
 #include <OKVDataManager/okvCmnUtilSeams.h>
 #include <OKVTesting/RuntimeFolder.h>
 
-
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

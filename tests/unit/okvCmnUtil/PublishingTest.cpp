@@ -103,6 +103,25 @@ TEST_F(Publishing, ANameIsSeenAndRefusedAcrossProcesses) {
     EXPECT_TRUE(held->isValid());
 }
 
+TEST_F(Publishing, TheDelegateThatIsGivenIsAsked) {
+    RefuseAll delegate;
+    const auto held = published(5, &delegate);
+    const auto loop = okv::RunLoop::current();
+    const pid_t child = fork();
+    if (child == 0) {
+        try {
+            okv::Connection::connectionWithRegisteredName(kName)->rootProxy();
+            _exit(1);
+        } catch (const okv::ConnectionError&) {
+            _exit(0);
+        }
+    }
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0)
+        loop->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(5));
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(Publishing, ADelegateMayTurnConnectionsAway) {
     RefuseAll delegate;
     okv::testing::ServiceThread service(kName, someRoot());

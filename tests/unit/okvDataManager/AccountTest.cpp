@@ -95,6 +95,9 @@ TEST_F(AccountTest, AnAccountBeyond31BitsIsFoundAndAsked) {
         const auto manager = okv::Ref<okvDataManager>::adopting((new okvDataManager)->init());
         ASSERT_TRUE(manager);
         EXPECT_EQ(manager->isAppUserIdWithOSId(), 8);
+        manager->updateSessionUserId(
+            Dictionary{{"osuserid", std::int64_t{large}}, {"session_userid", 9}});
+        EXPECT_EQ(manager->nowSessionUserId(), 9) << "switched by the low 32 bits";
         manager->okvCurrentHammerList2OSUid();
     }));
     for (const auto& message : server().messages()) {

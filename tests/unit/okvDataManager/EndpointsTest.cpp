@@ -129,6 +129,26 @@ TEST_F(EndpointsTest, WhatIsNoAddressOrHasNoHostIsNotTheServers) {
         EXPECT_FALSE(manager().isOKVServer(url)) << url;
     store(kHostKey, "");
     EXPECT_FALSE(manager().isOKVServer("https:///x"));
+    EXPECT_FALSE(manager().isOKVServer("https://set.example/"))
+        << "an empty text is the prefix of none";
+}
+
+TEST_F(EndpointsTest, AnAddressIsReadToItsEndNotToItsFirstNul) {
+    store(kHostKey, "set.example");
+    EXPECT_FALSE(manager().isOKVServer(std::string_view("https://set.example\0/x", 22)));
+}
+
+TEST_F(EndpointsTest, AStoredNumberReadsAsItsTextAndAContainerAsNothing) {
+    const std::pair<Value, const char*> rows[] = {{8, "8"},
+                                                  {true, "1"},
+                                                  {false, "0"},
+                                                  {2.5, "2.5"},
+                                                  {okv::Array{1}, OKV_DEFAULT_SETTING_HOST},
+                                                  {okv::Data{1}, OKV_DEFAULT_SETTING_HOST}};
+    for (const auto& [stored, text] : rows) {
+        store(kHostKey, stored);
+        EXPECT_EQ(manager().settingServHost(), text);
+    }
 }
 
 TEST_F(EndpointsTest, TheDefaultHostDecidesWhereNoneIsStored) {

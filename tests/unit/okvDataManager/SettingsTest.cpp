@@ -109,6 +109,18 @@ TEST_F(SettingsTest, ReadingSeveralKeysMovesToTheDefaultUserFirst) {
                             ReceivedMessage{"okvDataAllPT:appUid:", "@i", {Array{"k"}, 3}}));
 }
 
+TEST_F(SettingsTest, AReadTakesTwoRoundTripsHoweverManyUsersThereAre) {
+    for (const int count : {10, 1000, 100000}) {
+        Array users;
+        for (int id = 1; id <= count; ++id) users.emplace_back(id);
+        server().answer("useridAppListPT", users);
+        manager().setNowSessionUserId(count);
+        sent();
+        manager().okvData("k");
+        EXPECT_THAT(sent(), ElementsAre(userListMessage(), readOf(count)));
+    }
+}
+
 TEST_F(SettingsTest, FilteringIsOffByTheBooleanReadingOfTheSetting) {
     const std::vector<std::pair<Value, bool>> readings{
         {true, true}, {false, false}, {1, true},        {0, false},      {-2, true},

@@ -38,6 +38,7 @@ void leaveAStaleSocketBehind() {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t publisher = fork();
+    ASSERT_GE(publisher, 0);
     if (publisher == 0) {
         std::string why;
         const auto publication = okv::Publication::publish(kOKVDataServerName, {}, {}, why);

@@ -21,6 +21,7 @@
 /// The private fields, as they stand.
 struct okvDataManagerInspector {
     static bool isReconnectPermitted(const okvDataManager& manager) { return manager._bReconFlg; }
+    static bool wasServerFound(const okvDataManager& manager) { return manager._bSrvFlg; }
     static okv::Object* myObj(const okvDataManager& manager) { return manager._myObj; }
     static okv::Ref<okv::Connection> connection(const okvDataManager& manager) {
         return manager._connectSrv.load();

@@ -3,7 +3,6 @@
 #include <OKVPlatform/process/QuitEvent.h>
 #include <OKVTesting/RuntimeFolder.h>
 
-
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

@@ -71,6 +71,7 @@ Child::Child(const std::string& executable, const ChildOptions& options) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("no process");
     if (pid_ == 0) execute(executable, options, ends[1]);
     close(ends[1]);
     char first = 0;

@@ -1,4 +1,4 @@
-#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/ConnectionParts.h>
 
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/RegisteredName.h>
@@ -19,9 +19,6 @@ namespace {
 
 using Kind = ConnectionError::Kind;
 
-// What a peer may ask of this process before its run loop serves it.
-constexpr std::size_t kQueuedRequests = 1024;
-constexpr std::size_t kQueuedBytes = 4U << 20;
 // How long a writer that has to wait may overlook that nobody reads any more.
 constexpr int kLookAgainMilliseconds = 10;
 constexpr char kInherited[] = "the connection belongs to the parent process";
@@ -33,30 +30,7 @@ std::optional<RunLoop::Clock::time_point> deadlineAfter(double seconds) {
                                        std::chrono::duration<double>(seconds));
 }
 
-// Waits until the socket is ready or the deadline is over; answers whether it is ready.
-bool waitFor(int socket, short events, RunLoop::Clock::time_point deadline) {
-    for (;;) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - RunLoop::Clock::now()).count();
-        if (left <= 0) return false;
-        pollfd entry{socket, events, 0};
-        const int ready = poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left, 3600000)));
-        if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
-    }
-}
-
 }  // namespace
-
-struct Connection::PendingCall {
-    enum class State { waiting, answered, notUnderstood, failed };
-
-    std::uint32_t serial = 0;  // 0 waits for the greeting
-    bool onLoopThread = false;
-    bool leads = false;
-    State state = State::waiting;
-    std::string payload;
-    std::condition_variable turn;
-};
 
 Connection::Connection(PrivateDescriptor socket, PeerIdentity peer)
     : socket_(std::move(socket)), peer_(std::move(peer)), loop_(RunLoop::current()) {}
@@ -129,12 +103,15 @@ void Connection::link(PendingCall& pending, bool numbered) {
 }
 
 std::string Connection::call(std::string& frame) {
+    const auto self =
+        Ref<Connection>::retaining(this);  // an observer of the end may drop the last reference
     PendingCall pending;
     link(pending, true);
     setFrameSerial(frame, pending.serial);
     const auto written = write(frame, deadlineAfter(requestTimeout_));
     if (written == Written::timedOut) {
         unlink(pending);
+        postNoticeIfDue();
         throw ConnectionError(Kind::timedOut, "the peer took no request in the time that was set");
     }
     await(pending, deadlineAfter(replyTimeout_));
@@ -240,6 +217,7 @@ void Connection::unlink(PendingCall& pending) {
 
 void Connection::post(std::string frame) {
     if (!socket_.isValid()) throw ConnectionError(Kind::notSent, kInherited);
+    const auto self = Ref<Connection>::retaining(this);
     {
         const Lock lock(mutex_);
         throwIfEnded();
@@ -253,6 +231,8 @@ void Connection::post(std::string frame) {
 }
 
 void Connection::sendAnswer(std::string frame) {
+    if (!socket_.isValid()) return;
+    const auto self = Ref<Connection>::retaining(this);
     write(frame, std::nullopt);
     if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
 }
@@ -264,6 +244,7 @@ void Connection::lend(std::uint64_t object) {
 }
 
 Ref<RemoteObject> Connection::rootProxy() {
+    const auto self = Ref<Connection>::retaining(this);
     PendingCall pending;
     link(pending, false);
     {
@@ -274,122 +255,6 @@ Ref<RemoteObject> Connection::rootProxy() {
     settled(pending, Written::nothing);
     const Lock lock(mutex_);
     return hasRoot_ ? make<RemoteObject>(Ref<MessagePort>::retaining(this), kRootObject) : nullptr;
-}
-
-// ---- Reading ----
-
-void Connection::lead(PendingCall& pending) {
-    leading_ = true;
-    pending.leads = true;
-    // Another thread may sleep in the run loop: it must not wake up for bytes that this one reads.
-    setArmed(pending.onLoopThread || !loop_->isEngaged());
-}
-
-void Connection::setArmed(bool armed) {
-    if (armed_ == armed) return;
-    armed_ = armed;
-    loop_->rewatch(source_, armed ? std::uint32_t{EPOLLIN} : 0U);
-}
-
-void Connection::passLead() {
-    leading_ = false;
-    if (ended_) return;
-    if (pending_.empty()) return setArmed(true);
-    auto& next = *pending_.front();
-    lead(next);
-    next.turn.notify_one();
-}
-
-void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
-    reading_ = true;
-    lock.unlock();
-    const auto room = bytes_.room();
-    const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
-    const auto count =
-        ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
-    const int error = errno;
-    lock.lock();
-    reading_ = false;
-    if (!ready || (count < 0 && (error == EINTR || error == EAGAIN))) return;
-    if (count <= 0) return end(Kind::outcomeUnknown, "the peer hung up", true);
-    bytes_.added(static_cast<std::size_t>(count));
-    takeFrames();
-}
-
-void Connection::takeFrames() {
-    try {
-        while (const auto frame = bytes_.next()) takeFrame(*frame);
-    } catch (const std::exception& error) {
-        end(Kind::badData, error.what(), true);
-    }
-}
-
-void Connection::takeFrame(const Frame& frame) {
-    if (frame.kind == FrameKind::farewell) {
-        farewell_ = CborReader(frame.payload).text();
-    } else if (frame.kind == FrameKind::hello) {
-        takeHello(frame);
-    } else if (!greeted_) {
-        throw FrameError("a peer that does not greet first");
-    } else if (frame.kind == FrameKind::request) {
-        queue(frame);
-    } else {
-        settle(frame);
-    }
-}
-
-void Connection::takeHello(const Frame& frame) {
-    CborReader reader(frame.payload);
-    const auto version = reader.integer();
-    if (version != kWireVersion)
-        throw FrameError("a peer that speaks version " + std::to_string(version) + " of the wire");
-    hasRoot_ = reader.boolean();
-    greeted_ = true;
-    for (auto* waiting : pending_) {
-        if (waiting->serial != 0) continue;
-        waiting->state = PendingCall::State::answered;
-        waiting->turn.notify_one();
-    }
-}
-
-// An answer that nobody waits for any more belongs to a call that timed out, or to a message that
-// was posted.
-void Connection::settle(const Frame& frame) {
-    const auto at = std::find_if(pending_.begin(), pending_.end(), [&](const PendingCall* waiting) {
-        return waiting->serial == frame.serial;
-    });
-    if (at == pending_.end() || frame.serial == 0) return;
-    auto& settled = **at;
-    settled.payload = frame.payload;
-    settled.state = frame.kind == FrameKind::reply ? PendingCall::State::answered
-                                                   : PendingCall::State::notUnderstood;
-    pending_.erase(at);
-    settled.turn.notify_one();
-}
-
-void Connection::queue(const Frame& frame) {
-    queuedBytes_ += frame.payload.size();
-    if (queue_.size() >= kQueuedRequests || queuedBytes_ > kQueuedBytes)
-        throw FrameError("more requests than this process serves");
-    queue_.push_back({frame.serial, std::string(frame.payload)});
-    if (queue_.size() == 1) loop_->perform([this] { serveQueued(); }, this);
-}
-
-// The one place where a connection ends. Lock held; the caller posts the notice once it has given
-// the lock back.
-void Connection::end(Kind kind, std::string why, bool byPeer) {
-    if (reason_) return;
-    reason_ = End{kind, std::move(why)};
-    ended_.store(true, std::memory_order_release);
-    ::shutdown(socket_.get(), SHUT_RDWR);
-    setArmed(false);
-    for (auto* waiting : pending_) {
-        waiting->state = PendingCall::State::failed;
-        waiting->turn.notify_one();
-    }
-    pending_.clear();
-    if (!byPeer) queue_.clear();
-    noticeOwed_ = true;
 }
 
 // ---- On the run loop's thread ----
@@ -412,6 +277,18 @@ void Connection::serveQueued() {
     postNoticeIfDue();
 }
 
+// Counts a request as served however its handler ends.
+struct Connection::Served {
+    explicit Served(Connection& served) : connection(served) {}
+    Served(const Served&) = delete;
+    Served& operator=(const Served&) = delete;
+    ~Served() {
+        const Lock lock(connection.mutex_);
+        --connection.serving_;
+    }
+    Connection& connection;
+};
+
 bool Connection::serveNext() {
     QueuedRequest next;
     {
@@ -422,9 +299,8 @@ bool Connection::serveNext() {
         queuedBytes_ -= next.payload.size();
         ++serving_;
     }
+    const Served served(*this);
     handle(std::move(next));
-    const Lock lock(mutex_);
-    --serving_;
     return true;
 }
 

@@ -77,6 +77,7 @@ private:
     using Deadline = std::optional<RunLoop::Clock::time_point>;
     using Lock = std::unique_lock<std::mutex>;
     struct PendingCall;
+    struct Served;
     struct QueuedRequest {
         std::uint32_t serial;
         std::string payload;

@@ -57,9 +57,14 @@ void FrameBuffer::move(std::size_t capacity) {
     begin_ = 0;
 }
 
+void FrameBuffer::trim() noexcept {
+    if (!empty()) return;
+    begin_ = end_ = 0;
+    if (capacity_ > kKeptBuffer) bytes_.reset(), capacity_ = 0;
+}
+
 std::span<char> FrameBuffer::room() {
-    if (empty()) begin_ = end_ = 0;
-    if (empty() && capacity_ > kKeptBuffer) bytes_.reset(), capacity_ = 0;
+    trim();
     const auto held = end_ - begin_;
     const auto goal = std::min(wanted(), std::max(kSmallBuffer, held * 4));
     if (goal > capacity_) {

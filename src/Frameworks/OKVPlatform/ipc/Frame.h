@@ -64,6 +64,9 @@ public:
     std::optional<Frame> next();
 
     bool empty() const noexcept { return begin_ == end_; }
+    /// Gives a large frame's memory back, once it has been taken. Invalidates frames handed out
+    /// before.
+    void trim() noexcept;
     void setMaxPayload(std::size_t bytes) noexcept { maxPayload_ = bytes; }
 
 private:

@@ -135,6 +135,9 @@ bool NotificationFeed::deliverNext() {
         if (!entry) return false;
         entry_ = std::make_shared<const NotificationLogEntry>(std::move(*entry));
         nextRecipient_ = 0;
+        std::vector<Registration>
+            served;  // what their handlers hold may end with them and come here: not under the lock
+        served.swap(recipients_);
         const std::lock_guard lock(mutex_);
         recipients_ = registrations_;
         return true;

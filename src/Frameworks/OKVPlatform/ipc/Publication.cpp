@@ -80,7 +80,8 @@ bool Publication::isCounted(uid_t uid) const {
 }
 
 std::string Publication::refusalFor(const PeerIdentity& peer) const {
-    if (connections_.size() >= options_.maxConnections)
+    const auto kept = isCounted(peer.uid) ? options_.keptForOwn : 0;
+    if (connections_.size() + kept >= options_.maxConnections)
         return "too many connections: " + std::to_string(options_.maxConnections);
     const auto held = perUid_.find(peer.uid);
     if (!isCounted(peer.uid) || held == perUid_.end() ||
@@ -112,8 +113,8 @@ void Publication::remove(ServedConnection& connection) {
     ungreeted_.remove(&connection);
     const auto held = perUid_.find(connection.peer().uid);
     if (held != perUid_.end() && --held->second == 0) perUid_.erase(held);
+    connections_.erase(&connection);  // first: the callback may close all that is left
     if (options_.disconnected) options_.disconnected(connection);
-    connections_.erase(&connection);
     resumeAccepting();
 }
 

@@ -51,10 +51,14 @@ public:
 struct PublicationOptions {
     PublishedName::Options name{};
     std::size_t maxConnections = 1024;
-    std::size_t maxConnectionsPerUid = 1024;  ///< uid 0 and this process's own uid are not counted
+    std::size_t maxConnectionsPerUid = 128;  ///< uid 0 and this process's own uid are not counted
+    std::size_t keptForOwn =
+        0;  ///< of all connections, those only for uid 0 and this process's own uid
     std::size_t maxUngreeted = 32;  ///< beyond, the one that kept silent longest is dropped
     std::chrono::milliseconds greetWithin{2000};
     std::size_t maxRequestBytes = kMaxFramePayload;
+    /// Who may send requests of another size than that, where given.
+    std::function<std::size_t(const PeerIdentity&)> maxRequestBytesOf = {};
     std::size_t maxQueuedOutput =
         4U << 20;  ///< a client that does not read is not read either; one reply may exceed it
     std::size_t maxPendingRequests =
@@ -89,7 +93,8 @@ public:
     /// Whether everything that was sent has left this process.
     bool isFlushed() const noexcept;
 
-    /// Seconds; for calls that this process makes to its clients' objects.
+    /// Seconds; kept for who asks. A publication waits for no client, so that nothing is bounded by
+    /// them yet.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
     /// Not retained; null ends it.

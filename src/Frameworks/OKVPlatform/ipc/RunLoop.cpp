@@ -236,7 +236,6 @@ void RunLoop::serveTasks() {
     drain(wake_.get());
     for (auto left = taskCount(); left > 0 && serveTask(); --left) {
     }
-    if (taskCount() > 0) signal(wake_.get());
 }
 
 std::size_t RunLoop::taskCount() {
@@ -253,6 +252,9 @@ bool RunLoop::serveTask() {
         next = std::move(tasks_.front());
         tasks_.pop_front();
         owner = Ref<const Object>::unlessDying(next.owner);
+        // Before the task: it may run the loop itself, or throw, and those behind it must not be
+        // forgotten.
+        if (!tasks_.empty()) signal(wake_.get());
     }
     if (next.owner == nullptr || owner) next.task();
     return true;
@@ -267,10 +269,11 @@ void RunLoop::serveTimers() {
         {
             const std::lock_guard lock(mutex_);
             const auto first = timers_.begin();
-            if (first == timers_.end() || first->first > now) return setTimer();
+            if (first == timers_.end() || first->first > now) return;
             due = std::move(first->second);
             owner = Ref<const Object>::unlessDying(due.owner);
             timers_.erase(first);
+            setTimer();  // before the task, which may run the loop itself or throw
         }
         if (due.owner == nullptr || owner) due.task();
     }

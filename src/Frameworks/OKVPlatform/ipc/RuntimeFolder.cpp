@@ -15,7 +15,8 @@ namespace okv {
 namespace {
 
 const char* overriddenFolder() {
-    return secure_getenv("OKV_RUNTIME_DIR");
+    const char* folder = secure_getenv("OKV_RUNTIME_DIR");
+    return folder != nullptr && *folder != '\0' ? folder : nullptr;
 }
 
 std::optional<uid_t> serviceUser() {
@@ -41,7 +42,7 @@ std::string objectionTo(const struct stat& status, bool sharedWhenSticky) {
 
 std::string runtimeDirectory() {
     const char* folder = overriddenFolder();
-    return folder != nullptr && *folder != '\0' ? folder : OKV_RUNTIME_DIR;
+    return folder != nullptr ? folder : OKV_RUNTIME_DIR;
 }
 
 bool isServiceUser(uid_t uid) {

@@ -35,7 +35,8 @@ ServedConnection::ServedConnection(Publication& publication, PrivateDescriptor s
       loop_(publication.loop_),
       socket_(std::move(socket)),
       peer_(std::move(peer)),
-      bytes_(publication.options_.maxRequestBytes) {}
+      bytes_(publication.options_.maxRequestBytesOf ? publication.options_.maxRequestBytesOf(peer_)
+                                                    : publication.options_.maxRequestBytes) {}
 
 const PublicationOptions& ServedConnection::options() const noexcept {
     return publication_->options_;
@@ -44,6 +45,7 @@ const PublicationOptions& ServedConnection::options() const noexcept {
 // The greeting has mostly come along with the connection: reading at once spares the timer and
 // keeps those who greet apart from those who do not.
 void ServedConnection::start() {
+    if (publication_ == nullptr) return;  // who was told of it has closed it
     source_ = loop_->watch(
         socket_.get(), EPOLLIN, [this](std::uint32_t events) { serve(events); }, this);
     readOnce();
@@ -62,7 +64,12 @@ void ServedConnection::serve(std::uint32_t events) {
 
 // Once a turn: a client that sends without pause does not keep the others waiting.
 void ServedConnection::readOnce() {
-    const auto room = bytes_.room();
+    std::span<char> room;
+    try {
+        room = bytes_.room();
+    } catch (const std::bad_alloc&) {
+        return end("no memory for so large a request");
+    }
     const auto count = recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) return end();
@@ -86,7 +93,9 @@ void ServedConnection::takeFrames() {
         end(error.what());
     }
     taking_ = false;
-    if (publication_ != nullptr) updateEvents();
+    if (publication_ == nullptr) return;
+    bytes_.trim();
+    updateEvents();
 }
 
 void ServedConnection::takeFrame(const Frame& frame) {
@@ -112,7 +121,7 @@ void ServedConnection::handle(const Frame& frame) {
     ++pending_;
     const auto request = make<IncomingRequest>(Ref<MessagePort>::retaining(this), frame.serial,
                                                std::string(frame.payload));
-    const auto& root = publication_->root_;
+    const auto root = publication_->root_;  // held: the method may end the publication
     if (request->object() == kRootObject && root.handler != nullptr)
         return root.handler(root.target, *request);
     request->fail("no such object");
@@ -166,6 +175,12 @@ void ServedConnection::flush() {
                               MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0 && errno != EAGAIN && errno != EINTR) return end();
     if (count > 0) outFront_ += static_cast<std::size_t>(count);
+    // What has gone out is given up as soon as it is the larger part: a client that always leaves a
+    // little unread must not make the queue remember everything that it was ever sent.
+    if (outFront_ >= out_.size() - outFront_ && outFront_ < out_.size()) {
+        out_.erase(0, outFront_);
+        outFront_ = 0;
+    }
     if (outFront_ == out_.size()) {
         std::string().swap(out_);
         outFront_ = 0;
@@ -188,10 +203,10 @@ void ServedConnection::end(const std::string& farewell) {
     if (publication_ == nullptr) return;
     const auto self = Ref<ServedConnection>::retaining(this);
     if (!farewell.empty()) sendNow(encodeFarewell(farewell));
-    auto& publication = *publication_;
+    const auto publication = Ref<Publication>::retaining(publication_);
     publication_ = nullptr;
     loop_->forget(this);
-    publication.remove(*this);
+    publication->remove(*this);
     socket_.close();
 }
 

@@ -153,7 +153,13 @@ bool QuitEventListener::isRootOrOwnUser(const PeerIdentity& sender) {
 static void makeAppsFolder() {
     constexpr mode_t kSharedAndSticky = 01777;
     const auto path = runtimeDirectory() + "/" + kAppsFolder;
-    if (mkdir(path.c_str(), 0700) == 0) chmod(path.c_str(), kSharedAndSticky);
+    struct stat status {};
+    const bool made = mkdir(path.c_str(), 0700) == 0;
+    // Also where somebody made it and ended before it was opened.
+    const bool ownUnopened = !made && lstat(path.c_str(), &status) == 0 &&
+                             S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
+                             (status.st_mode & 07777) == 0700;
+    if (made || ownUnopened) chmod(path.c_str(), kSharedAndSticky);
 }
 
 std::unique_ptr<QuitEventListener> QuitEventListener::start(Handler handler, Permission mayAsk,

@@ -78,12 +78,14 @@ void writeLogLine(std::string_view text) {
 }
 
 void NSLog(const char* format, ...) {
+    const int savedErrno = errno;
     std::va_list values;
     va_start(values, format);
     const std::string text = formattedText(format, values);
     va_end(values);
     sink()(text);
     writeLogLine(text);
+    errno = savedErrno;
 }
 
 void setNSLogSink(NSLogSink function) {

@@ -202,6 +202,7 @@ CborReader::Item CborReader::next() {
     static const auto callbacks = Callbacks<Item>::table();
     itemStart_ = offset_;
     Item item;
+    if (++items_ > kMaxItems) refuse("more than 1048576 items");
     if (atEnd()) refuse("an item is missing");
     const auto result =
         cbor_stream_decode(bytesAt(bytes_, offset_), bytes_.size() - offset_, &callbacks, &item);

@@ -25,6 +25,10 @@ private:
 /// directions.
 inline constexpr std::size_t kMaxValueDepth = 64;
 
+/// So many items stand in one message at the most: each may cost its reader forty times the byte
+/// that it costs its sender.
+inline constexpr std::size_t kMaxItems = 1U << 20;
+
 /// Appends the wire form (RFC 8949) to a string that the caller owns: nil is `undefined`, the null
 /// object `null`, integers of either sign in the shortest form, reals 64 bits wide, strings as
 /// text, data as bytes, dates as tag 1 around a real, references to objects as the private tag
@@ -83,6 +87,7 @@ private:
     [[noreturn]] void refuse(const char* what) const;
 
     std::string_view bytes_;
+    std::size_t items_ = 0;
     std::size_t offset_ = 0;
     std::size_t itemStart_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <bit>
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 
@@ -46,6 +47,8 @@ std::uint64_t hashOf(std::uint64_t number) {
 
 std::uint64_t hashOf(const Value& key) {
     if (const auto* text = key.getIf<std::string>()) return hashOf(std::string_view(*text));
+    if (const auto* real = key.getIf<double>(); real != nullptr && std::isnan(*real))
+        return hashOf(std::uint64_t{0});  // equal, whatever their payload
     if (const auto* real = key.getIf<double>())
         return hashOf(std::bit_cast<std::uint64_t>(*real == 0 ? 0.0 : *real));
     return hashOf(static_cast<std::uint64_t>(key.longLongValue()));

@@ -54,7 +54,8 @@ public:
     Ref(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): none is spelled nullptr
     Ref(const Ref& other) noexcept : Ref(retaining(other.object_)) {}
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    // As pointers do. clang-format off
+    // As pointers do.
+    // clang-format off
     template <class U>
         requires std::is_convertible_v<U*, T*>
     Ref(Ref<U> other) noexcept : object_(other.leak()) {}  // NOLINT(google-explicit-constructor)

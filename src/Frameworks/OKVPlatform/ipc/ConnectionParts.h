@@ -1,0 +1,26 @@
+#pragma once
+
+#include <OKVPlatform/ipc/Connection.h>
+
+#include <condition_variable>
+#include <string>
+
+// What the two halves of a connection share: calls (Connection.cpp) and reading
+// (ConnectionReading.cpp).
+namespace okv {
+
+struct Connection::PendingCall {
+    enum class State { waiting, answered, notUnderstood, failed };
+
+    std::uint32_t serial = 0;  // 0 waits for the greeting
+    bool onLoopThread = false;
+    bool leads = false;
+    State state = State::waiting;
+    std::string payload;
+    std::condition_variable turn;
+};
+
+/// Waits until the socket is ready or the deadline is over; answers whether it is ready.
+bool waitFor(int socket, short events, RunLoop::Clock::time_point deadline);
+
+}  // namespace okv
