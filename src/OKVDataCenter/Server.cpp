@@ -1,7 +1,9 @@
 #include "Server.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace datacenter {
@@ -14,6 +16,15 @@ namespace {
 // A client that does not read its last answers is not waited for longer than this.
 constexpr std::chrono::seconds kFlushWithin{2};
 constexpr std::chrono::milliseconds kFlushAgain{5};
+
+// Kept from the clients, for the store, the notices and what else the server opens.
+constexpr std::size_t kOwnDescriptors = 32;
+
+std::size_t descriptorsForClients() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
+    return limit.rlim_cur > kOwnDescriptors ? limit.rlim_cur - kOwnDescriptors : 1;
+}
 
 double secondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
@@ -63,8 +74,9 @@ okv::PublicationOptions Server::options() {
     options.maxRequestBytesOf = [this](const okv::PeerIdentity& peer) {
         return rights_.isAdministrator(peer) ? limits_.importBytes : 2 * limits_.requestBytes;
     };
+    options.maxConnections = std::min(options.maxConnections, descriptorsForClients());
     options.maxConnectionsPerUid = limits_.connectionsPerUid;
-    options.keptForOwn = limits_.keptConnections;
+    options.keptForOwn = std::min(limits_.keptConnections, options.maxConnections / 2);
     options.disconnected = [this](okv::MessagePort& port) { state_.clients.remove(port); };
     return options;
 }

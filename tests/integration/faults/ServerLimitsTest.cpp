@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -20,20 +21,24 @@ using okv::Value;
 
 namespace {
 
-/// Whoever is started while it lives has so few descriptors.
+/// Whoever is forked while it lives has so few descriptors, for good; this process keeps its own.
 class FewDescriptors {
 public:
     explicit FewDescriptors(rlim_t count) {
-        getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit few{count, before_.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
+        static const int registered = pthread_atfork(nullptr, nullptr, limitChild);
+        EXPECT_EQ(registered, 0);
+        few = count;
     }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+    ~FewDescriptors() { few = 0; }
     FewDescriptors(const FewDescriptors&) = delete;
     FewDescriptors& operator=(const FewDescriptors&) = delete;
 
 private:
-    rlimit before_{};
+    static void limitChild() {
+        const rlimit limit{few, few};
+        if (few != 0) setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    static inline rlim_t few = 0;
 };
 
 /// A client that greets and asks, and looks whether it was answered.
