@@ -256,12 +256,15 @@ TEST(ProcessTable, AFolderThatCannotBeReadIsAnError) {
 TEST(ProcessTable, RunningOutOfDescriptorsIsAnErrorAndNoShortList) {
     const int outcome = processtest::inFork([] {
         std::vector<ProcessRecord> records(100000);
+        KernelProcessTable table;
+        std::size_t length = records.size() * sizeof(ProcessRecord);
+        query(table, records.data(),
+              length);  // a sanitizer's first look at the object needs descriptors itself
         const auto next = static_cast<rlim_t>(dup(0));
         const rlimit limit{next + 1, next + 1};
         close(static_cast<int>(next));
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
-        KernelProcessTable table;
-        std::size_t length = records.size() * sizeof(ProcessRecord);
+        length = records.size() * sizeof(ProcessRecord);
         if (query(table, records.data(), length) != -1 || errno != EMFILE) return 2;
         return length == 0 ? 0 : 3;
     });

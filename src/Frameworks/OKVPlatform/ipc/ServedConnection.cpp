@@ -137,14 +137,19 @@ void ServedConnection::post(std::string frame) {
         setFrameSerial(frame, ++lastSerial_);
         return sendNow(frame);
     }
+    // What waits for a loop that does not run any more would keep itself: it is the connection's,
+    // and goes with its end.
     const auto self = Ref<ServedConnection>::retaining(this);
-    loop_->perform([self, held = std::move(frame)]() mutable { self->post(std::move(held)); });
+    if (ended_.load(std::memory_order_acquire)) return;
+    loop_->perform([self, held = std::move(frame)]() mutable { self->post(std::move(held)); },
+                   this);
 }
 
 void ServedConnection::sendAnswer(std::string frame) {
     if (loop_->isCurrent()) return answerNow(frame);
     const auto self = Ref<ServedConnection>::retaining(this);
-    loop_->perform([self, held = std::move(frame)] { self->answerNow(held); });
+    if (ended_.load(std::memory_order_acquire)) return;
+    loop_->perform([self, held = std::move(frame)] { self->answerNow(held); }, this);
 }
 
 void ServedConnection::answerNow(std::string_view frame) {
@@ -205,6 +210,7 @@ void ServedConnection::end(const std::string& farewell) {
     if (!farewell.empty()) sendNow(encodeFarewell(farewell));
     const auto publication = Ref<Publication>::retaining(publication_);
     publication_ = nullptr;
+    ended_.store(true, std::memory_order_release);
     loop_->forget(this);
     publication->remove(*this);
     socket_.close();

@@ -43,7 +43,8 @@ private:
     void updateEvents();
     const PublicationOptions& options() const noexcept;
 
-    Publication* publication_;  // null once ended
+    Publication* publication_;        // null once ended
+    std::atomic<bool> ended_{false};  // the same, for other threads
     const Ref<RunLoop> loop_;
     PrivateDescriptor socket_;
     const PeerIdentity peer_;
