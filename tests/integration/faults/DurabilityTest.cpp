@@ -157,7 +157,8 @@ void killWhileWriting(ServerProcess& server, const std::vector<Writer*>& writers
     }
     while (begun < static_cast<int>(writers.size())) std::this_thread::yield();
     // At another moment of the commit in every round.
-    std::this_thread::sleep_for(std::chrono::microseconds(round * 397 % 20000));
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(round * 397 * kSlowness % (20000 * kSlowness)));
     server.signal(SIGKILL);
     for (auto& thread : threads) thread.join();
     server.wait();

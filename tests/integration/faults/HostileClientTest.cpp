@@ -273,7 +273,7 @@ TEST_F(HostileClient, IsAnsweredOrDroppedWhateverBecameOfTenThousandGoodRequests
     const Witness witness;
     Mutator mutator(20260501);
     long dropped = 0, answered = 0;
-    for (int left = rounds(10000); left > 0;) {
+    for (int left = 10000; left > 0;) {
         auto bytes = hello();
         for (auto inOne = 1 + mutator.below(4); inOne > 0; --inOne, --left)
             bytes += mutator.mutatedFrame(good[mutator.below(good.size())]);
@@ -291,6 +291,6 @@ TEST_F(HostileClient, IsAnsweredOrDroppedWhateverBecameOfTenThousandGoodRequests
 TEST_F(HostileClient, MayMutateItsHelloToo) {
     const Witness witness;
     Mutator mutator(7);
-    for (int left = rounds(2000); left > 0; --left)
+    for (int left = 2000; left > 0; --left)
         ASSERT_TRUE(say(mutator.mutated(hello() + sentinel()) + sentinel()).closed);
 }

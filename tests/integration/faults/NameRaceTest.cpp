@@ -104,11 +104,15 @@ public:
         *found = launch();
         ++kills_;
     }
-    /// Until the name was held so often; false when it is not in good time.
-    bool awaitHeld(long count) const {
+    /// Until it is so; false when that takes too long.
+    template <class Condition>
+    bool await(Condition holds) const {
         const auto deadline = Clock::now() + std::chrono::seconds(30);
-        while (board_->held < count && Clock::now() < deadline) std::this_thread::yield();
-        return board_->held >= count;
+        while (!holds(*board_) && Clock::now() < deadline) std::this_thread::yield();
+        return holds(*board_);
+    }
+    bool awaitHeld(long count) const {
+        return await([count](const Board& board) { return board.held >= count; });
     }
     int kills() const { return kills_; }
 
@@ -167,7 +171,6 @@ TEST(ARacedName, ThatIsNotLockedHasTwoHolders) {
     PublishedName::Options options;
     options.subfolder = "apps";
     const Race race(options);
-    EXPECT_TRUE(race.awaitHeld(rounds(2000)));
-    EXPECT_GT(race.board().twoHolders, 0);
-    EXPECT_GT(race.board().strayed, 0);
+    EXPECT_TRUE(race.await([](const Board& board) { return board.twoHolders > 0; }));
+    EXPECT_TRUE(race.await([](const Board& board) { return board.strayed > 0; }));
 }
