@@ -30,6 +30,17 @@ protected:
 
 }  // namespace
 
+// Under the thread sanitizer a process has a thread of the sanitizer's beside its own.
+#if !defined(__SANITIZE_THREAD__)
+TEST_F(DataManagerProcess, AConnectedClientHasExactlyOneThread) {
+    const auto manager = shared();
+    ASSERT_TRUE(manager);
+    EXPECT_EQ(manager->defaultUserId(), 1);
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    EXPECT_EQ(std::distance(begin(threads), end(threads)), 1);
+}
+#endif
+
 TEST_F(DataManagerProcess, AServerKilledWhileNobodyRunsALoopIsSeenByTheNextCallWhichAnswersNull) {
     const auto old = shared();
     ASSERT_TRUE(old);
