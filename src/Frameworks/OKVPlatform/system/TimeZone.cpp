@@ -81,6 +81,8 @@ static_assert(std::is_sorted(kAbbreviations.begin(), kAbbreviations.end()));
 
 const date::time_zone* zoneOfDatabase(const std::string& name) noexcept {
     try {
+        // Under a guard of ours, and once: every thread meets the database as a whole.
+        [[maybe_unused]] static const date::tzdb& database = date::get_tzdb();
         return date::locate_zone(name);
     } catch (const std::exception&) {
         return nullptr;  // No such zone, or no database at all.
