@@ -289,11 +289,11 @@ TEST_F(RegisteredNameTest, AKilledPublishersNameIsFreeThoughItsForkedChildLivesO
     int pids[2];
     ASSERT_EQ(pipe(pids), 0);
     PublisherProcess publisher(geteuid(), [&] {
-        const pid_t grandchild = fork();
-        if (grandchild == 0) {
-            for (;;) pause();
-        }
+        if (fork() != 0) return;
+        // Told by itself: only once it runs has the fork closed what it inherited.
+        const pid_t grandchild = getpid();
         if (write(pids[1], &grandchild, sizeof grandchild) < 0) _exit(1);
+        for (;;) pause();
     });
     pid_t grandchild = -1;
     ASSERT_EQ(read(pids[0], &grandchild, sizeof grandchild), ssize_t{sizeof grandchild});
