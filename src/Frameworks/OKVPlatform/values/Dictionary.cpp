@@ -1,3 +1,4 @@
+#include <OKVPlatform/values/SeededHash.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <sys/random.h>
@@ -15,7 +16,7 @@ constexpr std::size_t kNowhere = SIZE_MAX;
 // Up to this many entries a walk is faster than a hash.
 constexpr std::size_t kUnindexed = 16;
 
-std::uint64_t randomSeed() {
+std::uint64_t randomSeed() noexcept {
     std::uint64_t seed = 0;
     if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
         seed = reinterpret_cast<std::uintptr_t>(&seed);
@@ -28,7 +29,9 @@ std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
-std::uint64_t hashOf(std::string_view bytes) {
+}  // namespace
+
+std::uint64_t seededHash(std::string_view bytes) noexcept {
     static const std::uint64_t seed = randomSeed();
     auto hash = seed ^ bytes.size();
     for (; bytes.size() >= 8; bytes.remove_prefix(8)) {
@@ -39,6 +42,12 @@ std::uint64_t hashOf(std::string_view bytes) {
     std::uint64_t tail = 0;
     std::memcpy(&tail, bytes.data(), bytes.size());
     return mixed(hash ^ tail, 0xD6E8FEB86659FD93U ^ (seed << 1 | 1));
+}
+
+namespace {
+
+std::uint64_t hashOf(std::string_view bytes) {
+    return seededHash(bytes);
 }
 
 std::uint64_t hashOf(std::uint64_t number) {
@@ -81,6 +90,26 @@ struct Dictionary::Index {
             if (equals(entries[slots[slot] - 1].key, key)) return slots[slot] - 1;
         }
         return kNowhere;
+    }
+
+    // Takes a position out, before its entry goes; those behind it come one forward.
+    void takeOut(std::size_t position, const std::vector<Entry>& entries) {
+        auto slot = hashOf(entries[position].key) & (slots.size() - 1);
+        while (slots[slot] != position + 1) slot = (slot + 1) & (slots.size() - 1);
+        free(slot, entries);
+        for (auto& held : slots) held -= held > position + 1 ? 1 : 0;
+    }
+
+    // Fills the gap from the run behind it, so that no search ends at it too early.
+    void free(std::size_t gap, const std::vector<Entry>& entries) {
+        const auto mask = slots.size() - 1;
+        for (auto slot = (gap + 1) & mask; slots[slot] != 0; slot = (slot + 1) & mask) {
+            const auto home = hashOf(entries[slots[slot] - 1].key) & mask;
+            if (((slot - home) & mask) < ((slot - gap) & mask)) continue;  // begins behind the gap
+            slots[gap] = slots[slot];
+            gap = slot;
+        }
+        slots[gap] = 0;
     }
 
     std::vector<std::uint32_t> slots;
@@ -180,8 +209,11 @@ const Value& Dictionary::operator[](std::string_view key) const {
 bool Dictionary::erase(const Value& key) {
     const auto at = position(key);
     if (at == kNowhere) return false;
+    const bool isSmall = entries_.size() <= kUnindexed + 1;
+    const bool keepsIndex = index_ && !isSmall && entries_.size() * 16 > index_->slots.size();
+    if (keepsIndex) index_->takeOut(at, entries_);
     entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(at));
-    rebuildIndex();
+    if (!keepsIndex) rebuildIndex();
     return true;
 }
 
