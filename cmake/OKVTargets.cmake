@@ -3,18 +3,26 @@
 function(okv_compile_options target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wundef -Wformat=2 -Werror)
+    # Calls inside a library are its own, and those out of it are bound when it is loaded.
+    target_compile_options(${target} PRIVATE $<$<CONFIG:Release,RelWithDebInfo>:-fno-semantic-interposition;-fno-plt>)
+    target_link_options(${target} PRIVATE LINKER:-Bsymbolic-functions LINKER:-z,now)
     set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
-# okv_add_framework(OKVPlatform Platform): a shared library of ours, exported as okv::Platform.
+# okv_add_framework(OKVPlatform Platform [STATIC]): a library of ours, shared if not told otherwise, exported as okv::Platform.
 function(okv_add_framework name export_name)
-    add_library(${name} SHARED)
+    cmake_parse_arguments(arg "STATIC" "" "" ${ARGN})
+    set(kind SHARED)
+    if(arg_STATIC)
+        set(kind STATIC)
+    endif()
+    add_library(${name} ${kind})
     add_library(okv::${export_name} ALIAS ${name})
     okv_compile_options(${name})
     target_compile_features(${name} PUBLIC cxx_std_20)
     target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${OKV_BUILD_FUZZ}>>:LINKER:--no-undefined>)
     set_target_properties(${name} PROPERTIES EXPORT_NAME ${export_name} VERSION ${OKV_ABI_VERSION}.0.0
-        SOVERSION ${OKV_ABI_VERSION} VERIFY_INTERFACE_HEADER_SETS ON)
+        SOVERSION ${OKV_ABI_VERSION} VERIFY_INTERFACE_HEADER_SETS ON POSITION_INDEPENDENT_CODE ON)
     set_property(GLOBAL APPEND PROPERTY OKV_FRAMEWORKS ${name})
 endfunction()
 

@@ -70,6 +70,40 @@ TEST_F(PublicationTest, AnAnswerThatMakesRoomDoesNotServeTheNextRequestInsideThe
     EXPECT_EQ(root_.deepest, 1) << "a burst would use up the stack";
 }
 
+namespace {
+
+std::string manyRequests(std::uint32_t count) {
+    std::string all;
+    for (std::uint32_t i = 1; i <= count; ++i) all += RawClient::request(i, "echo", 1);
+    return all;
+}
+
+}  // namespace
+
+TEST_F(PublicationTest, AClientWithManyRequestsAtOnceLetsTheOthersComeInBetween) {
+    publish();
+    auto busy = greeted(), other = greeted();
+    const auto all = manyRequests(80);
+    EXPECT_EQ(busy.send(all), all.size());
+    other.send(RawClient::request(77, "echo", "a single one"));
+    for (int turn = 0; turn < 80 && !other.next(); ++turn) RunLoop::current()->dispatch();
+    EXPECT_LT(root_.handled, 20);
+    int answers = 0;
+    EXPECT_TRUE(serveUntil([&] {
+        while (busy.next()) ++answers;
+        return answers == 80;
+    }));
+}
+
+TEST_F(PublicationTest, RequestsThatWaitForTheirTurnAreServedThoughTheClientHasHungUp) {
+    publish();
+    auto client = greeted();
+    client.send(manyRequests(80));
+    client.hangUp();
+    EXPECT_TRUE(serveUntil([&] { return publication_->connectionCount() == 0; }));
+    EXPECT_EQ(root_.handled, 80);
+}
+
 TEST_F(PublicationTest, RunningOutOfDescriptorsIsSurvived) {
     EXPECT_TRUE(succeedsInAChild([&] {
         publish();

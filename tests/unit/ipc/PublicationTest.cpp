@@ -136,6 +136,37 @@ TEST_F(PublicationTest, AClientThatIsNotReadIsStillSeenToGo) {
     EXPECT_TRUE(serveUntil([&] { return publication_->connectionCount() == 0; }));
 }
 
+// The server is told once of what came and of the end behind it: both must be seen.
+TEST_F(PublicationTest, WhatCameTogetherWithItsSendersEndIsServedAndTheEndIsSeen) {
+    publish();
+    auto client = greeted();
+    client.send(RawClient::request(1, "keep", 1));
+    client.hangUp();
+    ASSERT_TRUE(serveUntil([&] { return publication_->connectionCount() == 0; }));
+    EXPECT_EQ(root_.handled, 1);
+}
+
+TEST_F(PublicationTest, AClientThatOnlyEndsItsOwnSideIsLetGo) {
+    publish();
+    auto client = greeted();
+    client.send(RawClient::request(1, "keep", 1));
+    client.endSending();
+    ASSERT_TRUE(serveUntil([&] { return publication_->connectionCount() == 0; }));
+    EXPECT_EQ(root_.handled, 1);
+}
+
+// Far more than is read in one turn, and nothing comes behind it that would tell of it again.
+TEST_F(PublicationTest, RequestsThatCameInOneBurstAreAllServed) {
+    constexpr int requests = 1000;
+    publish();
+    auto client = greeted();
+    std::string burst;
+    for (std::uint32_t i = 1; i <= requests; ++i) burst += RawClient::request(i, "echo", i);
+    ASSERT_GT(burst.size(), 8192U);
+    ASSERT_EQ(client.send(burst), burst.size());
+    EXPECT_TRUE(serveUntil([&] { return root_.handled == requests; }));
+}
+
 TEST_F(PublicationTest, WhoIsConnectedStaysSoWhenNoMoreAreAccepted) {
     publish();
     auto client = greeted();

@@ -20,6 +20,7 @@ public:
 
     bool isConnected() const { return socket_.isValid(); }
     void hangUp() { socket_.close(); }
+    void endSending() { ::shutdown(socket_.get(), SHUT_WR); }
     /// Answers how many of the bytes went out.
     std::size_t send(std::string_view bytes) {
         const auto count =

@@ -137,11 +137,15 @@ TEST_F(RunLoopTest, TasksOfOtherThreadsRunOnTheLoopsOwn) {
 
 TEST_F(RunLoopTest, ATaskThatQueuesItselfDoesNotKeepTheLoopFromItsDescriptors) {
     const Pipe pipe;
-    std::function<void()> again = [&] { loop().perform(again); };
+    const auto over = std::make_shared<bool>(false);  // the task outlives the test
+    std::function<void()> again = [&, over] {
+        if (!*over) loop().perform(again);
+    };
     again();
     loop().watch(pipe.readable(), EPOLLIN, [&](std::uint32_t) { loop().stop(); });
     pipe.put();
     runToTheStop();
+    *over = true;
 }
 
 TEST_F(RunLoopTest, ALoopThatATaskRunsServesTheTasksBehindIt) {

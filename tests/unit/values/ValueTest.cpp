@@ -1,9 +1,14 @@
+#include <OKVPlatform/values/SeededHash.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <random>
+#include <set>
+#include <vector>
 
 using okv::Array;
 using okv::Data;
@@ -79,6 +84,40 @@ TEST(Dictionary, FindsEveryKeyOfALargeOneAfterErasing) {
     for (int i = 0; i < 5000; i += 100) EXPECT_TRUE(dictionary.erase(i));
     for (int i = 0; i < 5000; ++i) EXPECT_EQ(dictionary[Value(i)].isNil(), i % 100 == 0);
     EXPECT_EQ(dictionary.size(), 4950U);
+}
+
+TEST(Dictionary, IsTheSameAsAPlainListThroughAnyMixOfChanges) {
+    Dictionary dictionary;
+    std::vector<std::pair<int, int>> plain;
+    std::mt19937 random(7);
+    for (int round = 0; round < 20000; ++round) {
+        // It grows at first, and shrinks to nothing in the end.
+        const int key = static_cast<int>(random() % 300);
+        const auto at = std::find_if(plain.begin(), plain.end(),
+                                     [&](const auto& entry) { return entry.first == key; });
+        if (random() % 20000 < static_cast<unsigned>(round)) {
+            EXPECT_EQ(dictionary.erase(key), at != plain.end());
+            if (at != plain.end()) plain.erase(at);
+        } else {
+            dictionary.set(key, round);
+            if (at != plain.end()) at->second = round;
+            if (at == plain.end()) plain.emplace_back(key, round);
+        }
+        if (round % 50 != 0) continue;
+        ASSERT_EQ(dictionary.size(), plain.size());
+        for (std::size_t i = 0; i < plain.size(); ++i) {
+            ASSERT_EQ(dictionary.begin()[i].key, Value(plain[i].first));
+            ASSERT_EQ(dictionary[Value(plain[i].first)], Value(plain[i].second));
+        }
+    }
+}
+
+TEST(SeededHash, IsTheSameForTheSameTextAndHardlyEverForAnother) {
+    std::set<std::uint64_t> hashes;
+    for (int i = 0; i < 20000; ++i) hashes.insert(okv::seededHash("dc-key-" + std::to_string(i)));
+    EXPECT_EQ(hashes.size(), 20000U);
+    EXPECT_EQ(okv::seededHash("dc-key-1"), okv::seededHash(std::string("dc-key-1")));
+    EXPECT_NE(okv::seededHash(""), okv::seededHash(std::string_view("\0", 1)));
 }
 
 TEST(Dictionary, ComparesWithoutRegardToOrder) {

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 namespace okv {
 
@@ -45,20 +46,23 @@ Ref<Connection> Connection::connectionWithRegisteredName(std::string_view name,
     auto connected = connectToName(name);
     if (why != nullptr) *why = connected.why;
     if (!connected.socket.isValid()) return nullptr;
-    return connectionWithSocket(std::move(connected.socket), std::move(connected.peer));
+    auto connection = connectionWithSocket(std::move(connected.socket), std::move(connected.peer));
+    if (!connection && why != nullptr) *why = kUnwatched;
+    return connection;
 }
 
 Ref<Connection> Connection::connectionWithSocket(PrivateDescriptor socket, PeerIdentity peer) {
     auto connection = make<Connection>(std::move(socket), std::move(peer));
-    connection->start();
-    return connection;
+    return connection->start() ? connection : nullptr;
 }
 
-void Connection::start() {
+bool Connection::start() {
     source_ = loop_->watch(
         socket_.get(), EPOLLIN, [this](std::uint32_t) { serve(); }, this);
+    if (source_ == 0) return false;
     armed_ = true;
     write(encodeHello(), std::nullopt);
+    return true;
 }
 
 void Connection::dealloc() {
@@ -99,14 +103,29 @@ void Connection::link(PendingCall& pending, bool numbered) {
     if (numbered && ++lastSerial_ == 0) ++lastSerial_;
     if (numbered) pending.serial = lastSerial_;
     pending_.push_back(&pending);
+    pending.isLinked = true;
     if (!leading_) lead(pending);
 }
+
+// A call that is linked only as long as it lasts, however it ends: without memory, too.
+struct Connection::Linked {
+    Linked(Connection& to, PendingCall& call, bool numbered) : connection(to), pending(call) {
+        connection.link(pending, numbered);
+    }
+    Linked(const Linked&) = delete;
+    Linked& operator=(const Linked&) = delete;
+    ~Linked() {
+        if (pending.isLinked) connection.unlink(pending);
+    }
+    Connection& connection;
+    PendingCall& pending;
+};
 
 std::string Connection::call(std::string& frame) {
     const auto self =
         Ref<Connection>::retaining(this);  // an observer of the end may drop the last reference
     PendingCall pending;
-    link(pending, true);
+    const Linked linked(*this, pending, true);
     setFrameSerial(frame, pending.serial);
     const auto written = write(frame, deadlineAfter(requestTimeout_));
     if (written == Written::timedOut) {
@@ -205,14 +224,19 @@ void Connection::await(PendingCall& pending, Deadline deadline) {
             pending.turn.wait(lock);
         }
     }
-    std::erase(pending_, &pending);
-    if (pending.leads) passLead();
+    forget(pending);
 }
 
 void Connection::unlink(PendingCall& pending) {
     const Lock lock(mutex_);
+    forget(pending);
+}
+
+// Lock held.
+void Connection::forget(PendingCall& pending) {
+    pending.isLinked = false;
     std::erase(pending_, &pending);
-    if (pending.leads) passLead();
+    if (std::exchange(pending.leads, false)) passLead();
 }
 
 void Connection::post(std::string frame) {
@@ -246,7 +270,7 @@ void Connection::lend(std::uint64_t object) {
 Ref<RemoteObject> Connection::rootProxy() {
     const auto self = Ref<Connection>::retaining(this);
     PendingCall pending;
-    link(pending, false);
+    const Linked linked(*this, pending, false);
     {
         const Lock lock(mutex_);
         if (greeted_) pending.state = PendingCall::State::answered;
@@ -259,13 +283,22 @@ Ref<RemoteObject> Connection::rootProxy() {
 
 // ---- On the run loop's thread ----
 
+// Passes the lead on however its reading ends. Lock held.
+struct Connection::Leading {
+    explicit Leading(Connection& led) : connection(led) {}
+    Leading(const Leading&) = delete;
+    Leading& operator=(const Leading&) = delete;
+    ~Leading() { connection.passLead(); }
+    Connection& connection;
+};
+
 void Connection::serve() {
     {
         Lock lock(mutex_);
         if (!leading_ && !reading_ && !ended_) {
             leading_ = true;
+            const Leading self(*this);
             readOnce(lock, false, std::nullopt);
-            passLead();
         }
     }
     serveQueued();

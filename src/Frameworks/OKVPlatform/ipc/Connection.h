@@ -45,7 +45,8 @@ public:
     static Ref<Connection> connectionWithRegisteredName(
         std::string_view name, std::optional<std::string_view> host = std::nullopt,
         std::string* why = nullptr);
-    /// Takes over a connected socket and greets its peer.
+    /// Takes over a connected socket and greets its peer. Null when the system has no room to watch
+    /// it.
     static Ref<Connection> connectionWithSocket(PrivateDescriptor socket, PeerIdentity peer);
 
     /// The server's root object; null when it vends none. Waits for the server's greeting at the
@@ -77,6 +78,8 @@ private:
     using Deadline = std::optional<RunLoop::Clock::time_point>;
     using Lock = std::unique_lock<std::mutex>;
     struct PendingCall;
+    struct Leading;
+    struct Linked;
     struct Served;
     struct QueuedRequest {
         std::uint32_t serial;
@@ -89,7 +92,7 @@ private:
     enum class Written { all, nothing, timedOut };
 
     Connection(PrivateDescriptor socket, PeerIdentity peer);
-    void start();
+    bool start();
 
     // Calls
     void throwIfEnded() const;
@@ -98,6 +101,7 @@ private:
     bool awaitRoom(Deadline deadline);
     void await(PendingCall& pending, Deadline deadline);
     void unlink(PendingCall& pending);
+    void forget(PendingCall& pending);
     [[noreturn]] void throwFailed(Written written);
     std::string settled(PendingCall& pending, Written written);
 

@@ -15,10 +15,14 @@ struct Connection::PendingCall {
     std::uint32_t serial = 0;  // 0 waits for the greeting
     bool onLoopThread = false;
     bool leads = false;
+    bool isLinked = false;  // touched by the calling thread alone
     State state = State::waiting;
     std::string payload;
     std::condition_variable turn;
 };
+
+/// Why a connection ends of which the kernel would tell nothing.
+inline constexpr char kUnwatched[] = "the system has no room to watch one more connection";
 
 /// Waits until the socket is ready or the deadline is over; answers whether it is ready.
 bool waitFor(int socket, short events, RunLoop::Clock::time_point deadline);

@@ -18,6 +18,7 @@ using Kind = ConnectionError::Kind;
 // What a peer may ask of this process before its run loop serves it.
 constexpr std::size_t kQueuedRequests = 1024;
 constexpr std::size_t kQueuedBytes = 4U << 20;
+constexpr char kNoMemory[] = "no memory for what the peer sends";
 
 }  // namespace
 
@@ -42,7 +43,9 @@ void Connection::lead(PendingCall& pending) {
 void Connection::setArmed(bool armed) {
     if (armed_ == armed) return;
     armed_ = armed;
-    loop_->rewatch(source_, armed ? std::uint32_t{EPOLLIN} : 0U);
+    if (loop_->rewatch(source_, armed ? std::uint32_t{EPOLLIN} : 0U)) return;
+    armed_ = false;
+    end(Kind::outcomeUnknown, kUnwatched, true);
 }
 
 void Connection::passLead() {
@@ -63,7 +66,7 @@ void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
     } catch (const std::bad_alloc&) {
         lock.lock();
         reading_ = false;
-        return end(Kind::badData, "no memory for what the peer sends", true);
+        return end(Kind::outcomeUnknown, kNoMemory, true);
     }
     const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
     const auto count =
@@ -81,6 +84,8 @@ void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
 void Connection::takeFrames() {
     try {
         while (const auto frame = bytes_.next()) takeFrame(*frame);
+    } catch (const std::bad_alloc&) {
+        end(Kind::outcomeUnknown, kNoMemory, true);
     } catch (const std::exception& error) {
         end(Kind::badData, error.what(), true);
     }

@@ -1,5 +1,7 @@
 #include <OKVPlatform/ipc/Frame.h>
 
+#include <endian.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -13,12 +15,13 @@ constexpr std::size_t kKeptBuffer = 64 * 1024;
 
 std::uint32_t numberAt(const char* bytes) {
     std::uint32_t number = 0;
-    for (int i = 0; i < 4; ++i) number = number << 8 | static_cast<std::uint8_t>(bytes[i]);
-    return number;
+    std::memcpy(&number, bytes, sizeof number);
+    return be32toh(number);
 }
 
 void putNumber(char* bytes, std::uint32_t number) {
-    for (int i = 3; i >= 0; --i, number >>= 8) bytes[i] = static_cast<char>(number & 0xFF);
+    number = htobe32(number);
+    std::memcpy(bytes, &number, sizeof number);
 }
 
 }  // namespace

@@ -54,6 +54,7 @@ void NotificationFeed::startWatching() {
     if (!watch_.open()) return;
     source_ = loop_->watch(
         watch_.descriptor(), EPOLLIN, [this](std::uint32_t) { folderChanged(); }, this);
+    if (source_ == 0) watch_.close();  // then it is looked at now and then
 }
 
 void NotificationFeed::stopWatching() {
@@ -72,16 +73,34 @@ void NotificationFeed::schedule(RunLoop::Clock::duration delay) {
         this);
 }
 
+// What could not be done, for an observer's exception or for lack of memory, is not told of again:
+// the rest is looked at anew. The exception is the run loop's caller's.
+template <class Work>
+void NotificationFeed::orAgain(Work work) {
+    try {
+        work();
+    } catch (...) {
+        schedule({});
+        throw;
+    }
+}
+
 void NotificationFeed::folderChanged() {
-    const auto seen = watch_.read();
-    if (seen.lost) stopWatching();
-    if (seen.lost || seen.path || !reader_.isAtPath()) return look();
-    reader_.refresh(false);
-    deliverAll();
+    orAgain([this] {
+        const auto seen = watch_.read();
+        if (seen.lost) stopWatching();
+        if (seen.lost || seen.path || !reader_.isAtPath()) return lookNow();
+        reader_.refresh(false);
+        deliverAll();
+    });
+}
+
+void NotificationFeed::look() {
+    orAgain([this] { lookNow(); });
 }
 
 // Looks whether everything is still in its place, and looks again later when it is not.
-void NotificationFeed::look() {
+void NotificationFeed::lookNow() {
     if (!watch_.isAtPath()) {
         stopWatching();
         startWatching();
@@ -120,31 +139,34 @@ bool NotificationFeed::isEmpty() {
 }
 
 void NotificationFeed::deliverAll() {
-    try {
-        for (int calls = 0; deliverNext(); ++calls)
-            if (calls == kCallsPerTurn) return schedule({});
-    } catch (...) {
-        schedule({});  // the observer's exception is the run loop's caller's; the rest is not lost
-        throw;
-    }
+    for (int calls = 0; deliverNext(); ++calls)
+        if (calls == kCallsPerTurn) return schedule({});
 }
 
 bool NotificationFeed::deliverNext() {
-    if (nextRecipient_ == recipients_.size()) {
-        auto entry = reader_.next();
-        if (!entry) return false;
-        entry_ = std::make_shared<const NotificationLogEntry>(std::move(*entry));
-        nextRecipient_ = 0;
-        std::vector<Registration>
-            served;  // what their handlers hold may end with them and come here: not under the lock
-        served.swap(recipients_);
-        const std::lock_guard lock(mutex_);
-        recipients_ = registrations_;
-        return true;
-    }
+    if (nextRecipient_ == recipients_.size()) return takeNext();
     const auto recipient = recipients_[nextRecipient_++];
     const auto entry = entry_;
     deliver(*recipient, *entry);
+    return true;
+}
+
+bool NotificationFeed::takeNext() {
+    auto entry = reader_.next();
+    if (!entry) return false;
+    // What the former ones' handlers hold may end with them and come here: not under the lock.
+    std::vector<Registration> recipients;
+    try {
+        auto held = std::make_shared<const NotificationLogEntry>(std::move(*entry));
+        const std::lock_guard lock(mutex_);
+        recipients = registrations_;
+        entry_ = std::move(held);
+    } catch (const std::bad_alloc&) {
+        reader_.stepBack();  // it is read again when there is memory
+        throw;
+    }
+    recipients_.swap(recipients);
+    nextRecipient_ = 0;
     return true;
 }
 

@@ -59,9 +59,13 @@ private:
     void stopWatching();
     void folderChanged();
     void look();
+    void lookNow();
+    template <class Work>
+    void orAgain(Work work);
     void schedule(RunLoop::Clock::duration delay);
     void deliverAll();
     bool deliverNext();
+    bool takeNext();
     void deliver(NotificationRegistration& registration, const NotificationLogEntry& entry);
     Ref<const Object> hold(const NotificationRegistration& registration);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
 
 namespace okv {
 
@@ -12,12 +13,25 @@ namespace {
 // Read at a time; a record that is larger gets a buffer of its own size.
 constexpr std::size_t kChunk = 16U << 10;
 
-std::size_t readAt(int file, char* bytes, std::size_t wanted, std::uint64_t offset) {
+ssize_t readOnce(int file, std::span<char> bytes, std::uint64_t offset) {
     ssize_t count = 0;
     do {
-        count = pread(file, bytes, wanted, static_cast<off_t>(offset));
+        count = pread(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
     } while (count < 0 && errno == EINTR);
-    return count < 0 ? 0 : static_cast<std::size_t>(count);
+    return count;
+}
+
+// Goes on after less than was wanted, up to the file's size where that is known.
+std::size_t readAt(int file, std::span<char> bytes, std::uint64_t offset, std::uint64_t size,
+                   int& error) {
+    std::size_t done = 0;
+    do {
+        const auto count = readOnce(file, bytes.subspan(done), offset + done);
+        if (count < 0) error = errno;
+        if (count <= 0) break;
+        done += static_cast<std::size_t>(count);
+    } while (done < bytes.size() && offset + done < size);
+    return done;
 }
 
 }  // namespace
@@ -34,7 +48,7 @@ void NotificationLogCursor::read(int log, std::size_t wanted) {
         capacity_ = wanted;
     }
     begin_ = 0;
-    end_ = readAt(log, bytes_.get(), wanted, offset_);
+    end_ = readAt(log, {bytes_.get(), wanted}, offset_, size_, error_);
     sawEnd_ = end_ < wanted;
 }
 
@@ -57,9 +71,12 @@ NotificationLogRecord NotificationLogCursor::next(int log) {
     return record;
 }
 
-std::optional<NotificationLogHeader> readLogHeader(int log) {
+std::optional<NotificationLogHeader> readLogHeader(int log, int* error) {
     char bytes[kLogHeaderSize];
-    return parseLogHeader({bytes, readAt(log, bytes, sizeof bytes, 0)});
+    int reason = 0;
+    const auto size = readAt(log, bytes, 0, sizeof bytes, reason);
+    if (error != nullptr) *error = reason;
+    return parseLogHeader({bytes, size});
 }
 
 }  // namespace okv

@@ -61,10 +61,22 @@ std::shared_ptr<const NotificationLogReader::File> NotificationLogReader::openLo
 std::optional<NotificationLogEntry> NotificationLogReader::next() {
     auto raw = nextRaw();
     if (!raw) return std::nullopt;
-    if (!raw->content.empty()) raw->entry.notification = decodeNotification(raw->content);
+    lastFrom_ = raw->entry.missedFrom;
+    lastSize_ = raw->content.empty() ? 0 : kLogRecordHeaderSize + raw->content.size();
+    try {
+        if (!raw->content.empty()) raw->entry.notification = decodeNotification(raw->content);
+    } catch (const std::bad_alloc&) {
+        stepBack();
+        throw;
+    }
     // A record that is none of ours counts as one that could not be read.
     if (!raw->content.empty() && !raw->entry.notification) ++raw->entry.sequence;
     return std::move(raw->entry);
+}
+
+void NotificationLogReader::stepBack() noexcept {
+    cursor_.goBack(lastSize_);
+    expected_ = lastFrom_;
 }
 
 std::optional<NotificationLogReader::Raw> NotificationLogReader::nextRaw() {

@@ -42,6 +42,8 @@ public:
     void refresh(bool pathToo);
     /// The next entry, none when the log has no more for now.
     std::optional<NotificationLogEntry> next();
+    /// Gives the last entry once more: for who had no memory for it.
+    void stepBack() noexcept;
 
     NotificationLogPosition position() const noexcept { return {id_, expected_}; }
     /// The place after everything that has been posted by now; the reader stays where it is.
@@ -76,6 +78,8 @@ private:
     std::uint64_t id_ = 0;
     std::uint64_t first_ = 1;     // the number of the first record in the file
     std::uint64_t expected_ = 1;  // the number of the next record
+    std::uint64_t lastFrom_ = 1;  // where the last entry began
+    std::size_t lastSize_ = 0;    // its bytes
     bool atPath_ = false;
     bool found_ = false;  // since the last refresh
 };

@@ -29,13 +29,14 @@ NotificationLogHeader newLog() {
     return header;
 }
 
-bool writeAll(int file, const std::string& bytes) {
-    ssize_t count = 0;
-    do {
-        count = write(file, bytes.data(), bytes.size());
-    } while (count < 0 && errno == EINTR);
-    if (count >= 0 && static_cast<std::size_t>(count) != bytes.size()) errno = ENOSPC;
-    return static_cast<std::size_t>(count) == bytes.size();
+bool writeAll(int file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto count = write(file, bytes.data(), bytes.size());
+        if (count == 0) errno = ENOSPC;
+        if (count == 0 || (count < 0 && errno != EINTR)) return false;
+        if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
 }
 
 }  // namespace
@@ -47,6 +48,11 @@ void NotificationLogWriter::fail(const std::string& what) const {
                                                    " may not post notices: " + what + ": " +
                                                    std::strerror(reason));
     throw NotificationError(Kind::failed, what + ": " + std::strerror(reason));
+}
+
+void NotificationLogWriter::failReading(int error) const {
+    errno = error;
+    fail(path(kNotificationLogFile));
 }
 
 void NotificationLogWriter::post(const Notification& notification) {
@@ -142,7 +148,9 @@ void NotificationLogWriter::openLog(int folder) {
 bool NotificationLogWriter::catchUp(std::uint64_t size) {
     if (size < end_) return false;
     if (end_ >= kLogHeaderSize && walk(size)) return true;
-    const auto header = readLogHeader(log_.get());
+    int error = 0;
+    const auto header = readLogHeader(log_.get(), &error);
+    if (error != 0) failReading(error);
     if (!header) return false;
     id_ = header->id;
     next_ = header->first;
@@ -153,13 +161,15 @@ bool NotificationLogWriter::catchUp(std::uint64_t size) {
 // A record that was left incomplete, by a poster that was killed, is cut off: it was never
 // acknowledged, and no reader takes it for a record.
 bool NotificationLogWriter::walk(std::uint64_t size) {
-    NotificationLogCursor cursor(end_);
+    NotificationLogCursor cursor(end_, size);
     auto record = cursor.next(log_.get());
     for (; record.state == NotificationLogRecord::State::whole; record = cursor.next(log_.get())) {
         if (record.sequence != next_) return false;
         ++next_;
         end_ = cursor.offset();
     }
+    // What cannot be read is not cut off: others may still be able to.
+    if (cursor.error() != 0) failReading(cursor.error());
     if (end_ == size) return true;
     return record.state == NotificationLogRecord::State::incomplete &&
            ftruncate(log_.get(), static_cast<off_t>(end_)) == 0;

@@ -45,6 +45,7 @@ private:
     void append(const std::string& bytes);
     std::string path(const char* file) const { return folder_ + "/" + file; }
     [[noreturn]] void fail(const std::string& what) const;
+    [[noreturn]] void failReading(int error) const;
 
     const std::string folder_;
     const Options options_;

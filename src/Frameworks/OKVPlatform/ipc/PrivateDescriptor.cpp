@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -46,7 +47,12 @@ Registry& registry() {
 PrivateDescriptor::PrivateDescriptor(int fd) : fd_(fd) {
     if (fd < 0) return;
     const std::lock_guard lock(registry().mutex);
-    registry().open.push_back(fd);
+    try {
+        registry().open.push_back(fd);
+    } catch (const std::bad_alloc&) {
+        ::close(fd);
+        throw;
+    }
     generation_ = forkGeneration();
 }
 

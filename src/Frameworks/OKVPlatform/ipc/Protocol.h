@@ -286,9 +286,10 @@ public:
 
     /// The row's place in the protocol's table; none for a selector that has no row.
     static std::optional<std::size_t> find(std::string_view selector) {
-        const auto at = std::lower_bound(
-            entries.begin(), entries.end(), selector,
-            [](const Entry& entry, std::string_view wanted) { return entry.selector < wanted; });
+        const auto at = std::lower_bound(entries.begin(), entries.end(), selector,
+                                         [](const Entry& entry, std::string_view wanted) {
+                                             return before(entry.selector, wanted);
+                                         });
         if (at == entries.end() || at->selector != selector) return std::nullopt;
         return static_cast<std::size_t>(at - entries.begin());
     }
@@ -311,6 +312,7 @@ public:
             Invocation invocation(request);
             auto reader = request.arguments();
             std::string frame;
+            frame.reserve(kUsualReply);
             beginFrame(frame, FrameKind::reply);
             entries[row].invoke(target, request, reader, frame);
             appendRefusal(frame, invocation.refusal());
@@ -322,6 +324,9 @@ public:
     }
 
 private:
+    // Most replies are smaller: their frame is allocated once.
+    static constexpr std::size_t kUsualReply = 128;
+
     using Invoke = void (*)(P&, IncomingRequest&, CborReader&, std::string&);
     struct Entry {
         std::string_view selector;
@@ -329,6 +334,11 @@ private:
         char result = 'v';
         Invoke invoke = nullptr;
     };
+
+    // The lengths first: they settle most comparisons without a look at the characters.
+    static constexpr bool before(std::string_view a, std::string_view b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    }
 
     template <auto Method, class... A>
     static void invokeMethod(P& target, IncomingRequest& request, CborReader& reader,
@@ -363,7 +373,7 @@ private:
                                                  detail::TypesText<Method>::view,
                                                  detail::resultType<Method>(), &invoke<Method>}...};
         std::sort(sorted.begin(), sorted.end(),
-                  [](const Entry& a, const Entry& b) { return a.selector < b.selector; });
+                  [](const Entry& a, const Entry& b) { return before(a.selector, b.selector); });
         return sorted;
     }
 

@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kAcceptAgain{100};
 // Accepted in one turn, so that a storm of connections does not keep the connected waiting.
 constexpr int kAcceptsPerTurn = 16;
+constexpr char kUnwatched[] = "the system has no room to watch the name's socket";
 
 }  // namespace
 
@@ -34,19 +35,25 @@ Ref<Publication> Publication::serving(std::unique_ptr<PublishedName> name, RootO
     auto* self = publication.get();
     publication->source_ = self->loop_->watch(
         self->name_->listener(), EPOLLIN, [self](std::uint32_t) { self->acceptAll(); }, self);
-    return publication;
+    return publication->source_ != 0 ? publication : nullptr;
 }
 
 Ref<Publication> Publication::publish(std::string_view name, RootObject root,
                                       PublicationOptions options, std::string& why) {
     auto published = PublishedName::publish(name, options.name, why);
-    return serving(std::move(published), std::move(root), std::move(options));
+    const bool isNamed = published != nullptr;
+    auto publication = serving(std::move(published), std::move(root), std::move(options));
+    if (isNamed && !publication) why = kUnwatched;
+    return publication;
 }
 
-Ref<Publication> Publication::adopt(int listener, RootObject root, PublicationOptions options,
-                                    std::string& why) {
-    auto adopted = PublishedName::adopt(listener, why);
-    return serving(std::move(adopted), std::move(root), std::move(options));
+Ref<Publication> Publication::adopt(std::string_view name, int listener, RootObject root,
+                                    PublicationOptions options, std::string& why) {
+    auto adopted = PublishedName::adopt(name, listener, why);
+    const bool isNamed = adopted != nullptr;
+    auto publication = serving(std::move(adopted), std::move(root), std::move(options));
+    if (isNamed && !publication) why = kUnwatched;
+    return publication;
 }
 
 void Publication::acceptAll() {
@@ -93,12 +100,16 @@ std::string Publication::refusalFor(const PeerIdentity& peer) const {
 
 void Publication::pauseAccepting() {
     loop_->rewatch(source_, 0);
+    resumeLater();
+}
+
+void Publication::resumeLater() {
     loop_->performAfter(
         kAcceptAgain, [this] { resumeAccepting(); }, this);
 }
 
 void Publication::resumeAccepting() {
-    if (isValid()) loop_->rewatch(source_, EPOLLIN);
+    if (isValid() && !loop_->rewatch(source_, EPOLLIN)) resumeLater();
 }
 
 void Publication::greeted(ServedConnection& connection) {
@@ -116,6 +127,18 @@ void Publication::remove(ServedConnection& connection) {
     connections_.erase(&connection);  // first: the callback may close all that is left
     if (options_.disconnected) options_.disconnected(connection);
     resumeAccepting();
+}
+
+PublicationUse Publication::use() const {
+    PublicationUse use{connections_.size(), 0, ungreeted_.size(), 0, 0};
+    for (const auto& [uid, count] : perUid_) {
+        if (isCounted(uid)) use.ofOneUid = std::max(use.ofOneUid, count);
+    }
+    for (const auto& [connection, held] : connections_) {
+        use.queuedOutput = std::max(use.queuedOutput, connection->queuedOutput());
+        use.pendingRequests = std::max(use.pendingRequests, connection->pendingRequests());
+    }
+    return use;
 }
 
 bool Publication::isFlushed() const noexcept {
@@ -137,7 +160,11 @@ void Publication::invalidate() {
 }
 
 void Publication::closeConnections() {
-    while (!connections_.empty()) connections_.begin()->first->close();
+    while (!connections_.empty()) {
+        const auto connection = connections_.begin()->second;
+        connection->close();
+        connections_.erase(connection.get());
+    }
 }
 
 }  // namespace okv

@@ -67,6 +67,15 @@ struct PublicationOptions {
     std::function<void(MessagePort&)> disconnected{};
 };
 
+/// How much of it is taken at the moment.
+struct PublicationUse {
+    std::size_t connections = 0;
+    std::size_t ofOneUid = 0;  ///< the most that one counted uid holds
+    std::size_t ungreeted = 0;
+    std::size_t queuedOutput = 0;     ///< bytes, of the client that leaves most unread
+    std::size_t pendingRequests = 0;  ///< of the client that has most waiting
+};
+
 /// A root object published under a registered name: the called end.
 ///
 /// It lives on the run loop of the thread that published it: requests come to the root's handler
@@ -78,9 +87,9 @@ public:
     /// Null when the name cannot be had; `why` then says what stands in the way.
     static Ref<Publication> publish(std::string_view name, RootObject root,
                                     PublicationOptions options, std::string& why);
-    /// Serves a listening socket that a service manager handed over.
-    static Ref<Publication> adopt(int listener, RootObject root, PublicationOptions options,
-                                  std::string& why);
+    /// Serves the name's listening socket that a service manager handed over.
+    static Ref<Publication> adopt(std::string_view name, int listener, RootObject root,
+                                  PublicationOptions options, std::string& why);
 
     bool isValid() const noexcept { return name_ != nullptr && name_->listener() >= 0; }
     /// Withdraws the name; who is connected stays so.
@@ -90,6 +99,7 @@ public:
     /// Withdraws the name and closes every connection.
     void invalidate();
     std::size_t connectionCount() const noexcept { return connections_.size(); }
+    PublicationUse use() const;
     /// Whether everything that was sent has left this process.
     bool isFlushed() const noexcept;
 
@@ -117,6 +127,7 @@ private:
     void acceptAll();
     bool acceptOne();
     void pauseAccepting();
+    void resumeLater();
     void resumeAccepting();
     std::string refusalFor(const PeerIdentity& peer) const;
     bool isCounted(uid_t uid) const;

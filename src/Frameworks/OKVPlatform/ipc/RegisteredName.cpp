@@ -75,9 +75,21 @@ bool PublishedName::openFolder(const Options& options, std::string& why) {
     return folder_.isValid();
 }
 
+// What root makes belongs to the folder's owner, who could not publish otherwise; a file that is
+// there already is nobody's to give away.
+PrivateDescriptor PublishedName::openLock(const std::string& lockFile) const {
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    PrivateDescriptor made(openat(folder_.get(), lockFile.c_str(), flags | O_CREAT | O_EXCL, 0600));
+    if (!made.isValid())
+        return PrivateDescriptor(openat(folder_.get(), lockFile.c_str(), flags | O_CREAT, 0600));
+    struct stat owner {};
+    if (geteuid() == 0 && fstat(folder_.get(), &owner) == 0)
+        (void)!fchown(made.get(), owner.st_uid, owner.st_gid);
+    return made;
+}
+
 bool PublishedName::lockName(const std::string& lockFile, std::string& why) {
-    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    lock_ = PrivateDescriptor(openat(folder_.get(), lockFile.c_str(), flags, 0600));
+    lock_ = openLock(lockFile);
     if (!lock_.isValid()) {
         why = withReason("the lock file " + lockFile);
         return false;
@@ -134,9 +146,52 @@ std::unique_ptr<PublishedName> PublishedName::publish(std::string_view name, con
     return nullptr;
 }
 
-std::unique_ptr<PublishedName> PublishedName::adopt(int listener, std::string& why) {
+namespace {
+
+bool isListening(int descriptor) {
+    int listening = 0, type = 0;
+    socklen_t size = sizeof listening;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0) return false;
+    return listening != 0 && getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 &&
+           type == SOCK_STREAM;
+}
+
+// Empty for a socket that is not of the file system.
+std::string pathOf(int socket) {
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    if (getsockname(socket, any, &size) != 0 || address.sun_family != AF_UNIX) return {};
+    return {address.sun_path, strnlen(address.sun_path, sizeof address.sun_path)};
+}
+
+// However the path is written that the socket was bound to.
+bool isBoundAt(int socket, int folder, const std::string& name) {
+    struct stat bound {
+    }, wanted{};
+    return stat(pathOf(socket).c_str(), &bound) == 0 &&
+           fstatat(folder, name.c_str(), &wanted, AT_SYMLINK_NOFOLLOW) == 0 &&
+           bound.st_dev == wanted.st_dev && bound.st_ino == wanted.st_ino;
+}
+
+}  // namespace
+
+std::unique_ptr<PublishedName> PublishedName::adopt(std::string_view name, int listener,
+                                                    std::string& why) {
     std::unique_ptr<PublishedName> published(new PublishedName);
     published->listener_ = PrivateDescriptor(listener);
+    if (!isListening(listener)) {
+        why = "what was handed over is no listening socket";
+        return nullptr;
+    }
+    if (!published->openFolder({}, why)) return nullptr;
+    if (!isRegisteredName(name) ||
+        !isBoundAt(listener, published->folder_.get(), std::string(name))) {
+        why = "the socket that was handed over is not that of " + folderPath({}) + "/" +
+              std::string(name);
+        return nullptr;
+    }
+    if (!published->lockName(std::string(name) + ".lock", why)) return nullptr;
     fcntl(listener, F_SETFL, fcntl(listener, F_GETFL) | O_NONBLOCK);
     fcntl(listener, F_SETFD, FD_CLOEXEC);
     // Listening again makes the kernel record this process as the one that serves.

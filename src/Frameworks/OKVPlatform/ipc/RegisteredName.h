@@ -31,8 +31,11 @@ public:
     /// Null when the name cannot be had; `why` then says what stands in the way.
     static std::unique_ptr<PublishedName> publish(std::string_view name, const Options& options,
                                                   std::string& why);
-    /// Takes over a listening socket that a service manager made at the name's place.
-    static std::unique_ptr<PublishedName> adopt(int listener, std::string& why);
+    /// Takes over a listening socket that a service manager made at the name's place, and with it
+    /// the name's lock. Null, with the reason in `why`, when it is no such socket or lies
+    /// elsewhere. Withdrawing closes it and leaves its file, which is the service manager's.
+    static std::unique_ptr<PublishedName> adopt(std::string_view name, int listener,
+                                                std::string& why);
 
     PublishedName(const PublishedName&) = delete;
     PublishedName& operator=(const PublishedName&) = delete;
@@ -46,6 +49,7 @@ public:
 private:
     PublishedName() = default;
     bool openFolder(const Options& options, std::string& why);
+    PrivateDescriptor openLock(const std::string& lockFile) const;
     bool lockName(const std::string& lockFile, std::string& why);
     bool listenAt(const Options& options, std::string& why);
     bool bindTemporary(const std::string& temporary, const Options& options, std::string& why);

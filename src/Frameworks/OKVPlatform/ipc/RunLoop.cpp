@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
-#include <vector>
+#include <utility>
 
 namespace okv {
 
@@ -26,11 +26,11 @@ int required(int fd, const char* what) {
     return fd;
 }
 
-void control(int epoll, int operation, int descriptor, std::uint32_t events, RunLoop::Id id) {
+bool control(int epoll, int operation, int descriptor, std::uint32_t events, RunLoop::Id id) {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
-    epoll_ctl(epoll, operation, descriptor, &event);
+    return epoll_ctl(epoll, operation, descriptor, &event) == 0;
 }
 
 void signal(int counter) {
@@ -53,8 +53,9 @@ RunLoop::RunLoop()
       // At once, because a timer is what a process without descriptors waits for.
       timerDescriptor_(
           required(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "run loop")) {
-    control(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), EPOLLIN, kWake);
-    control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer);
+    if (!control(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), EPOLLIN, kWake) ||
+        !control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer))
+        throw std::system_error(errno, std::generic_category(), "run loop");
 }
 
 Ref<RunLoop> RunLoop::current() {
@@ -105,25 +106,38 @@ void RunLoop::dispatch() {
 
 RunLoop::Id RunLoop::watch(int descriptor, std::uint32_t events, Handler handler,
                            const Object* owner) {
+    auto source = std::make_shared<Source>(Source{descriptor, events, std::move(handler), owner});
     const std::lock_guard lock(mutex_);
     const auto id = ++lastId_;
-    sources_.emplace(
-        id, std::make_shared<Source>(Source{descriptor, events, std::move(handler), owner}));
-    if (events != 0) control(epoll_.get(), EPOLL_CTL_ADD, descriptor, events, id);
+    // The source first, for it may find no memory: what is watched can then be taken back.
+    const auto at = sources_.emplace(id, std::move(source)).first;
+    if (events != 0 && !control(epoll_.get(), EPOLL_CTL_ADD, descriptor, events, id)) {
+        sources_.erase(at);
+        return 0;
+    }
     return id;
 }
 
-void RunLoop::rewatch(Id id, std::uint32_t events) {
+bool RunLoop::rewatch(Id id, std::uint32_t events) {
     const std::lock_guard lock(mutex_);
     const auto found = sources_.find(id);
-    if (found == sources_.end() || found->second->events == events) return;
+    if (found == sources_.end() || found->second->events == events) return true;
     auto& source = *found->second;
     // Out of the set, not masked: the kernel reports hang-ups of a masked descriptor all the same.
     const int operation = events == 0          ? EPOLL_CTL_DEL
                           : source.events == 0 ? EPOLL_CTL_ADD
                                                : EPOLL_CTL_MOD;
-    source.events = events;
-    control(epoll_.get(), operation, source.descriptor, events, id);
+    const bool done = control(epoll_.get(), operation, source.descriptor, events, id);
+    if (done || events == 0) source.events = events;  // what cannot be taken out is not there
+    return done || events == 0;
+}
+
+bool RunLoop::rearm(Id id) {
+    const std::lock_guard lock(mutex_);
+    const auto found = sources_.find(id);
+    if (found == sources_.end() || found->second->events == 0) return true;
+    return control(epoll_.get(), EPOLL_CTL_MOD, found->second->descriptor, found->second->events,
+                   id);
 }
 
 void RunLoop::unwatch(Id id) {
@@ -165,10 +179,12 @@ void RunLoop::cancel(Id timer) {
     setTimer();
 }
 
-void RunLoop::forget(const Object* owner) {
+// It belongs in destructors and must not fail: what is dropped moves over without an allocation.
+void RunLoop::forget(const Object* owner) noexcept {
     // Destroyed after the lock is given back: what they hold may end with them and come here again.
-    std::vector<std::shared_ptr<Source>> droppedSources;
-    std::vector<OwnedTask> droppedTasks;
+    std::shared_ptr<Source> droppedSources;
+    std::list<OwnedTask> droppedTasks;
+    Timers droppedTimers;
     const std::lock_guard lock(mutex_);
     for (auto at = sources_.begin(); at != sources_.end();) {
         if (at->second->owner != owner) {
@@ -177,21 +193,16 @@ void RunLoop::forget(const Object* owner) {
         }
         if (at->second->events != 0)
             control(epoll_.get(), EPOLL_CTL_DEL, at->second->descriptor, 0, at->first);
-        droppedSources.push_back(std::move(at->second));
+        at->second->nextDropped = std::exchange(droppedSources, at->second);
         at = sources_.erase(at);
     }
-    forgetTasks(owner, droppedTasks);
-}
-
-// Lock held.
-void RunLoop::forgetTasks(const Object* owner, std::vector<OwnedTask>& dropped) {
     for (auto at = tasks_.begin(); at != tasks_.end();) {
-        if (at->owner == owner) dropped.push_back(std::move(*at));
-        at = at->owner == owner ? tasks_.erase(at) : at + 1;
+        const auto task = at++;
+        if (task->owner == owner) droppedTasks.splice(droppedTasks.end(), tasks_, task);
     }
     for (auto at = timers_.begin(); at != timers_.end();) {
-        if (at->second.owner == owner) dropped.push_back(std::move(at->second));
-        at = at->second.owner == owner ? timers_.erase(at) : std::next(at);
+        const auto timer = at++;
+        if (timer->second.owner == owner) droppedTimers.insert(timers_.extract(timer));
     }
 }
 

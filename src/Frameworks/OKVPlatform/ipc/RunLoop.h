@@ -7,13 +7,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
-#include <vector>
 
 namespace okv {
 
@@ -54,13 +53,18 @@ public:
     /// Serves what is ready now; never waits.
     void dispatch();
 
-    /// Calls `handler` when one of the epoll `events` is ready on `descriptor` (level-triggered).
+    /// Calls `handler` when one of the epoll `events` is ready on `descriptor` (level-triggered,
+    /// unless EPOLLET is among them).
     /// With an owner, it is called under a reference to it, and not at all once the owner is being
-    /// deallocated.
+    /// deallocated. Answers 0, and keeps nothing, when the kernel does not watch it: out of memory,
+    /// or beyond what the account may watch.
     Id watch(int descriptor, std::uint32_t events, Handler handler, const Object* owner = nullptr);
     /// Changes the events waited for; none at all takes the descriptor out of the set until the
-    /// next change.
-    void rewatch(Id id, std::uint32_t events);
+    /// next change. Answers false, and leaves it as it was, when the kernel does not do it.
+    bool rewatch(Id id, std::uint32_t events);
+    /// For what is watched edge-triggered (EPOLLET): what is ready now is told of once more.
+    /// Answers as `rewatch`.
+    bool rearm(Id id);
     void unwatch(Id id);
 
     /// Runs the task on the loop's thread, at its next turn. With an owner: as for `watch`.
@@ -69,7 +73,7 @@ public:
     Id performAfter(Clock::duration delay, Task task, const Object* owner = nullptr);
     void cancel(Id timer);
     /// Drops all that waits for this owner; belongs in its `dealloc`.
-    void forget(const Object* owner);
+    void forget(const Object* owner) noexcept;
 
     bool isCurrent() const noexcept;
     /// Whether the loop was ever run or handed to a foreign loop: before, nobody waits on its
@@ -83,12 +87,14 @@ private:
         std::uint32_t events;
         Handler handler;
         const Object* owner;
+        std::shared_ptr<Source> nextDropped = nullptr;
     };
     struct OwnedTask {
         Id id = 0;
         Task task;
         const Object* owner = nullptr;
     };
+    using Timers = std::multimap<Clock::time_point, OwnedTask>;
 
     RunLoop();
 
@@ -98,7 +104,6 @@ private:
     bool serveTask();
     std::size_t taskCount();
     void serveTimers();
-    void forgetTasks(const Object* owner, std::vector<OwnedTask>& dropped);
     void setTimer();
     void engage() noexcept { engaged_.store(true, std::memory_order_release); }
     int millisecondsUntil(Clock::time_point deadline) const;
@@ -111,8 +116,8 @@ private:
     std::mutex mutex_;  // guards all below; held for look-ups only, never around a handler
     Id lastId_ = 15;    // the ids up to here are the loop's own
     std::unordered_map<Id, std::shared_ptr<Source>> sources_;
-    std::multimap<Clock::time_point, OwnedTask> timers_;
-    std::deque<OwnedTask> tasks_;
+    Timers timers_;
+    std::list<OwnedTask> tasks_;
 };
 
 }  // namespace okv

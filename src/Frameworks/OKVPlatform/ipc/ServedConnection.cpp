@@ -9,6 +9,17 @@ namespace okv {
 
 namespace {
 
+// A connection of which the kernel tells nothing would never be served.
+constexpr char kUnwatched[] = "the server has no room to watch one more connection";
+// What a connection without anything to be sent waits for. Edge-triggered: level-triggered, the
+// kernel looks at the socket once more for every request, to see that there is nothing left.
+constexpr std::uint32_t kCalm = EPOLLIN | EPOLLRDHUP | EPOLLET;
+constexpr std::uint32_t kGone = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
+
+// Taken of one client in a turn, so that one with many requests at once does not keep the others
+// waiting.
+constexpr int kFramesPerTurn = 4;
+
 std::string encodeServerHello(bool hasRoot) {
     std::string frame;
     beginFrame(frame, FrameKind::hello);
@@ -47,8 +58,9 @@ const PublicationOptions& ServedConnection::options() const noexcept {
 void ServedConnection::start() {
     if (publication_ == nullptr) return;  // who was told of it has closed it
     source_ = loop_->watch(
-        socket_.get(), EPOLLIN, [this](std::uint32_t events) { serve(events); }, this);
-    readOnce();
+        socket_.get(), kCalm, [this](std::uint32_t events) { serve(events); }, this);
+    if (source_ == 0) return end(kUnwatched);
+    if (readOnce() && publication_ != nullptr) rearm();
     if (publication_ == nullptr || greeted_) return;
     greeting_ = loop_->performAfter(
         options().greetWithin, [this] { end("no greeting in time"); }, this);
@@ -57,45 +69,78 @@ void ServedConnection::start() {
 void ServedConnection::serve(std::uint32_t events) {
     if (publication_ != nullptr && (events & EPOLLOUT) != 0) flush();
     if (publication_ == nullptr) return;
-    if ((events & EPOLLIN) != 0 && mayRead()) return readOnce();
+    if (taking_ == Taking::nextTurn) return;  // first what was read already
+    if ((events & EPOLLIN) != 0 && mayRead()) {
+        const bool mayHaveMore = readOnce();
+        if (publication_ != nullptr && (mayHaveMore || (events & kGone) != 0)) rearm();
+        return;
+    }
     // Gone, and nothing left to read: answers that wait for it are in vain.
-    if ((events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) end();
+    if ((events & kGone) != 0) end();
 }
 
-// Once a turn: a client that sends without pause does not keep the others waiting.
-void ServedConnection::readOnce() {
+// Once a turn: a client that sends without pause does not keep the others waiting. Answers whether
+// there may be more to read.
+bool ServedConnection::readOnce() {
     std::span<char> room;
     try {
         room = bytes_.room();
     } catch (const std::bad_alloc&) {
-        return end("no memory for so large a request");
+        end("no memory for so large a request");
+        return false;
     }
     const auto count = recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (count <= 0) return end();
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return errno == EINTR;
+    if (count <= 0) {
+        end();
+        return false;
+    }
     bytes_.added(static_cast<std::size_t>(count));
+    const bool isFull = static_cast<std::size_t>(count) == room.size();
     takeFrames();
+    return isFull || !bytes_.empty();  // the rest of a frame may be there already
 }
 
 void ServedConnection::takeFrames() {
     // A request that is answered at once may make room and come here again: the loop below goes on
     // by itself, and a burst of requests must not nest.
-    if (taking_) return;
-    taking_ = true;
+    if (taking_ != Taking::no) return;
+    taking_ = Taking::now;
     const auto self = Ref<ServedConnection>::retaining(this);
+    bool goesOn = false;
     try {
-        while (publication_ != nullptr && mayRead()) {
-            const auto frame = bytes_.next();
-            if (!frame) break;
-            takeFrame(*frame);
-        }
+        goesOn = takeSomeFrames();
     } catch (const std::exception& error) {
         end(error.what());
     }
-    taking_ = false;
+    taking_ = Taking::no;
     if (publication_ == nullptr) return;
+    if (goesOn) return takeMoreNextTurn();
     bytes_.trim();
     updateEvents();
+}
+
+// Answers whether there may be more.
+bool ServedConnection::takeSomeFrames() {
+    for (int left = kFramesPerTurn; publication_ != nullptr && mayRead(); --left) {
+        if (left == 0) return true;
+        const auto frame = bytes_.next();
+        if (!frame) return false;
+        takeFrame(*frame);
+    }
+    return false;
+}
+
+void ServedConnection::takeMoreNextTurn() {
+    taking_ = Taking::nextTurn;
+    loop_->perform(
+        [this] {
+            taking_ = Taking::no;
+            takeFrames();
+            // What came meanwhile was told of, and passed over.
+            if (publication_ != nullptr && taking_ == Taking::no) rearm();
+        },
+        this);
 }
 
 void ServedConnection::takeFrame(const Frame& frame) {
@@ -112,6 +157,7 @@ void ServedConnection::takeHello(const Frame& frame) {
     sendNow(encodeServerHello(publication_->root_.handler != nullptr));
     if (version != kWireVersion)
         return end("this server speaks version " + std::to_string(kWireVersion) + " of the wire");
+    if (publication_ == nullptr) return;
     greeted_ = true;
     loop_->cancel(greeting_);
     publication_->greeted(*this);
@@ -165,8 +211,12 @@ void ServedConnection::sendNow(std::string_view frame) {
     if (out_.empty()) {
         const auto count =
             ::send(socket_.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (count < 0 && errno != EAGAIN && errno != EINTR)
-            return;  // the hang-up is seen by reading
+        if (count < 0 && errno != EAGAIN && errno != EINTR) {
+            // The frame is lost, and whoever waits for it must not do so for ever: the end is seen
+            // by reading.
+            shutdown(socket_.get(), SHUT_RDWR);
+            return;
+        }
         if (count > 0) frame.remove_prefix(static_cast<std::size_t>(count));
         if (frame.empty()) return;
     }
@@ -196,18 +246,26 @@ void ServedConnection::flush() {
 
 bool ServedConnection::mayRead() const noexcept {
     return publication_ != nullptr && pending_ < options().maxPendingRequests &&
-           out_.size() - outFront_ <= options().maxQueuedOutput;
+           queuedOutput() <= options().maxQueuedOutput;
+}
+
+void ServedConnection::rearm() {
+    if (!loop_->rearm(source_)) end(kUnwatched);
 }
 
 void ServedConnection::updateEvents() {
-    loop_->rewatch(source_, (mayRead() ? std::uint32_t{EPOLLIN} : std::uint32_t{EPOLLRDHUP}) |
-                                (out_.empty() ? 0U : std::uint32_t{EPOLLOUT}));
+    const bool isCalm = mayRead() && out_.empty();
+    const auto busy = (mayRead() ? std::uint32_t{EPOLLIN} : std::uint32_t{EPOLLRDHUP}) |
+                      (out_.empty() ? 0U : std::uint32_t{EPOLLOUT});
+    // Half an answer may be out already, so there is nothing more to say.
+    if (publication_ != nullptr && !loop_->rewatch(source_, isCalm ? kCalm : busy)) end();
 }
 
 void ServedConnection::end(const std::string& farewell) {
     if (publication_ == nullptr) return;
     const auto self = Ref<ServedConnection>::retaining(this);
     if (!farewell.empty()) sendNow(encodeFarewell(farewell));
+    if (publication_ == nullptr) return;  // that it could not be sent has ended it
     const auto publication = Ref<Publication>::retaining(publication_);
     publication_ = nullptr;
     ended_.store(true, std::memory_order_release);

@@ -20,6 +20,8 @@ public:
     void close() { end(); }
     bool isGreeted() const noexcept { return greeted_; }
     bool isFlushed() const noexcept { return out_.empty(); }
+    std::size_t queuedOutput() const noexcept { return out_.size() - outFront_; }
+    std::size_t pendingRequests() const noexcept { return pending_; }
 
     /// Not offered: a server that waited for a client would let it stand still.
     std::string call(std::string& frame) override;
@@ -30,8 +32,10 @@ public:
 
 private:
     void serve(std::uint32_t events);
-    void readOnce();
+    bool readOnce();
     void takeFrames();
+    bool takeSomeFrames();
+    void takeMoreNextTurn();
     void takeFrame(const Frame& frame);
     void takeHello(const Frame& frame);
     void handle(const Frame& frame);
@@ -40,6 +44,7 @@ private:
     void flush();
     void end(const std::string& farewell = {});
     bool mayRead() const noexcept;
+    void rearm();
     void updateEvents();
     const PublicationOptions& options() const noexcept;
 
@@ -55,7 +60,12 @@ private:
     std::size_t outFront_ = 0;
     std::size_t pending_ = 0;
     bool greeted_ = false;
-    bool taking_ = false;  // frames are being taken further down the stack
+    enum class Taking {
+        no,
+        now,       // further down the stack
+        nextTurn,  // a task of the run loop goes on with what is in the buffer
+    };
+    Taking taking_ = Taking::no;
     std::uint32_t lastSerial_ = 0;
 };
 

@@ -107,6 +107,7 @@ QuitReply sendQuitEvent(const QuitEvent& event, std::int32_t ticks) {
     try {
         const auto connection =
             Connection::connectionWithSocket(std::move(reached.socket), std::move(reached.peer));
+        if (!connection) return {statusOf(ConnectionError::Kind::notSent), std::nullopt};
         return ask(*connection, time);
     } catch (const ConnectionError& error) {
         return {statusOf(error.kind()), std::nullopt};
