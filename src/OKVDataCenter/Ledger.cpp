@@ -15,7 +15,9 @@ okv::Refusal refusalFor(const SqlError& error) {
 void Ledger::open() {
     accepted_ = false;
     isReload_ = false;
+    denied_ = false;
     keyBytesTold_ = 0;
+    reason_.clear();
     failure_.reset();
     outcome_ = Outcome();
     told_ = Change();
@@ -47,6 +49,8 @@ bool Ledger::guarded(const std::function<bool()>& body) {
 }
 
 bool Ledger::refuse(Kind kind, std::string reason) {
+    denied_ = kind == Kind::notAllowed;
+    reason_ = reason;
     if (auto* invocation = okv::Invocation::current()) invocation->refuse(kind, std::move(reason));
     return false;
 }

@@ -52,8 +52,13 @@ public:
         return change(body);
     }
 
+    /// Why the request was refused last; empty when it was not.
+    const std::string& reason() const noexcept { return reason_; }
     /// What the store failed with while the request was carried out.
     const std::optional<SqlError>& failure() const noexcept { return failure_; }
+
+    /// Whether the request was refused because its caller has no right to it.
+    bool isDenied() const noexcept { return denied_; }
 
     /// Puts the reason beside the zero value; answers false, for bodies to hand on.
     bool refuse(okv::Refusal::Kind kind, std::string reason);
@@ -88,7 +93,9 @@ private:
     const Now now_;
     bool accepted_ = false;
     bool isReload_ = false;
+    bool denied_ = false;
     std::size_t keyBytesTold_ = 0;
+    std::string reason_;
     std::optional<SqlError> failure_;
     Change told_;
     Outcome outcome_;

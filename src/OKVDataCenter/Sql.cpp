@@ -1,10 +1,43 @@
 #include "Sql.h"
 
+#include <cerrno>
+#include <cstring>
+#include <string>
+
 namespace datacenter {
 
+namespace {
+
+// Of a database's log, where errors of a commit stay that the engine does not hand on.
+int logError(sqlite3* database) {
+    sqlite3_file* log = nullptr;
+    int error = 0;
+    if (sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) == SQLITE_OK &&
+        log != nullptr && log->pMethods != nullptr)
+        log->pMethods->xFileControl(log, SQLITE_FCNTL_LAST_ERRNO, &error);
+    return error;
+}
+
+// What the system said, where the engine says only that it was the system; 0 for none.
+int systemError(sqlite3* database, int code) {
+    const bool isSystems = (code & 0xFF) == SQLITE_IOERR || (code & 0xFF) == SQLITE_CANTOPEN;
+    if (database == nullptr || !isSystems) return 0;
+    const int error = sqlite3_system_errno(database);
+    return error != 0 ? error : logError(database);
+}
+
+std::string reason(sqlite3* database, int code) {
+    const std::string text = database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(code);
+    const int error = systemError(database, code);
+    return error != 0 ? text + ": " + std::strerror(error) : text;
+}
+
+}  // namespace
+
 SqlError::SqlError(sqlite3* database, int code)
-    : std::runtime_error(database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(code)),
-      code_(code & 0xFF) {}
+    : std::runtime_error(reason(database, code)),
+      code_(code & 0xFF),
+      overQuota_(systemError(database, code) == EDQUOT) {}
 
 Database::Database(const std::string& file, int flags) {
     sqlite3* opened = nullptr;

@@ -18,11 +18,12 @@ public:
     SqlError(sqlite3* database, int code);
     /// The engine's primary result code.
     int code() const noexcept { return code_; }
-    bool isFull() const noexcept { return code_ == SQLITE_FULL; }
+    bool isFull() const noexcept { return code_ == SQLITE_FULL || overQuota_; }
     bool isDamage() const noexcept { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
 
 private:
     int code_;
+    bool overQuota_;
 };
 
 /// Bytes to be stored as they are, not as text.

@@ -33,17 +33,20 @@ std::string encodedKeys(const std::vector<std::string>& keys) {
 }  // namespace
 
 void Store::begin() {
+    rollback();  // once more, where it failed for lack of memory
     database_->execute("BEGIN IMMEDIATE");
 }
 
 void Store::commit() {
+    // Before: once it is committed, nothing may fail any more that would have it refused.
+    const auto committed = revision();
     database_->execute("COMMIT");
-    guard_->setMark(
-        {epoch_, revision()});  // an older copy that is put back after a crash is noticed, too
+    // An older copy that is put back after a crash is noticed, too.
+    guard_->setMark(epoch_, committed);
 }
 
 void Store::rollback() noexcept {
-    // Fails only where the engine has rolled back already.
+    // Where it fails, the next transaction begins with it.
     if (database_->inTransaction())
         sqlite3_exec(database_->handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
@@ -177,7 +180,8 @@ void Store::write(const step::Record& record) {
                    change.revision - limits_.changesKept);
 }
 
-// A view is read from the store, never written into it.
+// What is read from the store is not written into it.
+void Store::write(const step::Processes&) {}
 void Store::write(const step::Reload&) {}
 
 void Store::record(Change& change) {

@@ -23,10 +23,10 @@ public:
     using StoreError::StoreError;
 };
 
-/// How much of a scope's room is taken.
-struct Usage {
-    std::int64_t keys = 0;
-    std::int64_t bytes = 0;
+/// It is a sound file, but none that this server can use: of a newer version, or somebody else's.
+class StoreForeign final : public StoreError {
+public:
+    using StoreError::StoreError;
 };
 
 /// The settings on the disk: one SQLite file in write-ahead mode, every commit flushed. It carries
@@ -38,9 +38,12 @@ public:
     /// date. Its folder must exist. Throws StoreError, with the file untouched, when it is damaged,
     /// somebody else's, of a newer version, or open in another server.
     ///
+    /// A store that was there before and is gone, or empty, counts as damaged.
+    ///
     /// `setAside` tells what to do with a damaged one instead: its files are moved to
     /// `FILE.damaged-TIME`, and the store begins afresh. Nothing else is ever moved.
-    enum class Damaged { refuse, setAside };
+    /// `refuseFresh` takes an empty one for damaged, too.
+    enum class Damaged { refuse, refuseFresh, setAside };
     Store(std::string file, Limits limits, Damaged damaged = Damaged::refuse);
     ~Store();
     Store(const Store&) = delete;
@@ -53,6 +56,17 @@ public:
 
     /// All that is stored, with what the open transaction has changed. Throws SqlError.
     std::shared_ptr<View> load();
+    /// What was read when the store was opened, for whoever asks first; may be asked for once,
+    /// before anything is changed.
+    std::shared_ptr<View> takeOpened() noexcept { return std::move(opened_); }
+
+    /// Looks at every byte that the engine knows of. Throws StoreDamaged, SqlError.
+    void checkThoroughly();
+    /// From now on it is another store than all that were seen before. Throws SqlError.
+    void renewEpoch();
+
+    /// Keeps other servers out of a store.
+    class Guard;
 
     /// A transaction, and inside of it one savepoint at a time. All throw SqlError.
     void begin();
@@ -75,6 +89,7 @@ public:
     void clearProcesses(ProcessList list);
     void setHighestUser(std::int32_t user);
 
+    okv::Dictionary processes(ProcessList list);
     bool hasUser(std::int32_t user);
     std::vector<std::int32_t> users();
     std::optional<std::int32_t> assignedUser(std::int64_t osUid);
@@ -92,13 +107,14 @@ public:
     Clock clock();
 
 private:
-    class Guard;
-
+    void openAndLookTwice();
     void openOrThrow();
     void open();
     void examine();
-    void refuseEmptied();
+    void check(const char* how);
+    void refuseEmptied() const;
     void readThrough();
+    void requireWritable();
     void migrate(std::int64_t version);
     void noteRestoredBackup();
 
@@ -114,6 +130,7 @@ private:
     void write(const step::CurrentUser& set);
     void write(const step::ServerClock& set);
     void write(const step::Record& record);
+    void write(const step::Processes& whole);
     void write(const step::Reload& reload);
 
     void loadSettings(View& view);
@@ -128,10 +145,12 @@ private:
 
     std::string file_;
     Limits limits_;
+    const bool mayBeFresh_;
     std::unique_ptr<Guard> guard_;
     std::unique_ptr<Database> database_;
     std::string epoch_;
     std::string setAside_;
+    std::shared_ptr<View> opened_;
 };
 
 }  // namespace datacenter

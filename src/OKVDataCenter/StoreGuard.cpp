@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,7 +26,10 @@ Store::Guard::Guard(const std::string& storeFile)
 Store::Guard::Mark Store::Guard::mark() const {
     char text[128];
     const auto size = pread(file_.get(), text, sizeof text, 0);
-    const std::string_view line(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    if (size < 0)
+        throw StoreError(std::string("the mark beside the store cannot be read: ") +
+                         std::strerror(errno));
+    const std::string_view line(text, static_cast<std::size_t>(size));
     const auto blank = line.find(' ');
     if (blank == std::string_view::npos) return {};
     Mark mark{std::string(line.substr(0, blank)), 0};
@@ -33,11 +37,13 @@ Store::Guard::Mark Store::Guard::mark() const {
     return mark;
 }
 
-void Store::Guard::setMark(const Mark& mark) noexcept {
+void Store::Guard::setMark(const std::string& epoch, std::int64_t revision) noexcept {
     // A mark that cannot be written leaves an older one, which only makes the test weaker.
-    const auto line = mark.epoch + ' ' + std::to_string(mark.revision) + '\n';
-    if (pwrite(file_.get(), line.data(), line.size(), 0) == static_cast<ssize_t>(line.size()))
-        (void)!ftruncate(file_.get(), static_cast<off_t>(line.size()));
+    char line[128];
+    const int size = std::snprintf(line, sizeof line, "%s %lld\n", epoch.c_str(),
+                                   static_cast<long long>(revision));
+    if (pwrite(file_.get(), line, static_cast<std::size_t>(size), 0) == size)
+        (void)!ftruncate(file_.get(), size);
 }
 
 namespace {
@@ -50,23 +56,29 @@ std::string timeNow() {
     return {text, std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts)};
 }
 
-// Never over something that is there; answers whether it was moved.
-bool moved(const std::string& from, const std::string& to) {
-    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
-    if (errno == EEXIST) return false;
-    throw StoreError("cannot set " + from + " aside: " + std::strerror(errno));
+bool isThere(const std::string& file) {
+    struct stat status {};
+    return lstat(file.c_str(), &status) == 0;
 }
 
 }  // namespace
 
-std::string moveAside(const std::string& storeFile) {
-    const auto base = storeFile + ".damaged-" + timeNow();
-    auto target = base;
-    for (int i = 2; !moved(storeFile, target); ++i) target = base + "-" + std::to_string(i);
-    for (const char* beside : {"-wal", "-shm"}) {
-        if (access((storeFile + beside).c_str(), F_OK) == 0)
-            moved(storeFile + beside, target + beside);
+void moveStore(const std::string& from, const std::string& to) {
+    for (const char* beside : {"", "-wal", "-shm"}) {
+        const auto file = from + beside;
+        if (rename(file.c_str(), (to + beside).c_str()) != 0 && errno != ENOENT)
+            throw StoreError("cannot set " + file + " aside: " + std::strerror(errno));
     }
+}
+
+// Nobody else makes names there: the caller holds the guard.
+std::string moveAside(const std::string& storeFile, const char* ending) {
+    if (!isThere(storeFile) && !isThere(storeFile + "-wal")) return {};
+    const auto base = storeFile + ending + timeNow();
+    auto target = base;
+    for (int i = 2; isThere(target) || isThere(target + "-wal"); ++i)
+        target = base + "-" + std::to_string(i);
+    moveStore(storeFile, target);
     return target;
 }
 

@@ -19,15 +19,18 @@ public:
     /// Throws StoreError when another server holds it, or the folder is missing.
     explicit Guard(const std::string& storeFile);
 
+    /// Throws StoreError when it cannot be read.
     Mark mark() const;
-    void setMark(const Mark& mark) noexcept;
+    void setMark(const std::string& epoch, std::int64_t revision) noexcept;
 
 private:
     okv::PrivateDescriptor file_;
 };
 
-/// Moves a store's file, and the log beside it, to a name with the time. Answers the new name;
-/// throws StoreError.
-std::string moveAside(const std::string& storeFile);
+/// Moves a store's file, and the log beside it, to its own name with the ending and the time.
+/// Answers the new name, none where there was nothing to move; throws StoreError.
+std::string moveAside(const std::string& storeFile, const char* ending);
+/// Renames the file, and the log beside it. Throws StoreError.
+void moveStore(const std::string& from, const std::string& to);
 
 }  // namespace datacenter

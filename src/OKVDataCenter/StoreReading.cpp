@@ -82,10 +82,8 @@ void Store::loadLists(View& view) {
     for (auto rows = database_->query("SELECT user, list, value FROM lists"); rows.next();) {
         const auto user = narrow(rows.integer(0));
         if (view.user(user) == nullptr) throw strangeRow("lists");
-        view.apply(step::List{user,
-                              numbered<UserList, kUserLists>(rows.integer(1), "lists"),
-                              okv::decodeCbor(rows.bytes(2)),
-                              {}});
+        view.apply(step::List{user, numbered<UserList, kUserLists>(rows.integer(1), "lists"),
+                              okv::decodeCbor(rows.bytes(2)), std::string(rows.bytes(2))});
     }
     // In the order in which the names came.
     auto rows = database_->query("SELECT list, name, identifier FROM processes ORDER BY rowid");
@@ -104,6 +102,15 @@ void Store::loadChanges(View& view) {
                                        rows.integer(3), narrow(rows.integer(4)),
                                        narrow(rows.optionalInteger(5)), decodedKeys(rows, 6)}});
     }
+}
+
+okv::Dictionary Store::processes(ProcessList list) {
+    okv::Dictionary processes;
+    auto rows =
+        database_->query("SELECT name, identifier FROM processes WHERE list = ? ORDER BY rowid",
+                         static_cast<std::int64_t>(list));
+    while (rows.next()) processes.set(std::string(rows.bytes(0)), okv::decodeCbor(rows.bytes(1)));
+    return processes;
 }
 
 bool Store::hasUser(std::int32_t user) {
@@ -134,7 +141,9 @@ Usage Store::usage(Scope scope) {
 }
 
 std::int64_t Store::bytesInAll() {
-    return database_->number("SELECT sum(bytes) FROM scopes");
+    return database_->number(
+        "SELECT (SELECT total(bytes) FROM scopes) + (SELECT"
+        " total(length(CAST(name AS BLOB)) + length(identifier)) FROM processes)");
 }
 
 std::int64_t Store::userCount() {

@@ -1,6 +1,7 @@
 #include "Store.h"
 
 #include "StoreGuard.h"
+#include "View.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace datacenter {
 
@@ -79,6 +81,18 @@ void makeFile(const std::string& file) {
     if (made >= 0) close(made);
 }
 
+// Throws StoreError when there is such a file and not all of it can be read.
+void requireReadable(const std::string& file) {
+    const okv::PrivateDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!descriptor.isValid() && errno == ENOENT) return;
+    std::vector<char> bytes(std::size_t{1} << 16);
+    ssize_t count = descriptor.isValid() ? 1 : -1;
+    while (count > 0 || (count < 0 && errno == EINTR && descriptor.isValid()))
+        count = ::read(descriptor.get(), bytes.data(), bytes.size());
+    if (count < 0)
+        throw StoreError("the store " + file + " cannot be read: " + std::strerror(errno));
+}
+
 std::string inOneLine(std::string_view text) {
     std::string line(text);
     std::replace(line.begin(), line.end(), '\n', ' ');
@@ -93,13 +107,30 @@ void leaveUntouched(Database& database, bool untouched) {
 }  // namespace
 
 Store::Store(std::string file, Limits limits, Damaged damaged)
-    : file_(std::move(file)), limits_(limits), guard_(std::make_unique<Guard>(file_)) {
+    : file_(std::move(file)),
+      limits_(limits),
+      mayBeFresh_(damaged != Damaged::refuseFresh),
+      guard_(std::make_unique<Guard>(file_)) {
+    try {
+        openAndLookTwice();
+    } catch (const StoreDamaged&) {
+        if (damaged != Damaged::setAside) throw;
+        database_.reset();
+        setAside_ = moveAside(file_, ".damaged-");
+        guard_->setMark("", 0);
+        openOrThrow();
+    }
+}
+
+// The engine calls bytes damaged that it could not read. A disk that failed once is asked again,
+// and one that still does so says nothing about the store.
+void Store::openAndLookTwice() {
     try {
         openOrThrow();
     } catch (const StoreDamaged&) {
-        if (damaged == Damaged::refuse) throw;
         database_.reset();
-        setAside_ = moveAside(file_);
+        requireReadable(file_);
+        requireReadable(file_ + "-wal");
         openOrThrow();
     }
 }
@@ -118,8 +149,8 @@ void Store::openOrThrow() {
 
 Store::~Store() {
     try {
-        guard_->setMark({epoch_, revision()});
-    } catch (const SqlError&) {
+        guard_->setMark(epoch_, revision());
+    } catch (const std::exception&) {
         // The older mark stays.
     }
     database_.reset();  // before the guard: no other server may find it half closed
@@ -139,7 +170,14 @@ void Store::open() {
     database_->execute(
         "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
     database_->execute(("PRAGMA max_page_count=" + std::to_string(limits_.storePages)).c_str());
+    requireWritable();
     noteRestoredBackup();
+}
+
+// The engine reads on where it could open the log for reading only, and would refuse every change.
+void Store::requireWritable() {
+    begin();
+    rollback();
 }
 
 // Nothing is written before all of this has passed.
@@ -149,31 +187,35 @@ void Store::examine() {
     const auto tables = database_->number("SELECT count(*) FROM sqlite_schema");
     if (sqlite3_db_readonly(database_->handle(), "main") != 0)
         throw StoreError("the store " + file_ + " cannot be written");
-    if (application == 0 && version == 0 && tables == 0) return migrate(0);
+    if (application == 0 && version == 0 && tables == 0) {
+        if (!mayBeFresh_) throw StoreDamaged("the store " + file_ + " is damaged: it is empty");
+        return migrate(0);
+    }
     if (application != kApplicationId)
-        throw StoreError("the file " + file_ + " is no store of this server");
+        throw StoreForeign("the file " + file_ + " is no store of this server");
     if (version > kSchemaVersion)
-        throw StoreError("the store " + file_ + " is of version " + std::to_string(version) +
-                         ", newer than this server's " + std::to_string(kSchemaVersion));
-    auto rows = database_->query("PRAGMA quick_check(1)");
-    if (!rows.next() || rows.bytes(0) != "ok")
-        throw StoreDamaged("the store " + file_ + " is damaged: " + inOneLine(rows.bytes(0)));
+        throw StoreForeign("the store " + file_ + " is of version " + std::to_string(version) +
+                           ", newer than this server's " + std::to_string(kSchemaVersion));
+    check("PRAGMA quick_check(1)");
     migrate(version);
 }
 
 // The engine takes an empty file for a fresh database, and drops a log beside it. Where there was a
-// store before, the file was cut off.
-void Store::refuseEmptied() {
+// store before, the file was cut off, or taken away.
+void Store::refuseEmptied() const {
     struct stat status {};
-    if (guard_->mark().epoch.empty() || stat(file_.c_str(), &status) != 0 || status.st_size != 0)
-        return;
-    throw StoreDamaged("the store " + file_ + " is damaged: it is empty, and was not before");
+    if (guard_->mark().epoch.empty()) return;
+    const bool isThere = stat(file_.c_str(), &status) == 0;
+    if (!isThere && errno == ENOENT)
+        throw StoreDamaged("the store " + file_ + " is damaged: it is gone");
+    if (isThere && status.st_size == 0)
+        throw StoreDamaged("the store " + file_ + " is damaged: it is empty, and was not before");
 }
 
 // The engine finds damage in its own structures only; what the rows hold is looked at here.
 void Store::readThrough() {
     try {
-        load();
+        opened_ = load();
     } catch (const SqlError&) {
         throw;
     } catch (const std::runtime_error& error) {
@@ -195,11 +237,24 @@ void Store::migrate(std::int64_t version) {
 // remembers revisions of the newer one must not go on counting from them.
 void Store::noteRestoredBackup() {
     const auto mark = guard_->mark();
-    if (mark.epoch == epoch_ && revision() < mark.revision) {
-        database_->run("UPDATE meta SET value = lower(hex(randomblob(16))) WHERE name = 'epoch'");
-        epoch_ = metaText("epoch");
-    }
-    guard_->setMark({epoch_, revision()});
+    if (mark.epoch == epoch_ && revision() < mark.revision) renewEpoch();
+    guard_->setMark(epoch_, revision());
+}
+
+void Store::renewEpoch() {
+    database_->run("UPDATE meta SET value = lower(hex(randomblob(16))) WHERE name = 'epoch'");
+    epoch_ = metaText("epoch");
+    if (opened_) opened_->setEpoch(epoch_);
+}
+
+void Store::checkThoroughly() {
+    check("PRAGMA integrity_check(1)");
+}
+
+void Store::check(const char* how) {
+    auto rows = database_->query(how);
+    if (!rows.next() || rows.bytes(0) != "ok")
+        throw StoreDamaged("the store " + file_ + " is damaged: " + inOneLine(rows.bytes(0)));
 }
 
 }  // namespace datacenter

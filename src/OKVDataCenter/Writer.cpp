@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace datacenter {
 
@@ -69,6 +70,11 @@ std::size_t Writer::waiting() const {
     return queue_.size();
 }
 
+std::size_t Writer::waitingBytes() const {
+    const std::lock_guard lock(mutex_);
+    return queuedBytes_;
+}
+
 // Lock held.
 bool Writer::hasWork() const {
     return !queue_.empty() || !acknowledged_.empty();
@@ -97,13 +103,26 @@ bool Writer::next(Work& work) {
 
 void Writer::run() {
     for (Work work; next(work);) {
-        for (const auto& batch : work.acknowledged) {
-            for (const auto& change : batch->told) post(change);
-        }
-        if (!work.requests.empty()) carryOut(work.requests);
-        work = Work();  // here, under no lock: a batch may hold a whole former view
+        busySince_ = std::chrono::steady_clock::now().time_since_epoch().count();
+        // It ends there, under no lock: a batch may hold a whole former view.
+        carryOut(std::exchange(work, Work()));
+        busySince_ = kIdle;
     }
     handlers_.finished();
+}
+
+void Writer::carryOut(Work work) {
+    for (const auto& batch : work.acknowledged) {
+        for (const auto& change : batch->told) post(change);
+    }
+    if (!work.requests.empty()) carryOut(work.requests);
+}
+
+std::chrono::nanoseconds Writer::busyFor() const noexcept {
+    using Steady = std::chrono::steady_clock;
+    const auto since = busySince_.load();
+    if (since == kIdle) return {};
+    return Steady::now() - Steady::time_point(Steady::duration(since));
 }
 
 void Writer::post(const Change& change) {
@@ -112,24 +131,21 @@ void Writer::post(const Change& change) {
 
 void Writer::carryOut(const std::vector<Queued>& group) {
     auto batch = std::make_shared<Batch>();
-    try {
-        carryOutAll(group, *batch);
-        noteSuccess();
-    } catch (const SqlError& error) {
+    if (const auto failure = carryOutAll(group, *batch)) {
         store_.rollback();
-        noteFailure(error);
+        noteFailure(*failure);
         *batch = Batch();
         for (const auto& queued : group)
-            batch->answers.push_back(
-                {queued.request, refusalReply(queued.method, refusalFor(error))});
+            batch->answers.push_back({queued.request, failed(queued, *failure), false});
+    } else {
+        noteSuccess();
     }
     handlers_.handOver(std::move(batch));
 }
 
 // A disk that fails for long fills the log with one line.
-void Writer::noteFailure(const SqlError& error) {
-    if (!failing_)
-        handlers_.log(std::string("changes are refused, the store fails: ") + error.what());
+void Writer::noteFailure(const okv::Refusal& failure) {
+    if (!failing_) handlers_.log("changes are refused, the store fails: " + failure.reason);
     failing_ = true;
 }
 
@@ -138,19 +154,32 @@ void Writer::noteSuccess() {
     failing_ = false;
 }
 
-void Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
-    store_.begin();
-    for (const auto& queued : group) {
-        auto frame = carryOutOne(queued, batch);
-        batch.answers.push_back({queued.request, std::move(frame)});
+// Why none of it was committed; nothing when all was.
+std::optional<okv::Refusal> Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
+    try {
+        store_.begin();
+        for (const auto& queued : group) {
+            auto frame = carryOutOne(queued, batch);
+            batch.answers.push_back(
+                {queued.request, std::move(frame), queued.request && ledger_.isDenied()});
+        }
+        store_.commit();
+        return std::nullopt;
+    } catch (const SqlError& error) {
+        return refusalFor(error);
+    } catch (const std::bad_alloc&) {
+        return okv::Refusal{okv::Refusal::Kind::failed, "no memory"};
     }
-    store_.commit();
 }
 
 std::string Writer::send(const Queued& queued) {
     if (queued.request) return Speaker{data_, admin_}.carryOut(*queued.request, queued.method);
-    data_.reloadDataPT();
-    return {};
+    if (handlers_.lookAround) handlers_.lookAround();
+    return data_.reloadDataPT() ? std::string() : ledger_.reason();
+}
+
+std::string Writer::failed(const Queued& queued, const okv::Refusal& failure) {
+    return queued.request ? refusalReply(queued.method, failure) : failure.reason;
 }
 
 // An error that leaves the transaction standing concerns this request alone.
@@ -168,7 +197,7 @@ std::string Writer::carryOutOne(const Queued& queued, Batch& batch) {
     } catch (const SqlError& error) {
         if (store_.isTransactionLost()) throw;
         store_.dropRequest();
-        return refusalReply(queued.method, refusalFor(error));
+        return failed(queued, refusalFor(error));
     }
 }
 

@@ -4,6 +4,8 @@
 #include "Ledger.h"
 #include "Notices.h"
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -18,7 +20,8 @@ namespace datacenter {
 struct Batch {
     struct Answer {
         okv::Ref<okv::IncomingRequest> request;  ///< none for what the server asked of itself
-        std::string frame;
+        std::string frame;      ///< where there is no request: why it failed, empty when it did not
+        bool isDenied = false;  ///< the caller had no right to it
     };
     std::vector<Answer> answers;
     std::vector<Step> steps;
@@ -40,6 +43,8 @@ public:
         std::function<void()> finished;  ///< after `finish`, when everything is done
         /// A line for the log: when commits begin to fail, and when they work again.
         std::function<void(const std::string&)> log;
+        /// Before the store is read again without anybody asking; may wait.
+        std::function<void()> lookAround = {};
     };
 
     Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster& poster,
@@ -58,6 +63,9 @@ public:
 
     /// Requests not yet carried out.
     std::size_t waiting() const;
+    std::size_t waitingBytes() const;
+    /// For how long the thread has been at the same piece of work; zero when it waits for some.
+    std::chrono::nanoseconds busyFor() const noexcept;
 
 private:
     struct Queued {
@@ -69,16 +77,20 @@ private:
         std::vector<std::shared_ptr<Batch>> acknowledged;
     };
 
+    static constexpr std::chrono::steady_clock::rep kIdle = 0;
+
     void run();
+    void carryOut(Work work);
     bool next(Work& work);
     bool hasWork() const;
     void takeRequests(Work& work);
     void carryOut(const std::vector<Queued>& group);
-    void carryOutAll(const std::vector<Queued>& group, Batch& batch);
+    std::optional<okv::Refusal> carryOutAll(const std::vector<Queued>& group, Batch& batch);
     std::string carryOutOne(const Queued& queued, Batch& batch);
     std::string send(const Queued& queued);
+    static std::string failed(const Queued& queued, const okv::Refusal& failure);
     void post(const Change& change);
-    void noteFailure(const SqlError& error);
+    void noteFailure(const okv::Refusal& failure);
     void noteSuccess();
 
     Store& store_;
@@ -88,6 +100,7 @@ private:
     NoticePoster& poster_;
     const Handlers handlers_;
     bool failing_ = false;
+    std::atomic<std::chrono::steady_clock::rep> busySince_{kIdle};
 
     mutable std::mutex mutex_;  // guards all down to the thread
     std::condition_variable wake_;

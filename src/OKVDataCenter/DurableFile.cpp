@@ -1,0 +1,91 @@
+#include "DurableFile.h"
+
+#include "Store.h"
+
+#include <OKVPlatform/ipc/PrivateDescriptor.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace datacenter {
+
+namespace {
+
+std::string reason(const char* what, const std::string& file) {
+    const int error = errno;
+    return std::string("cannot ") + what + " " + file + ": " + std::strerror(error);
+}
+
+okv::PrivateDescriptor opened(const std::string& file, int flags) {
+    okv::PrivateDescriptor descriptor(::open(file.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (descriptor.get() < 0) throw StoreError(reason("open", file));
+    return descriptor;
+}
+
+okv::PrivateDescriptor openedAnew(const std::string& file) {
+    if (unlink(file.c_str()) != 0 && errno != ENOENT) throw StoreError(reason("replace", file));
+    return opened(file, O_WRONLY | O_CREAT | O_EXCL);
+}
+
+void flush(const okv::PrivateDescriptor& descriptor, const std::string& name) {
+    if (fsync(descriptor.get()) != 0) throw StoreError(reason("flush", name));
+}
+
+void writeAll(const okv::PrivateDescriptor& to, std::string_view bytes, const std::string& name) {
+    while (!bytes.empty()) {
+        const auto count = write(to.get(), bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR) throw StoreError(reason("write", name));
+        if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+}  // namespace
+
+void makeEmptyFile(const std::string& file) {
+    openedAnew(file);
+}
+
+void flushFile(const std::string& file) {
+    flush(opened(file, O_RDONLY), file);
+}
+
+// A link to a folder on another disk is followed.
+void flushFolder(const std::string& folder) {
+    const okv::PrivateDescriptor descriptor(
+        ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (descriptor.get() < 0) throw StoreError(reason("open", folder));
+    flush(descriptor, folder);
+}
+
+void flushFolderOf(const std::string& file) {
+    const auto slash = file.rfind('/');
+    if (slash == std::string::npos) return flushFolder(".");
+    flushFolder(file.substr(0, slash + 1));
+}
+
+void renameDurably(const std::string& from, const std::string& to) {
+    if (rename(from.c_str(), to.c_str()) != 0) throw StoreError(reason("rename", from));
+    flushFolderOf(to);
+}
+
+void copyDurably(const std::string& from, const std::string& to) {
+    const okv::PrivateDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (source.get() < 0) throw StoreDamaged(reason("open", from));
+    const auto target = openedAnew(to);
+    std::array<char, 1 << 16> bytes;
+    for (;;) {
+        const auto count = read(source.get(), bytes.data(), bytes.size());
+        if (count == 0) break;
+        if (count < 0 && errno != EINTR) throw StoreDamaged(reason("read", from));
+        if (count > 0) writeAll(target, {bytes.data(), static_cast<std::size_t>(count)}, to);
+    }
+    flush(target, to);
+}
+
+}  // namespace datacenter

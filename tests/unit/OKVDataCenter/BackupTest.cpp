@@ -1,0 +1,103 @@
+#include "BackupFolder.h"
+#include "BackupKeeper.h"
+#include "Harness.h"
+
+#include <poll.h>
+
+#include <fstream>
+
+using datacenter::Backup;
+using std::chrono::seconds;
+
+namespace {
+
+constexpr std::int64_t kNow = 1780283045;  // 2026-06-01T03:04:05Z
+constexpr seconds kDay{86400};
+
+std::vector<Backup> newestFrom(std::int64_t time) {
+    return {{9, time, "newest"}, {8, time + 5, "before"}};
+}
+
+void serveUntil(const std::function<bool()>& isSo) {
+    const auto loop = okv::RunLoop::current();
+    while (!isSo()) {
+        pollfd entry{loop->fd(), POLLIN, 0};
+        ASSERT_GT(poll(&entry, 1, 30000), 0);
+        loop->dispatch();
+    }
+}
+
+}  // namespace
+
+TEST(ABackupsName, TellsNumberAndTime) {
+    EXPECT_EQ(datacenter::backupName(42, kNow), "000042-20260601T030405Z.db");
+    const auto backup = datacenter::backupNamed("000042-20260601T030405Z.db");
+    ASSERT_TRUE(backup);
+    EXPECT_EQ(backup->number, 42);
+    EXPECT_EQ(backup->time, kNow);
+    EXPECT_EQ(datacenter::backupNamed(datacenter::backupName(123456789, 0))->number, 123456789);
+}
+
+TEST(ABackupsName, IsNoOtherName) {
+    for (const char* name :
+         {"", "unfinished", "-20260601T030405Z.db", "000042-20260601T030405Z", "000042-.db",
+          "000042-20260601T030405Z.db-journal", "x00042-20260601T030405Z.db",
+          "000000-20260601T030405Z.db", "-00042-20260601T030405Z.db", "000042-20261301T030405Z.db",
+          "000042-2026060AT030405Z.db", "9999999999999999-20260601T030405Z.db"})
+        EXPECT_FALSE(datacenter::backupNamed(name)) << name;
+}
+
+TEST(TheFirstBackup, IsDueAtOnceUnlessTheNewestIsYoung) {
+    const struct {
+        const char* name;
+        std::vector<Backup> backups;
+        std::int64_t seconds;
+    } lines[] = {
+        {"there is none", {}, 0},
+        {"just made", newestFrom(kNow), 86400},
+        {"an hour old", newestFrom(kNow - 3600), 82800},
+        {"a second before a day", newestFrom(kNow - 86399), 1},
+        {"a day old", newestFrom(kNow - 86400), 0},
+        {"a year old", newestFrom(kNow - 365 * 86400), 0},
+        {"from the time to come", newestFrom(kNow + 1), 0},
+        {"from far in the time to come", newestFrom(kNow + 1000 * 86400), 0},
+    };
+    for (const auto& [name, backups, wanted] : lines)
+        EXPECT_EQ(datacenter::untilFirstBackup(backups, kNow, kDay).count(), wanted) << name;
+}
+
+TEST(TheKeeperOfBackups, LogsAFailureOnceWithItsReasonAndThatItIsOver) {
+    const TemporaryFolder folder;
+    const auto file = folder.file("s");
+    const datacenter::Store store(file, datacenter::Limits());
+    std::filesystem::create_directory(folder.file("s.backups"));
+    // What cannot be replaced by a file.
+    std::filesystem::create_directory(folder.file("s.backups/unfinished"));
+    std::vector<std::string> log;
+    const auto keeper = okv::make<datacenter::BackupKeeper>(
+        file, seconds(1), [&](const std::string& line) { log.push_back(line); });
+    keeper->start();
+    serveUntil([&] { return keeper->state().contains("failure"); });
+    const auto first = keeper->state()["failed"];
+    serveUntil([&] { return keeper->state()["failed"] != first; });
+    ASSERT_EQ(log.size(), 1U) << "the same reason again is not told again";
+    EXPECT_NE(log[0].find("s.backups/unfinished"), std::string::npos) << log[0];
+    EXPECT_NE(log[0].find("Is a directory"), std::string::npos) << log[0];
+    std::filesystem::remove(folder.file("s.backups/unfinished"));
+    serveUntil([&] { return keeper->state()["kept"] == okv::Value(1); });
+    ASSERT_EQ(log.size(), 2U);
+    EXPECT_EQ(log[1], "backups of the store are made again");
+    EXPECT_FALSE(keeper->state().contains("failure"));
+}
+
+TEST(TheKeeperOfBackups, MayGoWhileOneIsUnderWay) {
+    const TemporaryFolder folder;
+    const datacenter::Store store(folder.file("s"), datacenter::Limits());
+    for (int i = 0; i < 20; ++i) {
+        okv::make<datacenter::BackupKeeper>(folder.file("s"), seconds(1), [](const auto&) {
+        })->start();
+        EXPECT_FALSE(std::filesystem::exists(folder.file("s.backups/unfinished")));
+        std::filesystem::remove_all(folder.file("s.backups"));
+    }
+    okv::RunLoop::current()->dispatch();
+}
