@@ -8,6 +8,12 @@ namespace datacenter {
 using Kind = okv::Refusal::Kind;
 using okv::Value;
 
+namespace {
+
+constexpr std::size_t kProcessesOneByOne = 8;
+
+}  // namespace
+
 bool AdminChangingSide::setCommon(const okv::Dictionary& settings) {
     const auto before = ledger_.store().usage(kEverybody);
     for (const auto& [key, value] : settings) {
@@ -54,13 +60,24 @@ bool AdminChangingSide::unlockOKVDataPT(const Value& keys) {
     return setLocks(keys, false);
 }
 
-bool AdminChangingSide::setProcess(ProcessList list, const Value& name, const Value& identifier) {
+bool AdminChangingSide::setProcess(ProcessList list, const Value& name, const Value& identifier,
+                                   std::vector<step::Process>& steps) {
     std::string encoded;
     if (!ledger_.checkKey(name) ||
         !ledger_.encode(identifier, ledger_.limits().valueBytes, encoded))
         return false;
-    ledger_.carryOut(step::Process{list, name.as<std::string>(), identifier});
+    step::Process process{list, name.as<std::string>(), identifier};
+    ledger_.store().carryOut(process);
+    steps.push_back(std::move(process));
     return true;
+}
+
+// Many as a whole: taken out of the view's dictionary one by one, they would keep reads waiting.
+void AdminChangingSide::tellProcesses(ProcessList list, std::vector<step::Process> steps) {
+    if (steps.size() > kProcessesOneByOne)
+        return ledger_.remember(step::Processes{
+            list, std::make_shared<okv::Dictionary>(ledger_.store().processes(list))});
+    for (auto& step : steps) ledger_.remember(std::move(step));
 }
 
 bool AdminChangingSide::setProcesses(ProcessList list, const Value& processes) {
@@ -69,9 +86,11 @@ bool AdminChangingSide::setProcesses(ProcessList list, const Value& processes) {
         if (dictionary == nullptr)
             return ledger_.refuse(Kind::invalid,
                                   "processes are a dictionary of name to identifier");
+        std::vector<step::Process> steps;
         for (const auto& [name, identifier] : *dictionary) {
-            if (!setProcess(list, name, identifier)) return false;
+            if (!setProcess(list, name, identifier, steps)) return false;
         }
+        tellProcesses(list, std::move(steps));
         return ledger_.checkProcesses(list);
     });
 }
@@ -100,13 +119,15 @@ bool AdminChangingSide::setCurrentUserIdPT_osUid(const Value& user, std::int32_t
     });
 }
 
-// The size is known before anything is read: what does not fit is not gathered first.
+// The least size is known before anything is read: what cannot fit is not gathered first.
 Value AdminChangingSide::exported() {
-    if (ledger_.store().bytesInAll() > static_cast<std::int64_t>(ledger_.limits().replyBytes)) {
-        ledger_.refuse(Kind::tooLarge, "more than one message carries");
-        return {};
+    const auto limit = ledger_.limits().replyBytes;
+    if (ledger_.store().bytesInAll() <= static_cast<std::int64_t>(limit)) {
+        Value whole = exportOf(*ledger_.store().load());
+        if (fitsInReply(whole, limit)) return whole;
     }
-    return exportOf(*ledger_.store().load());
+    ledger_.refuse(Kind::tooLarge, "the export is more than one message carries");
+    return {};
 }
 
 Value AdminChangingSide::exportDataPT() {

@@ -1,6 +1,8 @@
 #include "ReadingSide.h"
 #include "SettingsReply.h"
 
+#include <algorithm>
+
 namespace datacenter {
 
 namespace {
@@ -67,6 +69,27 @@ std::optional<okv::Array> changesAfter(const View& view, std::int64_t revision, 
     return after;
 }
 
+std::size_t largestProcessList(const View& view) {
+    std::size_t largest = 0;
+    for (std::size_t i = 0; i < kProcessLists; ++i)
+        largest = std::max(largest, view.processes(static_cast<ProcessList>(i)).size());
+    return largest;
+}
+
+// How much is taken of the limits, under their names.
+void addUseOf(const View& view, Dictionary& status) {
+    auto use = status["use"].is<Dictionary>() ? status["use"].as<Dictionary>() : Dictionary();
+    const auto fullest = view.fullestScope();
+    use.set("scope_keys", fullest.keys);
+    use.set("scope_bytes", fullest.bytes);
+    use.set("users", view.users().size());
+    use.set("accounts", view.accounts().size());
+    use.set("locks", view.locks().size());
+    use.set("processes", largestProcessList(view));
+    use.set("changes_kept", view.changes().size());
+    status.set("use", std::move(use));
+}
+
 }  // namespace
 
 Dictionary describe(const Change& change) {
@@ -124,15 +147,10 @@ Value AdminReadingSide::serverStatusPT() {
     status.set("accounts", static_cast<std::int64_t>(view_.accounts().size()));
     status.set("settings", view_.settingCount());
     status.set("locks", static_cast<std::int64_t>(view_.locks().size()));
-    status.set("limits", Dictionary{{"request_bytes", limits_.requestBytes},
-                                    {"import_bytes", limits_.importBytes},
-                                    {"value_bytes", limits_.valueBytes},
-                                    {"list_bytes", limits_.listBytes},
-                                    {"scope_keys", limits_.scopeKeys},
-                                    {"scope_bytes", limits_.scopeBytes},
-                                    {"users", limits_.users},
-                                    {"locks", limits_.locks},
-                                    {"changes_kept", limits_.changesKept}});
+    Dictionary limits;
+    for (const auto& [name, value] : namedLimits(limits_)) limits.set(name, value);
+    status.set("limits", std::move(limits));
+    addUseOf(view_, status);
     return status;
 }
 

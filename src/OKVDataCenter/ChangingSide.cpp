@@ -29,7 +29,8 @@ bool ChangingSide::mayWrite(const std::string& key, std::int32_t appUid) {
         return ledger_.isAdministrator() ||
                ledger_.refuse(Kind::notAllowed, "the system's settings are the administrator's");
     if (!ledger_.checkUser(appUid) || !ledger_.mayChange(appUid)) return false;
-    return !ledger_.store().isLocked(key) || ledger_.refuse(Kind::locked, "the key is locked");
+    return !ledger_.store().isLocked(key) ||
+           ledger_.refuse(Kind::locked, "the key " + key + " is locked");
 }
 
 bool ChangingSide::setOne(const Value& key, const Value& value, std::int32_t appUid) {

@@ -65,7 +65,9 @@ private:
     bool setCommon(const okv::Dictionary& settings);
     bool setLocks(const Value& keys, bool locked);
     bool setProcesses(ProcessList list, const Value& processes);
-    bool setProcess(ProcessList list, const Value& name, const Value& identifier);
+    bool setProcess(ProcessList list, const Value& name, const Value& identifier,
+                    std::vector<step::Process>& steps);
+    void tellProcesses(ProcessList list, std::vector<step::Process> steps);
     Value exported();
 
     Ledger& ledger_;

@@ -1,5 +1,6 @@
 #include "ChangingSide.h"
 #include "Keys.h"
+#include "View.h"
 
 #include <OKVPlatform/ipc/PeerIdentity.h>
 
@@ -79,10 +80,13 @@ bool ChangingSide::removeUserInfoPT(const Value& user) {
 
 void ChangingSide::removeUserInfoAllPT() {
     ledger_.change([&] {
-        for (const auto id : ledger_.store().users()) {
-            if (id != kDefaultUser) ledger_.carryOut(step::RemoveUser{id});
+        auto& store = ledger_.store();
+        for (const auto id : store.users()) {
+            if (id != kDefaultUser) store.carryOut(step::RemoveUser{id});
         }
-        ledger_.carryOut(step::EmptyUser{kDefaultUser});
+        store.carryOut(step::EmptyUser{kDefaultUser});
+        // One by one they would keep the view's thread busy: there may be very many.
+        ledger_.remember(step::Reload{store.load()});
         ledger_.tellEveryKey();
         return true;
     });

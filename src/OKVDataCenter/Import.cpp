@@ -32,6 +32,16 @@ bool Import::bad(std::string what) {
     return ledger_.refuse(Kind::invalid, std::move(what));
 }
 
+// An import holds many entries: the refusal tells which one it is about.
+bool Import::about(Scope scope, const Value& key, bool accepted) {
+    auto* const invocation = okv::Invocation::current();
+    if (accepted || invocation == nullptr || !invocation->refusal()) return accepted;
+    const auto whose = scope == kEverybody ? std::string() : "user " + std::to_string(scope) + ", ";
+    const auto [kind, reason] = *invocation->refusal();
+    invocation->refuse(kind, whose + key.as<std::string>() + ": " + reason);
+    return false;
+}
+
 // The parts may come in any order, so what one says of another is looked at in the end.
 bool Import::take(const Dictionary& whole) {
     if (!whole.contains("format")) return bad("no \"format\": this is no export");
@@ -62,7 +72,8 @@ bool Import::format(const Value& part) {
 
 bool Import::setting(Scope scope, const Value& key, const Value& value) {
     std::string encoded;
-    if (!ledger_.checkKey(key) || !ledger_.encode(value, ledger_.limits().valueBytes, encoded))
+    if (!ledger_.checkKey(key) ||
+        !about(scope, key, ledger_.encode(value, ledger_.limits().valueBytes, encoded)))
         return false;
     const auto& text = key.as<std::string>();
     if (scope != kEverybody && isSystemKey(text)) return bad("a user with a system setting");
@@ -104,7 +115,8 @@ bool Import::list(std::int32_t user, const Value& name, const Value& value) {
                                     [&](const char* text) { return name == Value(text); });
     if (known == kUserListNames.end()) return bad("a user with an unknown part");
     std::string encoded;
-    if (!ledger_.encode(value, ledger_.limits().listBytes, encoded)) return false;
+    if (!about(user, name, ledger_.encode(value, ledger_.limits().listBytes, encoded)))
+        return false;
     const auto list = static_cast<UserList>(known - kUserListNames.begin());
     store_.carryOut(step::List{user, list, value, std::move(encoded)});
     return true;
@@ -154,7 +166,7 @@ bool Import::processes(const Value& part) {
 bool Import::process(ProcessList list, const Value& name, const Value& identifier) {
     std::string encoded;
     if (!ledger_.checkKey(name) ||
-        !ledger_.encode(identifier, ledger_.limits().valueBytes, encoded))
+        !about(kEverybody, name, ledger_.encode(identifier, ledger_.limits().valueBytes, encoded)))
         return false;
     store_.carryOut(step::Process{list, name.as<std::string>(), identifier});
     return true;

@@ -1,19 +1,20 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace datacenter {
 
 /// Every bound that the server sets to what it takes, keeps and gives back. Tests open stores with
-/// smaller ones.
+/// smaller ones. A bound that is added here is told by `namedLimits` and in docs/limits.md, too.
 struct Limits {
-    std::size_t requestBytes = 1U << 20;  ///< the payload of a request
-    std::size_t connectionsPerUid = 128;  ///< not of uid 0 and the server's own
-    std::size_t keptConnections = 64;     ///< of all, for uid 0 and the server's own alone
-    std::size_t importBytes = 16U << 20;  ///< the payload of an import
+    std::size_t requestBytes = 1U << 20;                ///< the payload of a request
+    std::size_t importBytes = 16U << 20;                ///< the payload of an import
     std::size_t replyBytes = (16U << 20) - (1U << 16);  ///< what goes into one reply; the rest of a
                                                         ///< frame is left to its bookkeeping
+    std::size_t readKeys = 10000;                       ///< keys that one read may name
     std::size_t keyBytes = 255;
     std::size_t valueBytes = 256U << 10;  ///< one value, encoded
     std::size_t listBytes = 1U << 20;     ///< one of a user's four lists, encoded
@@ -32,6 +33,26 @@ struct Limits {
     std::int64_t storePages = 1 << 20;    ///< of 4 KiB each
     std::size_t groupedRequests = 256;    ///< requests in one transaction
     std::size_t queuedBytes = 64U << 20;  ///< requests waiting for the writer
+    std::size_t connections = 1024;
+    std::size_t connectionsPerUid = 128;   ///< not of uid 0 and the server's own
+    std::size_t keptConnections = 64;      ///< of all, for uid 0 and the server's own alone
+    std::size_t ungreeted = 32;            ///< connections that have not said a word yet
+    std::size_t greetMilliseconds = 2000;  ///< within which they must
+    std::size_t outputBytes = 4U << 20;    ///< that a client leaves unread; one reply may exceed it
+    std::size_t pendingRequests = 64;      ///< of one client, not yet answered
+    /// At one piece of work for longer, the writer is stuck. A disk that ever answers again has
+    /// done so: the kernel's own time-outs and repetitions end before.
+    std::chrono::seconds writerStuckAfter{300};
 };
+
+/// A limit by the name under which the status and docs/limits.md tell it.
+struct NamedLimit {
+    const char* name;
+    std::int64_t value;
+};
+std::vector<NamedLimit> namedLimits(const Limits& limits);
+
+/// The limits that this process can keep: no more connections than it has descriptors for.
+Limits affordable(Limits limits);
 
 }  // namespace datacenter

@@ -66,6 +66,12 @@ struct Change {
     std::optional<std::vector<std::string>> keys;  ///< none: more than are told
 };
 
+/// How much of a scope's room is taken.
+struct Usage {
+    std::int64_t keys = 0;
+    std::int64_t bytes = 0;
+};
+
 class View;
 
 /// The steps that a change is made of. The store writes the same steps to the disk that the view
@@ -97,13 +103,18 @@ struct Process {
 struct AddUser {
     std::int32_t user;
 };
+/// What a view gave up for a step: it may be much, and whoever keeps the step destroys it at
+/// leisure.
+using Remains = std::shared_ptr<void>;
 /// With its values, its lists, its assignments, and wherever it is the current user.
 struct RemoveUser {
     std::int32_t user;
+    mutable Remains remains = nullptr;
 };
 /// Only its values and lists.
 struct EmptyUser {
     std::int32_t user;
+    mutable Remains remains = nullptr;
 };
 struct Assign {
     std::int64_t osUid;
@@ -123,14 +134,20 @@ struct ServerClock {
 struct Record {
     Change change;
 };
+/// One process list as a whole, read from the store.
+struct Processes {
+    ProcessList list;
+    std::shared_ptr<okv::Dictionary> processes;
+};
 /// All that the store holds, read anew.
 struct Reload {
     std::shared_ptr<View> view;
 };
 }  // namespace step
 
-using Step = std::variant<step::Setting, step::Lock, step::List, step::Process, step::AddUser,
-                          step::RemoveUser, step::EmptyUser, step::Assign, step::Switch,
-                          step::CurrentUser, step::ServerClock, step::Record, step::Reload>;
+using Step =
+    std::variant<step::Setting, step::Lock, step::List, step::Process, step::AddUser,
+                 step::RemoveUser, step::EmptyUser, step::Assign, step::Switch, step::CurrentUser,
+                 step::ServerClock, step::Record, step::Processes, step::Reload>;
 
 }  // namespace datacenter

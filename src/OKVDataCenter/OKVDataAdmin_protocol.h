@@ -74,8 +74,11 @@ public:
 
     /// A dictionary of what the server is doing: "version", "pid", "epoch", "revision", "uptime"
     /// (seconds), "clients", "users", "accounts", "settings", "locks", "waiting" (changes not yet
-    /// carried out), "refused" (requests, since the start), "self_service", and "limits" (name to
-    /// number).
+    /// carried out), "refused" (requests, since the start), "self_service", "log_level", "limits"
+    /// (name to number), "use" (the same names, of those limits of which something is taken now;
+    /// where there are many to which the limit applies, of the fullest), and "backup": a dictionary
+    /// of "interval" (seconds), "kept" (how many there are), "time" (date of the last, or null)
+    /// and, while they fail, "failure" (the reason) and "failed" (date).
     virtual okv::Value serverStatusPT() = 0;
 };
 

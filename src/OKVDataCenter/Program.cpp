@@ -1,8 +1,12 @@
 #include "Program.h"
 
+#include "BackgroundLog.h"
+#include "BackupKeeper.h"
 #include "Server.h"
+#include "ServiceManager.h"
 #include "SystemPoster.h"
 
+#include <OKVDataManager/okvCmnUtil.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/system/NSLog.h>
@@ -11,7 +15,6 @@
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 namespace datacenter {
 
@@ -44,15 +48,22 @@ public:
         descriptor_ = okv::PrivateDescriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     }
 
-    void serve(Server& server) {
-        okv::RunLoop::current()->watch(descriptor_.get(), EPOLLIN, [this, &server](std::uint32_t) {
+    void serve(Server& server, ServiceManager& manager) {
+        const auto act = [this, &server, &manager](std::uint32_t) {
             signalfd_siginfo info{};
             while (read(descriptor_.get(), &info, sizeof info) == sizeof info)
-                info.ssi_signo == SIGHUP ? server.reload() : server.end();
-        });
+                info.ssi_signo == SIGHUP ? reload(server, manager) : server.end();
+        };
+        if (okv::RunLoop::current()->watch(descriptor_.get(), EPOLLIN, act) == 0)
+            throw std::runtime_error("the system has no room to watch for signals");
     }
 
 private:
+    static void reload(Server& server, ServiceManager& manager) {
+        manager.reloading();
+        server.reload();
+    }
+
     okv::PrivateDescriptor descriptor_;
 };
 
@@ -69,26 +80,31 @@ Rights rightsFor(const Options& options) {
 }
 
 bool publish(Server& server, std::string& why) {
-    const int handedOver = sd_listen_fds(1);
-    if (handedOver > 1) {
-        why = "the service manager handed over more than one socket";
-        return false;
-    }
-    return handedOver == 1 ? server.adopt(SD_LISTEN_FDS_START, why) : server.publish(why);
+    int socket = ServiceManager::kNoSocket;
+    if (!ServiceManager::takeSocket(socket, why)) return false;
+    return socket != ServiceManager::kNoSocket ? server.adopt(socket, why) : server.publish(why);
 }
 
-// As often as the service manager asks for, as long as the run loop turns.
-void feedWatchdog(std::chrono::microseconds every) {
-    sd_notify(0, "WATCHDOG=1");
-    okv::RunLoop::current()->performAfter(every, [every] { feedWatchdog(every); });
+// What SIGHUP reads again beside the store.
+void lookAround(Rights& rights) {
+    rights.setAdminGroup(administratorsGroup(kAdministrators, rights.adminGroup()));
+    okv::setLogLevel(okvCmnUtil::logLevel());
 }
 
-void tellReady() {
-    sd_notify(0, "READY=1");
+Server::Surroundings surroundingsOf(ServiceManager& manager, NoticePoster& poster,
+                                    const LogLine& log, const BackupKeeper& backups) {
+    Server::Surroundings surroundings{poster, log};
+    surroundings.backups = [&backups] { return backups.state(); };
+    surroundings.lookAround = lookAround;
+    surroundings.reloaded = [&manager](const std::string& failure) { manager.reloaded(failure); };
+    surroundings.ending = [&manager] { manager.stopping(); };
+    return surroundings;
+}
+
+void tellReady(Server& server, ServiceManager& manager) {
+    manager.ready([&server] { return server.isWell(); });
     std::puts("ready");
     std::fflush(stdout);
-    std::uint64_t within = 0;
-    if (sd_watchdog_enabled(0, &within) > 0) feedWatchdog(std::chrono::microseconds(within / 2));
 }
 
 LogLine logFor(const Options& options) {
@@ -107,20 +123,25 @@ void takeAllDescriptors() {
 int serveStore(const Options& options, Signals& signals) {
     std::string why;
     takeAllDescriptors();
-    Store store(options.store, Limits(),
+    Limits limits;
+    limits.connectionsPerUid = options.connectionsPerUid;
+    Store store(options.store, limits,
                 options.beginAfresh ? Store::Damaged::setAside : Store::Damaged::refuse);
-    const auto log = logFor(options);
+    BackgroundLog lines(logFor(options));
+    const LogLine log = [&lines](const std::string& line) { lines.add(line); };
     if (!store.setAside().empty())
         log("the store " + options.store + " was damaged: it is now " + store.setAside() +
             ", and an empty one was begun");
     SystemPoster poster(log);
-    Server server(store, rightsFor(options), {poster, log});
+    ServiceManager manager;
+    const auto backups = okv::make<BackupKeeper>(options.store, options.backupInterval, log);
+    Server server(store, rightsFor(options), surroundingsOf(manager, poster, log, *backups));
     if (!makeRuntimeDirectory(okv::runtimeDirectory(), why) || !publish(server, why))
         return fail(why);
-    signals.serve(server);
-    tellReady();
+    signals.serve(server, manager);
+    tellReady(server, manager);
+    backups->start();
     server.run();
-    sd_notify(0, "STOPPING=1");
     return EXIT_SUCCESS;
 }
 
@@ -134,7 +155,10 @@ int serve(const Options& options) {
         return serveStore(options, signals);
     } catch (const StoreDamaged& error) {
         return fail(std::string(error.what()) +
-                    "; it was left as it is, --begin-afresh sets it aside and begins anew");
+                    "; it was left as it is: --restore brings the last good backup back, "
+                    "--begin-afresh begins with an empty store; both set this one aside");
+    } catch (const std::bad_alloc&) {
+        return fail("no memory");
     } catch (const std::exception& error) {
         return fail(error.what());
     }

@@ -16,10 +16,18 @@ Value valueOf(const View& view, Scope scope, const Value& key) {
     return found.setting != nullptr ? found.setting->value : Value(Null{});
 }
 
-Value valuesOf(const View& view, Scope scope, const Value& keys, std::size_t limit) {
+Value tooMany(std::size_t limit) {
+    if (auto* invocation = okv::Invocation::current())
+        invocation->refuse(okv::Refusal::Kind::tooLarge,
+                           "one read names at most " + std::to_string(limit) + " keys");
+    return {};
+}
+
+Value valuesOf(const View& view, Scope scope, const Value& keys, const Limits& limits) {
     const auto* array = keys.getIf<okv::Array>();
     if (array == nullptr) return {};
-    SettingsReply reply(limit);
+    if (array->size() > limits.readKeys) return tooMany(limits.readKeys);
+    SettingsReply reply(limits.replyBytes);
     for (const auto& key : *array) {
         const auto* text = key.getIf<std::string>();
         if (text == nullptr) return {};
@@ -68,15 +76,15 @@ Value ReadingSide::okvDataPT_appUid(const Value& key, std::int32_t appUid) {
 }
 
 Value ReadingSide::okvDataAllPT(const Value& keys) {
-    return valuesOf(view_, kEverybody, keys, limits_.replyBytes);
+    return valuesOf(view_, kEverybody, keys, limits_);
 }
 
 Value ReadingSide::okvDataAllPT_osUid(const Value& keys, std::int32_t osUid) {
-    return valuesOf(view_, view_.userOf(osUid), keys, limits_.replyBytes);
+    return valuesOf(view_, view_.userOf(osUid), keys, limits_);
 }
 
 Value ReadingSide::okvDataAllPT_appUid(const Value& keys, std::int32_t appUid) {
-    return valuesOf(view_, appUid, keys, limits_.replyBytes);
+    return valuesOf(view_, appUid, keys, limits_);
 }
 
 Value ReadingSide::filterSettingsDataPT() {

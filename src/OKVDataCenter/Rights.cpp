@@ -3,6 +3,7 @@
 #include <grp.h>
 
 #include <array>
+#include <cerrno>
 #include <vector>
 
 namespace datacenter {
@@ -83,8 +84,13 @@ Grant grantFor(Method method) {
 
 bool Rights::isAdministrator(const okv::PeerIdentity& caller) const noexcept {
     if (!caller.isAccount()) return false;
-    return caller.uid == 0 || caller.uid == options_.ownUid ||
-           (options_.adminGroup && caller.isInGroup(*options_.adminGroup));
+    const auto group = adminGroup();
+    return caller.uid == 0 || caller.uid == options_.ownUid || (group && caller.isInGroup(*group));
+}
+
+std::optional<gid_t> Rights::adminGroup() const noexcept {
+    const std::int64_t group = adminGroup_;
+    return group != kNoGroup ? std::optional(static_cast<gid_t>(group)) : std::nullopt;
 }
 
 bool Rights::allows(const okv::PeerIdentity& caller, Method method) const noexcept {
@@ -101,14 +107,27 @@ bool Rights::allows(const okv::PeerIdentity& caller, Method method) const noexce
     return false;
 }
 
-std::optional<gid_t> administratorsGroup(const char* name) {
+namespace {
+
+// What a look-up ends with when a name service does not answer, rather than that there is no such
+// group.
+bool isTransient(int error) {
+    return error == EIO || error == EAGAIN || error == EINTR || error == EMFILE ||
+           error == ENFILE || error == ENOMEM;
+}
+
+}  // namespace
+
+std::optional<gid_t> administratorsGroup(const char* name, std::optional<gid_t> unknown) {
     std::vector<char> buffer(1024);
     group entry{};
     group* found = nullptr;
-    while (getgrnam_r(name, &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+    int error = 0;
+    while ((error = getgrnam_r(name, &entry, buffer.data(), buffer.size(), &found)) == ERANGE &&
            buffer.size() < (1U << 20))
         buffer.resize(buffer.size() * 2);
-    return found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
+    if (found != nullptr) return found->gr_gid;
+    return isTransient(error) ? unknown : std::nullopt;
 }
 
 }  // namespace datacenter

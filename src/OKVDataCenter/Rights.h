@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 
 namespace datacenter {
@@ -39,7 +41,14 @@ public:
         uid_t ownUid = 0;                 ///< the server's
         std::optional<gid_t> adminGroup;  ///< members administer
     };
-    explicit Rights(Options options) : options_(options) {}
+    explicit Rights(Options options)
+        : options_(options), adminGroup_(numberOf(options.adminGroup)) {}
+    Rights(const Rights& other) : options_(other.options_), adminGroup_(other.adminGroup_.load()) {}
+    Rights& operator=(const Rights&) = delete;
+
+    /// From now on; any thread.
+    void setAdminGroup(std::optional<gid_t> group) noexcept { adminGroup_ = numberOf(group); }
+    std::optional<gid_t> adminGroup() const noexcept;
 
     bool isAdministrator(const okv::PeerIdentity& caller) const noexcept;
     /// Whether the caller may send the method at all. For the class "own", whether it concerns the
@@ -48,10 +57,18 @@ public:
     bool hasSelfService() const noexcept { return options_.selfService; }
 
 private:
-    Options options_;
+    static constexpr std::int64_t kNoGroup = -1;
+    static std::int64_t numberOf(std::optional<gid_t> group) noexcept {
+        return group ? std::int64_t{*group} : kNoGroup;
+    }
+
+    const Options options_;
+    std::atomic<std::int64_t> adminGroup_;
 };
 
-/// The group whose members administer, as the system knows it now.
-std::optional<gid_t> administratorsGroup(const char* name);
+/// The group whose members administer, as the system knows it now; `unknown` when the system cannot
+/// tell at the moment. May wait for a name service.
+std::optional<gid_t> administratorsGroup(const char* name,
+                                         std::optional<gid_t> unknown = std::nullopt);
 
 }  // namespace datacenter

@@ -1,9 +1,9 @@
 #include "Server.h"
 
-#include <sys/resource.h>
+#include <OKVLog/OKVLog.h>
+
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 
 namespace datacenter {
@@ -17,13 +17,10 @@ namespace {
 constexpr std::chrono::seconds kFlushWithin{2};
 constexpr std::chrono::milliseconds kFlushAgain{5};
 
-// Kept from the clients, for the store, the notices and what else the server opens.
-constexpr std::size_t kOwnDescriptors = 32;
-
-std::size_t descriptorsForClients() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
-    return limit.rlim_cur > kOwnDescriptors ? limit.rlim_cur - kOwnDescriptors : 1;
+// All that is stored is read when the store is opened; it need not be read again.
+std::shared_ptr<View> openedView(Store& store) {
+    auto view = store.takeOpened();
+    return view ? view : store.load();
 }
 
 double secondsSince(SteadyClock::time_point start) {
@@ -34,27 +31,32 @@ double secondsSince(SteadyClock::time_point start) {
 
 Server::Server(Store& store, Rights rights, Surroundings surroundings)
     : loop_(okv::RunLoop::current()),
-      limits_(store.limits()),
+      limits_(affordable(store.limits())),
       rights_(rights),
-      poster_(surroundings.poster),
-      log_(std::move(surroundings.log)),
+      surroundings_(std::move(surroundings)),
+      poster_(surroundings_.poster),
+      log_(surroundings_.log),
       refusals_(log_),
-      view_(std::move(*store.load())),
-      writer_(store, rights_, surroundings.now, surroundings.poster, handlers()) {
-    state_.now = std::move(surroundings.now);
+      view_(std::move(*openedView(store))),
+      writer_(store, rights_, surroundings_.now, poster_, handlers()) {
+    state_.now = surroundings_.now;
     state_.end = [this] { loop_->perform([this] { end(); }); };
     state_.status = [this] { return status(); };
 }
 
 Server::~Server() {
     if (publication_) publication_->invalidate();
+    refusals_.tellLeftOut();
 }
 
 Writer::Handlers Server::handlers() {
     return {[this](std::shared_ptr<Batch> batch) {
                 loop_->perform([this, held = std::move(batch)] { take(held); });
             },
-            [this] { loop_->perform([this] { closeWhenFlushed(); }); }, log_};
+            [this] { loop_->perform([this] { closeWhenFlushed(); }); }, log_,
+            [this] {
+                if (surroundings_.lookAround) surroundings_.lookAround(rights_);
+            }};
 }
 
 okv::RootObject Server::root() {
@@ -74,9 +76,13 @@ okv::PublicationOptions Server::options() {
     options.maxRequestBytesOf = [this](const okv::PeerIdentity& peer) {
         return rights_.isAdministrator(peer) ? limits_.importBytes : 2 * limits_.requestBytes;
     };
-    options.maxConnections = std::min(options.maxConnections, descriptorsForClients());
+    options.maxConnections = limits_.connections;
     options.maxConnectionsPerUid = limits_.connectionsPerUid;
-    options.keptForOwn = std::min(limits_.keptConnections, options.maxConnections / 2);
+    options.keptForOwn = limits_.keptConnections;
+    options.maxUngreeted = limits_.ungreeted;
+    options.greetWithin = std::chrono::milliseconds(limits_.greetMilliseconds);
+    options.maxQueuedOutput = limits_.outputBytes;
+    options.maxPendingRequests = limits_.pendingRequests;
     options.disconnected = [this](okv::MessagePort& port) { state_.clients.remove(port); };
     return options;
 }
@@ -86,7 +92,7 @@ bool Server::publish(std::string& why) {
 }
 
 bool Server::adopt(int listener, std::string& why) {
-    return started(okv::Publication::adopt(listener, root(), options(), why));
+    return started(okv::Publication::adopt(kOKVDataServerName, listener, root(), options(), why));
 }
 
 bool Server::started(okv::Ref<okv::Publication> publication) {
@@ -103,7 +109,7 @@ void Server::handle(okv::IncomingRequest& request) {
     const auto method = findMethod(request.selector());
     if (!method) return request.fail("unknown selector");
     if (!rights_.allows(request.caller(), *method)) {
-        refusals_.note(request.caller(), request.selector(), secondsSince(start_));
+        noteRefusal(request);
         return refuse(request, *method, {Kind::notAllowed, "the caller has no right to do this"});
     }
     const auto grant = grantFor(*method);
@@ -111,8 +117,20 @@ void Server::handle(okv::IncomingRequest& request) {
         return refuse(request, *method, {Kind::tooLarge, "the request is too large"});
     if (grant.where == Grant::Where::here)
         return request.answer(Speaker{data_, admin_}.carryOut(request, *method));
+    // Certainly not done, which a connection that closes could not tell.
+    if (ending_) return refuse(request, *method, {Kind::failed, "the data server is ending"});
     if (!writer_.queue(okv::Ref<okv::IncomingRequest>::retaining(&request), *method))
         refuse(request, *method, {Kind::failed, "too many changes are waiting"});
+}
+
+// Of those that are left out the number is told, also when no more follow.
+void Server::noteRefusal(const okv::IncomingRequest& request) {
+    const bool hadLeftOut = refusals_.hasLeftOut();
+    refusals_.note(request.caller(), request.selector(), secondsSince(start_));
+    if (hadLeftOut || !refusals_.hasLeftOut()) return;
+    const auto delay = std::chrono::duration<double>(RefusalLog::kWindow);
+    loop_->performAfter(std::chrono::duration_cast<SteadyClock::duration>(delay),
+                        [this] { refusals_.tellLeftOut(); });
 }
 
 void Server::refuse(okv::IncomingRequest& request, Method method, okv::Refusal refusal) {
@@ -123,10 +141,27 @@ void Server::refuse(okv::IncomingRequest& request, Method method, okv::Refusal r
 void Server::take(const std::shared_ptr<Batch>& batch) {
     for (const auto& step : batch->steps) view_.apply(step);
     for (auto& answer : batch->answers) {
-        if (answer.request) answer.request->answer(std::move(answer.frame));
+        if (answer.isDenied) noteRefusal(*answer.request);
+        if (answer.request)
+            answer.request->answer(std::move(answer.frame));
+        else
+            reloaded(answer.frame);
         answer.request = nullptr;
     }
     writer_.acknowledge(batch);
+}
+
+void Server::reloaded(const std::string& failure) {
+    if (!failure.empty())
+        log_("the store could not be read again, what was read before is kept: " + failure);
+    if (surroundings_.reloaded) surroundings_.reloaded(failure);
+}
+
+bool Server::isWell() {
+    const bool stuck = writer_.busyFor() > limits_.writerStuckAfter;
+    if (stuck && !stuck_) log_("the writer does not get on: this server is not well");
+    stuck_ = stuck;
+    return !stuck;
 }
 
 void Server::run() {
@@ -137,6 +172,7 @@ void Server::end() {
     if (ending_) return;
     ending_ = true;
     state_.ending = true;
+    if (surroundings_.ending) surroundings_.ending();
     if (publication_) publication_->stopAccepting();
     writer_.finish();
 }
@@ -151,10 +187,26 @@ void Server::closeWhenFlushed() {
     loop_->stop();
 }
 
+okv::Dictionary Server::use() const {
+    okv::Dictionary use{{"queued_bytes", writer_.waitingBytes()}};
+    if (!publication_) return use;
+    const auto taken = publication_->use();
+    use.set("connections", taken.connections);
+    use.set("connections_per_uid", taken.ofOneUid);
+    use.set("ungreeted", taken.ungreeted);
+    use.set("output_bytes", taken.queuedOutput);
+    use.set("pending_requests", taken.pendingRequests);
+    return use;
+}
+
 okv::Dictionary Server::status() const {
-    return {{"version", OKV_VERSION},         {"pid", getpid()},
-            {"uptime", secondsSince(start_)}, {"waiting", writer_.waiting()},
-            {"refused", refusals_.count()},   {"self_service", rights_.hasSelfService()}};
+    okv::Dictionary status{
+        {"version", OKV_VERSION},         {"pid", getpid()},
+        {"uptime", secondsSince(start_)}, {"waiting", writer_.waiting()},
+        {"refused", refusals_.count()},   {"self_service", rights_.hasSelfService()},
+        {"log_level", okv::logLevel()},   {"use", use()}};
+    if (surroundings_.backups) status.set("backup", surroundings_.backups());
+    return status;
 }
 
 }  // namespace datacenter

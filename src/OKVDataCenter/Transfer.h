@@ -11,6 +11,9 @@ class View;
 /// The whole store as one dictionary; its form is told beside `exportDataPT`.
 okv::Dictionary exportOf(const View& view);
 
+/// Whether a message carries it: its encoded size, and the items that it consists of.
+bool fitsInReply(const okv::Value& value, std::size_t limit);
+
 /// Puts such a dictionary into the store, part by part. Refuses through the ledger what is bad; the
 /// request's savepoint then takes back what was done.
 class Import {
@@ -47,6 +50,7 @@ private:
     bool setting(Scope scope, const okv::Value& key, const okv::Value& value);
     bool process(ProcessList list, const okv::Value& name, const okv::Value& identifier);
     bool bad(std::string what);
+    static bool about(Scope scope, const okv::Value& key, bool accepted);
     template <class Take>
     bool each(const okv::Value& part, Take take);
 

@@ -1,6 +1,8 @@
 #include "View.h"
 
 #include <algorithm>
+#include <numeric>
+#include <utility>
 
 namespace datacenter {
 
@@ -29,12 +31,16 @@ void View::reserve(Scope scope, std::size_t count) {
 
 void View::take(const step::Setting& set) {
     auto& settings = settingsOf(set.scope);
+    auto& bytes = set.scope == kEverybody ? everybodyBytes_ : users_[set.scope].settingBytes;
     const auto before = settings.size();
-    if (set.value.isNull()) {
-        settings.erase(set.key);
-    } else {
+    const auto held = settings.find(set.key);
+    if (held != settings.end()) bytes -= held->second.size;
+    if (!set.value.isNull()) {
         const auto size = static_cast<std::uint32_t>(set.key.size() + set.encoded.size());
-        settings.insert_or_assign(set.key, Setting{set.value, size, set.stamp});
+        settings.insert_or_assign(held, set.key, Setting{set.value, size, set.stamp});
+        bytes += size;
+    } else if (held != settings.end()) {
+        settings.erase(held);
     }
     settingCount_ += static_cast<std::int64_t>(settings.size()) - static_cast<std::int64_t>(before);
 }
@@ -48,8 +54,10 @@ void View::take(const step::Lock& set) {
 }
 
 void View::take(const step::List& set) {
-    auto& held = users_[set.user].lists[at(set.list)];
-    held = set.value.isNull() ? okv::Value() : set.value;
+    auto& user = users_[set.user];
+    const bool isThere = !set.value.isNull();
+    user.lists[at(set.list)] = isThere ? set.value : okv::Value();
+    user.listBytes[at(set.list)] = isThere ? static_cast<std::int64_t>(set.encoded.size()) : 0;
 }
 
 void View::take(const step::Process& set) {
@@ -67,13 +75,13 @@ void View::take(const step::AddUser& add) {
     highestUser_ = std::max(highestUser_, add.user);
 }
 
-void View::forget(User& user) {
+step::Remains View::forget(User& user) {
     settingCount_ -= static_cast<std::int64_t>(user.settings.size());
-    user = User();
+    return std::make_shared<User>(std::exchange(user, User()));
 }
 
 void View::take(const step::RemoveUser& remove) {
-    forget(users_[remove.user]);
+    remove.remains = forget(users_[remove.user]);
     users_.erase(remove.user);
     userIds_.clear();
     if (currentUser_ == remove.user) currentUser_ = kDefaultUser;
@@ -86,7 +94,7 @@ void View::take(const step::RemoveUser& remove) {
 }
 
 void View::take(const step::EmptyUser& empty) {
-    forget(users_[empty.user]);
+    empty.remains = forget(users_[empty.user]);
 }
 
 void View::take(const step::Assign& assign) {
@@ -115,6 +123,10 @@ void View::take(const step::Record& record) {
     while (changes_.size() > static_cast<std::size_t>(changesKept_)) changes_.pop_front();
 }
 
+void View::take(const step::Processes& whole) {
+    std::swap(processes_[at(whole.list)], *whole.processes);
+}
+
 void View::take(const step::Reload& reload) {
     // What was held goes into the step, for whoever keeps it to give up at leisure.
     std::swap(*this, *reload.view);
@@ -134,6 +146,17 @@ View::Found View::find(Scope scope, std::string_view key) const {
     }
     const auto common = everybody_.find(key);
     return {common != everybody_.end() ? &common->second : nullptr, false};
+}
+
+Usage View::fullestScope() const {
+    Usage fullest{static_cast<std::int64_t>(everybody_.size()), everybodyBytes_};
+    for (const auto& [id, user] : users_) {
+        const auto bytes =
+            std::accumulate(user.listBytes.begin(), user.listBytes.end(), user.settingBytes);
+        fullest.keys = std::max(fullest.keys, static_cast<std::int64_t>(user.settings.size()));
+        fullest.bytes = std::max(fullest.bytes, bytes);
+    }
+    return fullest;
 }
 
 const std::vector<std::int32_t>& View::userIds() const {

@@ -2,6 +2,8 @@
 
 #include "Model.h"
 
+#include <OKVPlatform/values/SeededHash.h>
+
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -21,16 +23,18 @@ public:
         std::uint32_t size = 0;  ///< of the key and the encoded value
         Stamp stamp;
     };
+    // Seeded, because with self-service strangers choose keys. It may throw as far as the table is
+    // told, so that every entry keeps its hash.
     struct TextHash {
         using is_transparent = void;
-        std::size_t operator()(std::string_view text) const noexcept {
-            return std::hash<std::string_view>()(text);
-        }
+        std::size_t operator()(std::string_view text) const { return okv::seededHash(text); }
     };
     using Settings = std::unordered_map<std::string, Setting, TextHash, std::equal_to<>>;
     struct User {
         Settings settings;
         std::array<okv::Value, kUserLists> lists;  ///< nil where nothing is stored
+        std::array<std::int64_t, kUserLists> listBytes{};
+        std::int64_t settingBytes = 0;
     };
     using Locks = std::map<std::string, Stamp, std::less<>>;
 
@@ -65,10 +69,13 @@ public:
     std::int64_t revision() const noexcept { return revision_; }
     const std::deque<Change>& changes() const noexcept { return changes_; }
     std::int64_t settingCount() const noexcept { return settingCount_; }
+    /// The most keys and the most bytes that one scope holds, be it the same or not.
+    Usage fullestScope() const;
 
     /// For whoever builds a view: what no step tells.
     void begin(std::string epoch, std::int64_t revision, std::int64_t changesKept);
     void setHighestUser(std::int32_t user) noexcept { highestUser_ = user; }
+    void setEpoch(std::string epoch) { epoch_ = std::move(epoch); }
     void reserve(Scope scope, std::size_t count);
 
 private:
@@ -84,11 +91,13 @@ private:
     void take(const step::CurrentUser& set);
     void take(const step::ServerClock& set);
     void take(const step::Record& record);
+    void take(const step::Processes& whole);
     void take(const step::Reload& reload);
     Settings& settingsOf(Scope scope);
-    void forget(User& user);
+    step::Remains forget(User& user);
 
     Settings everybody_;
+    std::int64_t everybodyBytes_ = 0;
     std::map<std::int32_t, User> users_;
     // Every read of a client asks for the ids first, and the users themselves lie all over the
     // memory. Of another size than the users where it must be made anew: there is always a user.

@@ -1,5 +1,6 @@
 #include "Options.h"
 #include "Program.h"
+#include "Restore.h"
 
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVLog/OKVLog.h>
@@ -8,6 +9,9 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
 
 namespace {
 
@@ -21,16 +25,36 @@ void startByFullPath(int argumentCount, char* arguments[]) {
     execv(path, arguments);  // where that fails, it serves under the name that it has
 }
 
+thread_local bool ranOutOfMemory = false;
+
+[[noreturn]] void noteLackOfMemory() {
+    ranOutOfMemory = true;
+    throw std::bad_alloc();
+}
+
+// Where memory ran out and nobody could go on without it, within a library's function that must not
+// throw, too: the server says so and ends, and is started again. Everything else that nobody
+// expected leaves a core.
+[[noreturn]] void endUnexpectedly() {
+    if (!ranOutOfMemory) __gnu_cxx::__verbose_terminate_handler();
+    std::fputs("OKVDataCenter: no memory\n", stderr);
+    _exit(EXIT_FAILURE);
+}
+
 }  // namespace
 
 int main(int argumentCount, char* arguments[]) {
     using datacenter::Options;
+    std::set_new_handler(noteLackOfMemory);
+    std::set_terminate(endUnexpectedly);
     const auto options = Options::parse(argumentCount, arguments);
     switch (options.act) {
         case Options::Act::serve:
             startByFullPath(argumentCount, arguments);
             okv::setLogLevel(okvCmnUtil::logLevel());
             return datacenter::serve(options);
+        case Options::Act::restore:
+            return datacenter::restore(options);
         case Options::Act::help:
             return std::fputs(datacenter::kUsage, stdout) < 0;
         case Options::Act::version:

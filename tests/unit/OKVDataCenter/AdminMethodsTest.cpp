@@ -325,7 +325,7 @@ TEST(Transfer, ABadPartLeavesEverythingAsItWas) {
 
 TEST(Transfer, WhatDoesNotGoIntoOneMessageIsNotExported) {
     datacenter::Limits limits;
-    limits.replyBytes = 1000;
+    limits.replyBytes = 2000;
     Harness harness({limits});
     harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"k", std::string(990, 'v')}});
     EXPECT_TRUE(harness.ask<&Admin::exportDataPT>().is<Dictionary>());
@@ -338,6 +338,44 @@ TEST(Transfer, WhatDoesNotGoIntoOneMessageIsNotExported) {
     EXPECT_TRUE(list.value.isNil());
     ASSERT_TRUE(list.refusal);
     EXPECT_EQ(list.refusal->kind, Kind::tooLarge);
+}
+
+namespace {
+
+void expectNoExport(Harness& harness) {
+    const auto answer = harness.askAs<&Admin::exportDataPT>(account(0));
+    EXPECT_TRUE(answer.value.isNil());
+    ASSERT_TRUE(answer.refusal);
+    EXPECT_EQ(answer.refusal->kind, Kind::tooLarge);
+    EXPECT_EQ(answer.refusal->reason, "the export is more than one message carries");
+}
+
+}  // namespace
+
+TEST(Transfer, ProcessListsAloneCanBeMoreThanOneMessageCarries) {
+    datacenter::Limits limits;
+    limits.replyBytes = 3000;
+    Harness harness({limits});
+    const auto some = [](const char* prefix) {
+        Dictionary processes;
+        for (int i = 0; i < 9; ++i)
+            processes.set(prefix + std::to_string(i), std::string(100, 'i'));
+        return Value(processes);
+    };
+    harness.ask<&Admin::setOkvFltProcWhiteListPT>(some("white"));
+    EXPECT_TRUE(harness.ask<&Admin::exportDataPT>().is<Dictionary>());
+    harness.ask<&Admin::setOkvFltProcBlackListPT>(some("black"));
+    harness.ask<&Admin::setOkvKillWebProcListPT>(some("kill"));
+    expectNoExport(harness);
+}
+
+TEST(Transfer, MoreItemsThanOneMessageMayHaveAreNotExported) {
+    const auto fits = [](std::size_t entries) {
+        Dictionary parts{{"format", 1}, {"locks", Array(entries, Value(1))}};
+        return datacenter::fitsInReply(parts, SIZE_MAX);
+    };
+    EXPECT_TRUE(fits(okv::kMaxItems - 100));
+    EXPECT_FALSE(fits(okv::kMaxItems - 5));  // with what stands around them in a message
 }
 
 namespace {

@@ -60,12 +60,19 @@ Harness::~Harness() {
 
 void Harness::start() {
     store.emplace(storeFile(), options_.limits);
+    datacenter::Server::Surroundings surroundings{poster,
+                                                  [this](const std::string& line) {
+                                                      if (loop_->isCurrent()) log.push_back(line);
+                                                  },
+                                                  [this] { return now.load(); }};
+    surroundings.lookAround = [this](datacenter::Rights& rights) {
+        rights.setAdminGroup(administrators);
+    };
+    surroundings.reloaded = [this](const std::string& failure) {
+        if (reloaded) reloaded(failure);
+    };
     server.emplace(*store, datacenter::Rights({options_.selfService, kServerUid, kAdminGroup}),
-                   datacenter::Server::Surroundings{poster,
-                                                    [this](const std::string& line) {
-                                                        if (loop_->isCurrent()) log.push_back(line);
-                                                    },
-                                                    [this] { return now.load(); }});
+                   std::move(surroundings));
 }
 
 void Harness::stop() {

@@ -131,7 +131,9 @@ public:
 
     RecordingPoster poster;
     std::atomic<double> now = 1000000;
-    std::vector<std::string> log;  ///< lines of the server's own thread
+    std::vector<std::string> log;                       ///< lines of the server's own thread
+    std::optional<gid_t> administrators = kAdminGroup;  ///< as a reload finds them
+    std::function<void(const std::string& failure)> reloaded;
     std::optional<datacenter::Store> store;
     std::optional<datacenter::Server> server;
 

@@ -217,6 +217,15 @@ TEST(Server, EndsWithAWordToEveryClientAndAnswersWhatItHadTaken) {
     EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value("last"));
 }
 
+TEST(Server, SaysToLateWritesThatItIsEnding) {
+    Harness harness;
+    harness.server->end();
+    const auto answer = harness.askAs<&Data::setOKVDataPT_value_appUid>(account(0), "k", 1, 1);
+    EXPECT_FALSE(answer.value);
+    ASSERT_TRUE(answer.refusal);
+    EXPECT_EQ(answer.refusal->reason, "the data server is ending");
+}
+
 TEST(Server, ATerminatingSignalSendsClientsNoWord) {
     Harness harness;
     const auto client = okv::make<RecordingPort>(account(1000));
@@ -279,6 +288,24 @@ TEST(Server, TellsHowItIsDoing) {
     EXPECT_EQ(status["clients"], Value(0));
     EXPECT_EQ(status["waiting"], Value(0));
     EXPECT_EQ(status["self_service"], Value(false));
+    EXPECT_EQ(status["log_level"], Value(10));
     EXPECT_TRUE(status["uptime"].is<double>());
     EXPECT_EQ(status["limits"].as<Dictionary>()["scope_keys"], Value(10000));
+}
+
+TEST(Server, HoldsTheSameProcessesInMemoryAndOnTheDiskHoweverManyChangeAtOnce) {
+    Harness harness;
+    Dictionary all;
+    for (int i = 0; i < 100; ++i) all.set("p" + std::to_string(i), "id");
+    EXPECT_TRUE(harness.ask<&Admin::setOkvKillWebProcListPT>(all));
+    Dictionary changed{{"p7", "another"}, {"new", "id"}};
+    for (int i = 10; i < 90; ++i) changed.set("p" + std::to_string(i), Null{});
+    EXPECT_TRUE(harness.ask<&Admin::setOkvKillWebProcListPT>(changed));
+    const auto held = harness.ask<&Data::okvKillWebProcListPT>().as<Dictionary>();
+    EXPECT_EQ(held.size(), 21U);
+    EXPECT_EQ(held["p7"], Value("another"));
+    EXPECT_EQ(held.begin()[20].key, Value("new"));
+    EXPECT_TRUE(harness.ask<&Data::okvFltProcWhiteListPT>().as<Dictionary>().empty());
+    harness.restart();
+    EXPECT_EQ(harness.ask<&Data::okvKillWebProcListPT>(), Value(held));
 }

@@ -32,6 +32,41 @@ TEST(View, CountsTheSettingsOfEverybodyAndEveryUser) {
     EXPECT_EQ(view.settingCount(), 1);
 }
 
+TEST(View, TellsTheFullestScope) {
+    View view;
+    view.apply(step::AddUser{1});
+    view.apply(step::AddUser{2});
+    view.apply(setting(datacenter::kEverybody, "k", 1));
+    EXPECT_EQ(view.fullestScope().keys, 1);
+    EXPECT_EQ(view.fullestScope().bytes, 8);
+    view.apply(setting(1, "a", 1));
+    view.apply(setting(1, "b", 1));
+    view.apply(setting(1, "b", 2));
+    view.apply(step::List{2, datacenter::UserList::hammerList, "x", std::string(100, 'x')});
+    EXPECT_EQ(view.fullestScope().keys, 2);
+    EXPECT_EQ(view.fullestScope().bytes, 100);
+    view.apply(step::List{2, datacenter::UserList::hammerList, okv::Null{}, {}});
+    EXPECT_EQ(view.fullestScope().bytes, 16);
+    view.apply(setting(1, "b", okv::Null{}));
+    EXPECT_EQ(view.fullestScope().bytes, 8);
+    view.apply(step::EmptyUser{1});
+    view.apply(setting(datacenter::kEverybody, "k", okv::Null{}));
+    EXPECT_EQ(view.fullestScope().bytes, 0);
+}
+
+// Destroying it may take long, and reads would wait.
+TEST(View, GivesWhatARemovedUserHadToTheStep) {
+    View view;
+    view.apply(step::AddUser{1});
+    view.apply(step::AddUser{2});
+    const datacenter::Step removing = step::RemoveUser{2};
+    const datacenter::Step emptying = step::EmptyUser{1};
+    view.apply(removing);
+    view.apply(emptying);
+    EXPECT_TRUE(std::get<step::RemoveUser>(removing).remains);
+    EXPECT_TRUE(std::get<step::EmptyUser>(emptying).remains);
+}
+
 TEST(View, GivesWhatItHeldToTheStepThatReplacesIt) {
     View view;
     view.apply(setting(datacenter::kEverybody, "old", 1));

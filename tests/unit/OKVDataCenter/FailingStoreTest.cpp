@@ -1,0 +1,102 @@
+// A store of which one call of the system's fails, one after the other.
+#include "Harness.h"
+#include "View.h"
+
+#include <OKVPlatform/values/Cbor.h>
+
+#include <cerrno>
+
+#include "support/FailingCall.h"
+
+using datacenter::Limits;
+using datacenter::SqlError;
+using datacenter::Store;
+using datacenter::StoreError;
+using okv::Value;
+using Function = FailPlan::Function;
+using Kind = FailPlan::Kind;
+namespace step = datacenter::step;
+
+namespace {
+
+void put(Store& store, const std::string& key, const Value& value) {
+    store.begin();
+    store.carryOut(step::Setting{1, key, value, okv::encodeCbor(value), {0, 0}});
+    store.commit();
+}
+
+void makeStore(const std::string& file) {
+    Store store(file, Limits());
+    put(store, "old", std::string(10000, 'v'));
+}
+
+bool holds(Store& store, const std::string& key) {
+    return store.load()->find(1, key).setting != nullptr;
+}
+
+// What opening it comes to, with one call failing: it opens and works, or says why not.
+void open(const std::string& file, FailingCall& failing) {
+    try {
+        failing.arm();
+        Store store(file, Limits(), Store::Damaged::setAside);
+        failing.disarm();
+        EXPECT_EQ(store.setAside(), "") << "a sound store was set aside";
+        EXPECT_TRUE(holds(store, "old"));
+        put(store, "later", 1);
+    } catch (const StoreError& error) {
+        EXPECT_STRNE(error.what(), "");
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+}  // namespace
+
+class AStoreOfWhichOneCallFails : public testing::TestWithParam<std::tuple<Function, int>> {};
+
+TEST_P(AStoreOfWhichOneCallFails, OpensAndWorksOrIsRefusedAndNeverSetAside) {
+    const TemporaryFolder folder;
+    const auto file = folder.file("store");
+    makeStore(file);
+    const auto [function, error] = GetParam();
+    forEachFailingCall(function, Kind::any, error, [&](FailingCall& failing) {
+        open(file, failing);
+        failing.disarm();
+        Store store(file, Limits());
+        EXPECT_TRUE(holds(store, "old"));
+    });
+}
+
+TEST_P(AStoreOfWhichOneCallFails, RefusesAChangeOnlyWhenItWasNotCommitted) {
+    const TemporaryFolder folder;
+    const auto file = folder.file("store");
+    makeStore(file);
+    const auto [function, error] = GetParam();
+    forEachFailingCall(function, Kind::any, error, [&](FailingCall& failing) {
+        bool accepted = true;
+        {
+            Store store(file, Limits());
+            try {
+                failing.arm();
+                put(store, "new", std::string(10000, 'n'));
+            } catch (const SqlError&) {
+                accepted = false;
+            } catch (const std::bad_alloc&) {
+                accepted = false;
+            }
+            failing.disarm();
+            store.rollback();
+            EXPECT_EQ(holds(store, "new"), accepted);
+        }
+        Store store(file, Limits());
+        EXPECT_EQ(holds(store, "new"), accepted);
+        put(store, "new", okv::Null{});
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, AStoreOfWhichOneCallFails,
+    testing::Values(std::tuple{Function::read, EIO}, std::tuple{Function::read, FailPlan::kShort},
+                    std::tuple{Function::write, ENOSPC}, std::tuple{Function::write, EIO},
+                    std::tuple{Function::write, FailPlan::kShort},
+                    std::tuple{Function::open, EMFILE}, std::tuple{Function::sync, EIO},
+                    std::tuple{Function::truncate, EIO}, std::tuple{Function::allocate, ENOMEM}));
