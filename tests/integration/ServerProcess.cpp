@@ -1,5 +1,6 @@
 #include "ServerProcess.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -21,16 +22,25 @@ std::string& program() {
 
 constexpr int kReadyWithinMilliseconds = 30000;
 
+// The sockets are the descriptors from 3 on, wherever they were before.
+void handOver(const ServerProcess::HandOver& given) {
+    constexpr int kFirst = 3, kOutOfTheWay = 100;
+    if (given.sockets.empty()) return;
+    auto sockets = given.sockets;
+    for (auto& socket : sockets) socket = fcntl(socket, F_DUPFD_CLOEXEC, kOutOfTheWay);
+    for (int i = 0; i < static_cast<int>(sockets.size()); ++i)
+        dup2(sockets[static_cast<std::size_t>(i)], kFirst + i);
+    const auto to = given.toAnother ? getppid() : getpid();
+    setenv("LISTEN_PID", std::to_string(to).c_str(), 1);
+    setenv("LISTEN_FDS", std::to_string(sockets.size()).c_str(), 1);
+}
+
 // In the child; does not return.
 [[noreturn]] void execute(const std::vector<std::string>& arguments, int output, int outputIs,
-                          int listener) {
+                          const ServerProcess::HandOver& given) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(output, outputIs);
-    if (listener >= 0) {
-        dup2(listener, 3);
-        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-        setenv("LISTEN_FDS", "1", 1);
-    }
+    handOver(given);
     std::vector<char*> pointers;
     auto held = arguments;
     held.insert(held.begin(), program());
@@ -88,13 +98,13 @@ void ServerProcess::useProgram(std::string name) {
     program() = std::move(name);
 }
 
-bool ServerProcess::launch(const std::vector<std::string>& more, int listener) {
+bool ServerProcess::launch(const std::vector<std::string>& more, const HandOver& handOver) {
     int output[2];
     if (pipe(output) != 0) return false;
     std::vector<std::string> arguments{"--store", storeFile(), "--runtime-dir", runtimeFolder()};
     arguments.insert(arguments.end(), more.begin(), more.end());
     pid_ = fork();
-    if (pid_ == 0) execute(arguments, output[1], STDOUT_FILENO, listener);
+    if (pid_ == 0) execute(arguments, output[1], STDOUT_FILENO, handOver);
     close(output[1]);
     const bool ready = readUntil(output[0], "ready\n") == "ready\n";
     close(output[0]);
@@ -102,11 +112,11 @@ bool ServerProcess::launch(const std::vector<std::string>& more, int listener) {
 }
 
 bool ServerProcess::start(const std::vector<std::string>& more) {
-    return launch(more, -1);
+    return launch(more, {});
 }
 
-bool ServerProcess::startWithSocket(int listener) {
-    return launch({}, listener);
+bool ServerProcess::startWith(const HandOver& handOver) {
+    return launch({}, handOver);
 }
 
 void ServerProcess::signal(int number) const {
@@ -119,11 +129,12 @@ int ServerProcess::wait() {
     return code;
 }
 
-int ServerProcess::run(const std::vector<std::string>& arguments, std::string& errors) {
+int ServerProcess::run(const std::vector<std::string>& arguments, std::string& errors,
+                       const HandOver& handOver) {
     int output[2];
     if (pipe(output) != 0) return -1;
     const auto pid = fork();
-    if (pid == 0) execute(arguments, output[1], STDERR_FILENO, -1);
+    if (pid == 0) execute(arguments, output[1], STDERR_FILENO, handOver);
     close(output[1]);
     errors = readUntil(output[0], {});
     close(output[0]);

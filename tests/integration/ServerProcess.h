@@ -18,13 +18,22 @@ public:
     static void useProgram(std::string name);
     /// Starts it and waits for the line that says it serves; false when it ends instead.
     bool start(const std::vector<std::string>& more = {});
-    /// Hands a listening socket over, as a service manager does.
-    bool startWithSocket(int listener);
+    /// What a service manager hands over, as it does; or what it left to another process.
+    struct HandOver {
+        std::vector<int> sockets{};
+        bool toAnother = false;
+    };
+    bool startWith(const HandOver& handOver);
+    bool startWithSocket(int listener) { return startWith({{listener}}); }
     void signal(int number) const;
     /// Waits until it has ended; its exit code, or minus the signal's number.
     int wait();
     /// Runs the program to its end; standard error goes to `errors`.
-    static int run(const std::vector<std::string>& arguments, std::string& errors);
+    static int run(const std::vector<std::string>& arguments, std::string& errors,
+                   const HandOver& handOver);
+    static int run(const std::vector<std::string>& arguments, std::string& errors) {
+        return run(arguments, errors, {});
+    }
 
     pid_t pid() const noexcept { return pid_; }
     std::string file(const std::string& name) const { return folder_ + "/" + name; }
@@ -32,7 +41,7 @@ public:
     std::string storeFile() const { return file("store.db"); }
 
 private:
-    bool launch(const std::vector<std::string>& more, int listener);
+    bool launch(const std::vector<std::string>& more, const HandOver& handOver);
 
     std::string folder_;
     pid_t pid_ = -1;
