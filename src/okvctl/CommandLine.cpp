@@ -28,27 +28,44 @@ ValueType typeOf(std::string_view text) {
     refuse("--type takes " + valueTypeNames() + ", not '" + std::string(text) + "'");
 }
 
-struct Option {
-    std::string_view name;
-    std::string_view operand;  // how help names its value; empty: it takes none
-    std::string_view summary;
-    unsigned set;  // whether only some verbs take it
-    void (*apply)(CommandLine& line, std::string_view value);
-};
+Format formatOf(std::string_view text) {
+    std::string names;
+    for (const auto& each : kFormats) {
+        if (each.name == text) return each.format;
+        names.append(names.empty() ? "" : "|").append(each.name);
+    }
+    refuse("--format takes " + names + ", not '" + std::string(text) + "'");
+}
+
+void choose(CommandLine& line, Format format) {
+    if (line.format && *line.format != format)
+        refuse("two formats were asked for (--json is --format json)");
+    line.format = format;
+}
 
 constexpr Option kOptions[] = {
-    {"--json", "", "print one JSON document (a line each, where there are several)", kNoOptions,
-     [](CommandLine& line, std::string_view) { line.json = true; }},
+    {"--format", "FORMAT", "how to print: table|json|plist|raw", kNoOptions,
+     [](CommandLine& line, std::string_view value) { choose(line, formatOf(value)); }},
+    {"--json", "", "the same as --format json: one JSON document on a line", kNoOptions,
+     [](CommandLine& line, std::string_view) { choose(line, kJson); }},
+    {"--no-legend", "", "print tables without their heads and counts", kNoOptions,
+     [](CommandLine& line, std::string_view) { line.legend = false; }},
     {"--runtime-dir", "DIR", "look for the data server there", kNoOptions,
      [](CommandLine& line, std::string_view value) { line.runtimeDir = value; }},
     {"--user", "APPUID", "the application user that is meant; without it, everybody", kTakesUser,
      [](CommandLine& line, std::string_view value) { line.user = userIdOf(value); }},
     {"--timeout", "SECONDS", "how long the data server may take (30; 0: for ever)", kNoOptions,
      [](CommandLine& line, std::string_view value) { line.timeout = secondsOf(value); }},
+    {"--wait", "", "wait for a data server that is not there yet, within --timeout", kNoOptions,
+     [](CommandLine& line, std::string_view) { line.wait = true; }},
     {"--type", "TYPE", "how to read a VALUE: string|int|bool|real|date|data|json|null", kTakesType,
      [](CommandLine& line, std::string_view value) { line.type = typeOf(value); }},
     {"--since", "REVISION", "begin with the changes after that revision", kTakesSince,
      [](CommandLine& line, std::string_view value) { line.since = revisionOf(value); }},
+    {"--dry-run", "", "print what would change, and change nothing", kTakesDryRun,
+     [](CommandLine& line, std::string_view) { line.dryRun = true; }},
+    {"--managed", "", "only applications, with what their bundles declare", kTakesManaged,
+     [](CommandLine& line, std::string_view) { line.managed = true; }},
     {"--help", "", "print what the tool, or the verb, does", kNoOptions,
      [](CommandLine& line, std::string_view) { line.help = true; }},
     {"--version", "", "print the version", kNoOptions,
@@ -98,7 +115,12 @@ void takeWord(CommandLine& line, std::string_view word) {
 }  // namespace
 
 unsigned CommandLine::given() const noexcept {
-    return (user ? kTakesUser : 0U) | (type ? kTakesType : 0U) | (since ? kTakesSince : 0U);
+    return (user ? kTakesUser : 0U) | (type ? kTakesType : 0U) | (since ? kTakesSince : 0U) |
+           (dryRun ? kTakesDryRun : 0U) | (managed ? kTakesManaged : 0U);
+}
+
+std::span<const Option> options() {
+    return kOptions;
 }
 
 void parseCommandLine(std::span<const char* const> arguments, CommandLine& line) {

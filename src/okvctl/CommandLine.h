@@ -17,13 +17,35 @@ enum OptionSet : unsigned {
     kTakesUser = 1,
     kTakesType = 2,
     kTakesSince = 4,
+    kTakesDryRun = 8,
+    kTakesManaged = 16,
+    kEveryOption = 31,
 };
+
+/// The forms in which results are printed, as bits.
+enum Format : unsigned {
+    kTable = 1,  ///< columns for people
+    kJson = 2,
+    kPlist = 4,  ///< an XML property list
+    kRaw = 8,    ///< a value's bytes and nothing else
+};
+
+struct FormatName {
+    std::string_view name;
+    Format format;
+};
+inline constexpr FormatName kFormats[] = {
+    {"table", kTable}, {"json", kJson}, {"plist", kPlist}, {"raw", kRaw}};
 
 inline constexpr double kStandardTimeout = 30;
 
 /// A call of the tool, taken apart but not yet understood. Texts point into the arguments.
 struct CommandLine {
-    bool json = false;
+    std::optional<Format> format;  ///< none: as the verb prints by itself
+    bool legend = true;            ///< heads and counts around tables
+    bool wait = false;             ///< for a data server that is not there yet
+    bool dryRun = false;
+    bool managed = false;
     bool help = false;
     bool version = false;
     std::optional<std::string_view> runtimeDir;
@@ -37,6 +59,17 @@ struct CommandLine {
     /// The options of OptionSet that were given.
     unsigned given() const noexcept;
 };
+
+/// An option of the tool.
+struct Option {
+    std::string_view name;
+    std::string_view operand;  ///< how help names its value; empty: it takes none
+    std::string_view summary;
+    unsigned set;  ///< its bit of OptionSet, where only some verbs take it
+    void (*apply)(CommandLine& line, std::string_view value);
+};
+
+std::span<const Option> options();
 
 /// Options may stand before and behind the verb, as "--name VALUE" or "--name=VALUE"; "--" ends
 /// them. Throws ToolError (usage); `line` then holds what came before the mistake.

@@ -27,7 +27,8 @@ namespace okvctl {
 ///
 /// So an object whose only key begins with "$" is never a plain dictionary.
 
-/// The longest text that is read, in bytes: a value as JSON takes up to twenty times its text.
+/// The longest text that is read unless told otherwise, in bytes: a value as JSON takes up to
+/// twenty times its text.
 inline constexpr std::size_t kJsonTextAtMost = 4U << 20;
 
 enum class JsonStyle {
@@ -47,7 +48,8 @@ struct ParsedValue {
 
 /// Refuses, beside what is no JSON: text that is too long, values nested deeper than
 /// kMaxValueDepth, integers beyond 64 bits, reals beyond double, keys that stand twice, and objects
-/// that look like one of the forms above but are none.
-ParsedValue parseJson(std::string_view text);
+/// that look like one of the forms above but are none. Inside of objects the error tells the keys
+/// that lead there.
+ParsedValue parseJson(std::string_view text, std::size_t atMost = kJsonTextAtMost);
 
 }  // namespace okvctl

@@ -139,9 +139,10 @@ private:
     };
 
     bool fail(std::string why) {
-        result_ = {std::nullopt, std::move(why)};
+        result_ = {std::nullopt, std::move(why.append(place()))};
         return false;
     }
+    std::string place() const;
     bool open(Value container) {
         if (open_.size() == kJsonDepth) return fail("nested too deep");
         open_.push_back({std::move(container), {}, 0});
@@ -158,6 +159,17 @@ private:
     ParsedValue result_{std::nullopt, "no value"};
 };
 
+// ", in a.b": the keys of the objects that are open, as far as that is of use.
+std::string Builder::place() const {
+    constexpr std::size_t placeAtMost = 300;
+    std::string place;
+    for (const auto& level : open_) {
+        if (!level.key.empty() && place.size() < placeAtMost)
+            place.append(place.empty() ? ", in " : ".").append(level.key, 0, placeAtMost);
+    }
+    return place;
+}
+
 bool Builder::add(Value value, std::size_t height) {
     if (open_.empty()) {
         if (height > okv::kMaxValueDepth) return fail("nested deeper than 64");
@@ -170,6 +182,7 @@ bool Builder::add(Value value, std::size_t height) {
         array->push_back(std::move(value));
     } else {
         level.container.as<Dictionary>().set(std::move(level.key), std::move(value));
+        level.key.clear();
     }
     return true;
 }
@@ -188,10 +201,9 @@ bool Builder::end_object() {
 
 }  // namespace
 
-ParsedValue parseJson(std::string_view text) {
-    if (text.size() > kJsonTextAtMost)
-        return {std::nullopt,
-                "longer than " + std::to_string(kJsonTextAtMost >> 20) + " MiB of JSON"};
+ParsedValue parseJson(std::string_view text, std::size_t atMost) {
+    if (text.size() > atMost)
+        return {std::nullopt, "longer than " + std::to_string(atMost >> 20) + " MiB of JSON"};
     Builder builder;
     nlohmann::json::sax_parse(text, &builder);
     return std::move(builder).result();

@@ -94,8 +94,4 @@ const Action& actionNamed(std::string_view name, std::span<const Action> actions
     throwUsage("'" + std::string(name) + "' is nothing it does" + didYouMean(name, names));
 }
 
-void confirm(Call& call, std::string_view word, okv::Value what) {
-    if (call.line.json) call.out.json(okv::Dictionary{{word, std::move(what)}});
-}
-
 }  // namespace okvctl

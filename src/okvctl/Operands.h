@@ -46,7 +46,4 @@ struct Action {
 /// Throws the usage error for a word that is no action.
 const Action& actionNamed(std::string_view name, std::span<const Action> actions);
 
-/// Prints {"done-word": keys} with --json, else nothing.
-void confirm(Call& call, std::string_view word, okv::Value what);
-
 }  // namespace okvctl

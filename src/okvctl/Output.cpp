@@ -4,38 +4,33 @@
 #include "ToolError.h"
 #include "ValueText.h"
 
-#include <OKVPlatform/values/Unicode.h>
+#include <OKVPlatform/values/PropertyListFile.h>
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 namespace okvctl {
 
 namespace {
 
-// Characters, not columns of a terminal: what scripts can count on.
-std::size_t widthOf(std::string_view cell) {
-    const auto isFirst = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; };
-    return static_cast<std::size_t>(std::count_if(cell.begin(), cell.end(), isFirst));
-}
-
-std::vector<std::size_t> widthsOf(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], widthOf(row[i]));
-    }
-    return widths;
-}
-
 bool isSafeOnTerminal(std::string text) {
     std::erase(text, '\n');
     std::erase(text, '\t');
     return isPrintable(text);
+}
+
+// What is not set is left out: property lists have no null object.
+okv::Value withoutNulls(const okv::Value& value) {
+    const auto* members = value.getIf<okv::Dictionary>();
+    if (members == nullptr) return value;
+    okv::Dictionary kept;
+    for (const auto& [key, member] : *members) {
+        if (!member.isMissing()) kept.set(key, member);
+    }
+    return kept;
 }
 
 }  // namespace
@@ -44,15 +39,25 @@ void Output::json(const okv::Value& value) {
     line(jsonText(value));
 }
 
-void Output::table(const std::vector<std::vector<std::string>>& rows) {
-    const auto widths = widthsOf(rows);
-    for (const auto& row : rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            text_.append(row[i]);
-            if (i + 1 < row.size()) text_.append(widths[i] - widthOf(row[i]) + 2, ' ');
-        }
-        text_.append("\n");
+std::string plistText(const okv::Value& value) {
+    try {
+        return okv::writePropertyListXml(withoutNulls(value));
+    } catch (const std::invalid_argument& error) {
+        const std::string_view what = error.what();
+        throw ToolError(ExitCode::failure,
+                        std::string(what.substr(what.find(' ') + 1)) +
+                            ": a property list has no form for it; --format json has");
     }
+}
+
+void Output::table(const Table& table) {
+    raw(table.text(legend_, wantsColours(descriptor_)));
+}
+
+void Output::bytes(const okv::Value& value) {
+    if (const auto* text = value.getIf<std::string>()) return raw(*text);
+    if (const auto* data = value.getIf<okv::Data>()) return raw(data->text());
+    raw(cellText(value));
 }
 
 void Output::value(const okv::Value& value) {

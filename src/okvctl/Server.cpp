@@ -2,12 +2,17 @@
 
 #include <OKVPlatform/values/PropertyListScalars.h>
 
+#include <chrono>
+#include <thread>
+
 namespace okvctl {
 
 namespace {
 
 using ErrorKind = okv::ConnectionError::Kind;
 using RefusalKind = okv::Refusal::Kind;
+
+constexpr std::chrono::milliseconds kLookUpAgain(20);
 
 [[noreturn]] void fail(ExitCode code, std::string_view subject, const std::string& text) {
     throw ToolError(code, subject.empty() ? text : std::string(subject) + ": " + text);
@@ -28,14 +33,27 @@ const char* remedyFor(RefusalKind kind) {
 
 }  // namespace
 
+// The folder that the server will appear in need not be there yet, so there is nothing to watch:
+// it is looked up again and again.
+okv::Ref<okv::Connection> Server::lookUp() const {
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    for (;;) {
+        std::string why;
+        auto connection =
+            okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
+        if (connection) return connection;
+        const std::chrono::duration<double> waited = Clock::now() - start;
+        if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_))
+            fail(ExitCode::notRunning, {},
+                 "the data server is not running: " + why + "; start OKVDataCenter");
+        std::this_thread::sleep_for(kLookUpAgain);
+    }
+}
+
 okv::RemoteObject& Server::root() {
     if (root_) return *root_;
-    std::string why;
-    connection_ =
-        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-    if (!connection_)
-        fail(ExitCode::notRunning, {},
-             "the data server is not running: " + why + "; start OKVDataCenter");
+    connection_ = lookUp();
     connection_->setRequestTimeout(timeout_);
     connection_->setReplyTimeout(timeout_);
     root_ = connection_->rootProxy();

@@ -17,8 +17,9 @@ namespace okvctl {
 /// the verb with the code that fits.
 class Server {
 public:
-    /// Seconds for sending a request and for waiting for its reply; 0: no limit.
-    explicit Server(double timeout) : timeout_(timeout) {}
+    /// Seconds for sending a request and for waiting for its reply, and with `wait` for a server
+    /// that is not there yet; 0: no limit.
+    explicit Server(double timeout, bool wait = false) : timeout_(timeout), wait_(wait) {}
 
     /// Asks and answers the result. `subject` is what the message of a failure begins with: the key
     /// or whatever else it is about, "" for nothing. Throws ToolError: refused, timed out, not
@@ -42,18 +43,24 @@ public:
         if (!ask<Method>(subject, arguments...)) throwNo(subject, no);
     }
 
+    /// Looks the server up, unless it is connected already. Throws ToolError.
+    void connect() { root(); }
+    /// Who serves; none without a connection.
+    const okv::PeerIdentity* peer() const { return connection_ ? &connection_->peer() : nullptr; }
     bool isConnected() const { return connection_ && connection_->isValid(); }
     /// Forgets the connection; the next question makes a new one.
     void disconnect();
 
 private:
     okv::RemoteObject& root();
+    okv::Ref<okv::Connection> lookUp() const;
     [[noreturn]] static void throwRefusal(std::string_view subject, const okv::Refusal& refusal);
     [[noreturn]] void throwFailure(std::string_view subject, const okv::ConnectionError& error);
     [[noreturn]] static void throwTooLarge(std::string_view subject);
     [[noreturn]] static void throwNo(std::string_view subject, std::string_view no);
 
     double timeout_;
+    bool wait_;
     okv::Ref<okv::Connection> connection_;
     okv::Ref<okv::RemoteObject> root_;
 };

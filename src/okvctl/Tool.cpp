@@ -1,11 +1,13 @@
 #include "Tool.h"
 
 #include "Nearest.h"
+#include "Terminal.h"
 #include "Verb.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -40,7 +42,9 @@ const Verb& verbNamed(std::string_view name) {
     if (name.empty()) throwUsage("no verb was given");
     if (const auto* const verb = findVerb(name)) return *verb;
     std::vector<std::string_view> names;
-    for (const auto* verb : verbs()) names.push_back(verb->name);
+    for (const auto* verb : verbs()) {
+        if (!verb->hidden) names.push_back(verb->name);
+    }
     throwUsage("there is no verb '" + std::string(name) + "'" + didYouMean(name, names));
 }
 
@@ -48,11 +52,12 @@ std::string toolHelp() {
     std::string text("usage: " + std::string(kUsage) +
                      "\n\nReads and changes the suite's settings at the data server.\n\nverbs:\n");
     for (const auto* verb : verbs()) {
+        if (verb->hidden) continue;
         auto head = "  " + std::string(verb->name);
-        head.resize(std::max<std::size_t>(head.size() + 1, 12), ' ');
+        head.resize(std::max<std::size_t>(head.size() + 1, 14), ' ');
         text.append(head).append(verb->summary).append("\n");
     }
-    text.append("\noptions:\n").append(optionsHelp(kTakesUser | kTakesType | kTakesSince));
+    text.append("\noptions:\n").append(optionsHelp(kEveryOption));
     text.append(
         "\nexit codes: 0 done, 1 failure, 2 usage, 3 time-out, 4 refused,\n"
         "            8 data server not running, 10 not set\n"
@@ -74,9 +79,9 @@ std::string verbHelp(const Verb& verb) {
 // meant.
 void checkOptions(const Verb& verb, const CommandLine& line) {
     const auto foreign = line.given() & ~verb.takes;
-    if ((foreign & kTakesUser) != 0) throwUsage("it takes no --user");
-    if ((foreign & kTakesType) != 0) throwUsage("it takes no --type");
-    if ((foreign & kTakesSince) != 0) throwUsage("it takes no --since");
+    for (const auto& option : options()) {
+        if ((option.set & foreign) != 0) throwUsage("it takes no " + std::string(option.name));
+    }
 }
 
 ExitCode runVerb(const Verb& verb, const CommandLine& line, Output& out) {
@@ -85,7 +90,8 @@ ExitCode runVerb(const Verb& verb, const CommandLine& line, Output& out) {
         return ExitCode::done;
     }
     checkOptions(verb, line);
-    Server server(line.timeout);
+    out.setLegend(line.legend);
+    Server server(line.timeout, line.wait);
     Call call{line, server, out};
     return verb.run(call);
 }
@@ -119,7 +125,9 @@ ExitCode run(std::span<const char* const> arguments, Output& out) {
 }  // namespace
 
 void complain(std::string_view text) {
-    std::fprintf(stderr, "okvctl: %s\n", messageText(text).c_str());
+    const auto line = "okvctl: " + messageText(text);
+    const auto red = wantsColours(STDERR_FILENO) ? Style::bad : Style::plain;
+    std::fprintf(stderr, "%s\n", styled(line, red).c_str());
 }
 
 void throwUsage(const std::string& mistake) {
@@ -128,10 +136,11 @@ void throwUsage(const std::string& mistake) {
 
 int runTool(std::span<const char* const> arguments) {
     try {
+        std::signal(SIGPIPE, SIG_IGN);  // a reader that has read enough is no mistake
         Output out(STDOUT_FILENO);
         const auto code = run(arguments, out);
         out.flush();
-        return static_cast<int>(out.isBroken() ? ExitCode::failure : code);
+        return static_cast<int>(code);
     } catch (const ToolError& error) {
         complain(error.what());
         return static_cast<int>(error.code());

@@ -44,6 +44,10 @@ ParsedValue readData(std::string_view text) {
     return readOr(okv::decodeBase64(text), "base64 is expected, such as aGVsbG8=");
 }
 
+ParsedValue readJson(std::string_view text) {
+    return parseJson(text);
+}
+
 std::optional<bool> flagOf(std::string_view text) {
     constexpr std::string_view yes[] = {"true", "yes", "on", "1"};
     constexpr std::string_view no[] = {"false", "no", "off", "0"};
@@ -63,7 +67,7 @@ constexpr TypeRow kTypes[] = {
     {"string", ValueType::string, readString}, {"int", ValueType::integer, readInteger},
     {"bool", ValueType::boolean, readBoolean}, {"real", ValueType::real, readReal},
     {"date", ValueType::date, readDate},       {"data", ValueType::data, readData},
-    {"json", ValueType::json, parseJson},      {"null", ValueType::null, readNull},
+    {"json", ValueType::json, readJson},       {"null", ValueType::null, readNull},
 };
 
 bool isControl(char32_t c) {

@@ -17,6 +17,7 @@ struct Call {
     Output& out;
 
     std::span<const std::string_view> operands() const noexcept { return line.operands; }
+    bool prints(Format format) const noexcept { return line.format == format; }
 };
 
 /// A verb of the tool: one file under verbs/ each, and one row of the table in Verbs.cpp.
@@ -28,6 +29,7 @@ struct Verb {
     unsigned takes;             ///< the options of OptionSet that have a meaning for it
     /// Throws ToolError. Checks the operands before it asks the server anything.
     ExitCode (*run)(Call& call);
+    bool hidden = false;  ///< not for people: in no help
 };
 
 std::span<const Verb* const> verbs();

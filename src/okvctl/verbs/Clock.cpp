@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -9,19 +10,17 @@ using Data = OKVDataMng_protocol;
 
 ExitCode get(Call& call) {
     expectOperands(call, 1, 1, "");
+    expectFormats(call, kValueFormats);
     const auto time = call.server.ask<&Data::serverTimePT>("");
     if (time.isMissing())
         throw ToolError(ExitCode::notSet, "the clock was never set; okvctl clock set DATE does");
-    if (call.line.json) {
-        call.out.json(okv::Dictionary{{"time", time}});
-    } else {
-        call.out.value(time);
-    }
+    printValue(call, okv::Dictionary{{"time", time}}, "time", time);
     return ExitCode::done;
 }
 
 ExitCode set(Call& call) {
     expectOperands(call, 2, 2, "DATE");
+    expectFormats(call, kConfirmFormats);
     const auto date = parseValue(ValueType::date, call.operands()[1]);
     if (!date) throwUsage(date.error);
     call.server.ask<&Data::setServerTimePT>("the clock", *date.value);
@@ -31,6 +30,7 @@ ExitCode set(Call& call) {
 
 ExitCode start(Call& call) {
     expectOperands(call, 1, 1, "");
+    expectFormats(call, kConfirmFormats);
     call.server.ask<&Data::startServerTimeTimer>("the clock");
     confirm(call, "running", true);
     return ExitCode::done;
@@ -38,6 +38,7 @@ ExitCode start(Call& call) {
 
 ExitCode stop(Call& call) {
     expectOperands(call, 1, 1, "");
+    expectFormats(call, kConfirmFormats);
     call.server.ask<&Data::stopServerTimeTimer>("the clock");
     confirm(call, "running", false);
     return ExitCode::done;

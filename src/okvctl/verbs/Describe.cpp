@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -11,21 +12,22 @@ okv::Value ask(Call& call, std::string_view key) {
     return call.server.ask<&OKVDataAdmin_protocol::okvDataInfoPT>(key, key);
 }
 
-void print(Call& call, const okv::Dictionary& info) {
-    if (call.line.json) return call.out.json(info);
-    std::vector<std::vector<std::string>> rows;
+void show(Call& call, const okv::Dictionary& info) {
+    Table table;
     for (const auto& [name, value] : info) {
-        rows.push_back({cellText(name), cellText(value)});
-        if (name == okv::Value("value")) rows.push_back({"type", std::string(typeName(value))});
+        const bool isLock = name == okv::Value("locked") && value == okv::Value(true);
+        table.add({cellText(name), {cellText(value), isLock ? Style::warning : Style::plain}});
+        if (name == okv::Value("value")) table.add({"type", typeName(value)});
     }
-    call.out.table(rows);
+    print(call, info, table);
 }
 
 ExitCode run(Call& call) {
     expectOperands(call, 1, 1, "KEY");
+    expectFormats(call, kTableFormats);
     if (call.operands()[0].empty()) throwUsage("the KEY is empty");
     const auto answer = ask(call, call.operands()[0]);
-    print(call, dictionaryIn(answer));
+    show(call, dictionaryIn(answer));
     return ExitCode::done;
 }
 

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -11,34 +12,32 @@ okv::Value ask(Call& call, const okv::Array& keys, std::string_view subject) {
     return call.server.ask<&OKVDataMng_protocol::okvDataAllPT>(subject, keys);
 }
 
-void print(Call& call, const okv::Array& keys, const okv::Dictionary& values) {
-    if (call.line.json) return call.out.json(values);
-    if (keys.size() == 1) {
-        const auto& value = values[keys[0]];
-        if (!value.isMissing()) call.out.value(value);
-        return;
-    }
-    std::vector<std::vector<std::string>> rows;
+void show(Call& call, const okv::Array& keys, const okv::Dictionary& values) {
+    const bool isAlone = keys.size() == 1 && !call.line.format;
+    auto table = valueTable();
     for (const auto& key : keys) {
         const auto& value = values[key];
-        if (!value.isMissing())
-            rows.push_back({cellText(key), std::string(typeName(value)), cellText(value)});
+        if (value.isMissing()) continue;
+        if (call.prints(kRaw)) call.out.bytes(value);
+        if (isAlone) call.out.value(value);
+        addValue(table, key, value);
     }
-    call.out.table(rows);
+    if (!isAlone && !call.prints(kRaw)) print(call, values, table);
 }
 
 ExitCode run(Call& call) {
     const auto keys = keysOf(call);
+    expectFormats(call, kValueFormats);
     const auto answer = ask(call, keys, subjectOf(call.operands()));
     const auto& values = dictionaryIn(answer);
-    print(call, keys, values);
+    show(call, keys, values);
     std::vector<std::string_view> missing;
     for (const auto key : call.operands()) {
         if (values[key].isMissing()) missing.push_back(key);
     }
     if (missing.empty()) return ExitCode::done;
     call.out.flush();
-    complain("get: " + subjectOf(missing) + ": not set");
+    complain("get: " + subjectOf(missing) + ": not set; okvctl set stores a value");
     return ExitCode::notSet;
 }
 

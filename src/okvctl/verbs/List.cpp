@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -13,19 +14,14 @@ okv::Value ask(Call& call, std::string_view prefix) {
 
 ExitCode run(Call& call) {
     expectOperands(call, 0, 1, "");
+    expectFormats(call, kTableFormats);
     const auto answer = ask(call, call.operands().empty() ? "" : call.operands()[0]);
     if (answer.isNil() && call.line.user)
         throw ToolError(ExitCode::failure, "there is no user " + std::to_string(*call.line.user) +
                                                "; okvctl users lists them");
-    const auto& values = dictionaryIn(answer);
-    if (call.line.json) {
-        call.out.json(answer);
-        return ExitCode::done;
-    }
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& [key, value] : values)
-        rows.push_back({cellText(key), std::string(typeName(value)), cellText(value)});
-    call.out.table(rows);
+    auto table = valueTable();
+    for (const auto& [key, value] : dictionaryIn(answer)) addValue(table, key, value);
+    print(call, answer, table);
     return ExitCode::done;
 }
 

@@ -1,11 +1,8 @@
 #include "../Operands.h"
+#include "../Printing.h"
+#include "../StoreFile.h"
+#include "../StoreParts.h"
 #include "Verbs.h"
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace okvctl {
 
@@ -32,13 +29,12 @@ constexpr Family family(std::string_view name) {
             }};
 }
 
-// By the names that they have in an export.
 constexpr Family kFamilies[] = {
-    family<&Data::okvUserSettingPT, &Data::setOkvUserSettingPT_value>("user_setting"),
-    family<&Data::okvContentsWordsPT, &Data::setOkvContentsWordsPT_value>("contents_words"),
-    family<&Data::okvHammerListPT, &Data::setOkvHammerListPT_value>("hammer_list"),
+    family<&Data::okvUserSettingPT, &Data::setOkvUserSettingPT_value>(kFamilyNames[0]),
+    family<&Data::okvContentsWordsPT, &Data::setOkvContentsWordsPT_value>(kFamilyNames[1]),
+    family<&Data::okvHammerListPT, &Data::setOkvHammerListPT_value>(kFamilyNames[2]),
     family<&Data::okvBlackExtensionListPT, &Data::setOkvBlackExtensionListPT_value>(
-        "black_extension_list"),
+        kFamilyNames[3]),
 };
 
 const Family& familyNamed(std::string_view name) {
@@ -56,38 +52,20 @@ std::string subjectFor(const Family& list, std::int32_t user) {
 
 ExitCode get(Call& call) {
     expectOperands(call, 2, 2, "FAMILY");
+    expectFormats(call, kValueFormats);
     const auto& list = familyNamed(call.operands()[1]);
     const auto user = neededUser(call);
     const auto value = list.read(call, subjectFor(list, user), user);
     if (value.isMissing()) throw ToolError(ExitCode::notSet, subjectFor(list, user) + ": not set");
-    if (call.line.json) {
-        call.out.json(okv::Dictionary{{list.name, value}});
-    } else {
-        call.out.value(value);
-    }
+    printValue(call, okv::Dictionary{{list.name, value}}, list.name, value);
     return ExitCode::done;
-}
-
-std::string standardInput() {
-    std::string text;
-    char buffer[16384];
-    while (text.size() <= kJsonTextAtMost) {
-        const auto count = read(STDIN_FILENO, buffer, sizeof buffer);
-        if (count == 0) return text;
-        if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
-        if (count < 0 && errno != EINTR)
-            throw ToolError(ExitCode::failure,
-                            std::string("the standard input: ") + std::strerror(errno));
-    }
-    throw ToolError(ExitCode::failure, "the standard input is longer than " +
-                                           std::to_string(kJsonTextAtMost >> 20) + " MiB");
 }
 
 // A string is taken as it comes; elsewhere the end of line that text files have is none of it.
 std::string valueText(const Call& call) {
     if (call.operands().size() == 3) return std::string(call.operands()[2]);
     if (call.line.type == ValueType::null) return {};
-    auto text = standardInput();
+    auto text = readStandardInput(kJsonTextAtMost);
     const bool isString = call.line.type.value_or(ValueType::string) == ValueType::string;
     if (!isString && text.ends_with('\n')) text.pop_back();
     return text;
@@ -95,6 +73,7 @@ std::string valueText(const Call& call) {
 
 ExitCode set(Call& call) {
     expectOperands(call, 2, 3, "FAMILY");
+    expectFormats(call, kConfirmFormats);
     const auto& list = familyNamed(call.operands()[1]);
     const auto user = neededUser(call);
     const auto value = valueOf(call, list.name, valueText(call));

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -9,6 +10,7 @@ using Admin = OKVDataAdmin_protocol;
 
 ExitCode lock(Call& call) {
     const auto keys = keysOf(call);
+    expectFormats(call, kConfirmFormats);
     call.server.change<&Admin::lockOKVDataPT>(subjectOf(call.operands()), "not locked", keys);
     confirm(call, "locked", keys);
     return ExitCode::done;
@@ -16,6 +18,7 @@ ExitCode lock(Call& call) {
 
 ExitCode unlock(Call& call) {
     const auto keys = keysOf(call);
+    expectFormats(call, kConfirmFormats);
     call.server.change<&Admin::unlockOKVDataPT>(subjectOf(call.operands()), "not unlocked", keys);
     confirm(call, "unlocked", keys);
     return ExitCode::done;
@@ -23,17 +26,15 @@ ExitCode unlock(Call& call) {
 
 ExitCode list(Call& call) {
     expectOperands(call, 0, 0, "");
+    expectFormats(call, kTableFormats);
     const auto answer = call.server.ask<&Admin::lockListPT>("");
-    std::vector<std::vector<std::string>> rows;
+    Table table({"KEY", "LOCKED BY", "SINCE"}, {"locked key", "locked keys"});
     for (const auto& [key, entry] : dictionaryIn(answer)) {
         const auto& stamp = dictionaryIn(entry);
-        rows.push_back({cellText(key), cellText(stamp["writer"]), cellText(stamp["time"])});
+        table.add(
+            {{cellText(key), Style::warning}, cellText(stamp["writer"]), cellText(stamp["time"])});
     }
-    if (call.line.json) {
-        call.out.json(answer);
-    } else {
-        call.out.table(rows);
-    }
+    print(call, answer, table);
     return ExitCode::done;
 }
 

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 #include <chrono>
@@ -11,16 +12,16 @@ namespace {
 ExitCode run(Call& call) {
     using std::chrono::steady_clock;
     expectOperands(call, 0, 0, "");
+    expectFormats(call, kTableFormats);
+    if (call.line.wait) call.server.connect();  // the time of waiting is not the answer's
     const auto start = steady_clock::now();
     const auto clients = call.server.ask<&OKVDataMng_protocol::connectCount>("");
     const std::chrono::duration<double, std::milli> took = steady_clock::now() - start;
-    if (call.line.json) {
-        call.out.json(okv::Dictionary{{"milliseconds", took.count()}, {"clients", clients}});
-        return ExitCode::done;
-    }
     char text[64];
     std::snprintf(text, sizeof text, "answered in %.3f ms", took.count());
-    call.out.line(text);
+    Table table;
+    table.add({text});
+    print(call, okv::Dictionary{{"milliseconds", took.count()}, {"clients", clients}}, table);
     return ExitCode::done;
 }
 

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 #include <OKVDataManager/okvSystemProcList.h>
@@ -9,7 +10,6 @@ namespace {
 
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;
-using Rows = std::vector<std::vector<std::string>>;
 
 struct ProcessList {
     std::string_view name;
@@ -38,38 +38,30 @@ const ProcessList& listNamed(std::string_view name) {
     throwUsage("there is no list '" + std::string(name) + "', only white, black, kill and system");
 }
 
-void addRows(Rows& rows, const okv::Dictionary& processes, std::string_view before = {}) {
-    for (const auto& [name, identifier] : processes) {
-        rows.push_back({cellText(name), cellText(identifier)});
-        if (!before.empty()) rows.back().insert(rows.back().begin(), std::string(before));
-    }
-}
+constexpr Table::Noun kProcesses{"process", "processes"};
 
 ExitCode show(Call& call, const ProcessList& list) {
+    expectFormats(call, kTableFormats);
     const auto answer = list.read(call);
-    Rows rows;
-    addRows(rows, dictionaryIn(answer));
-    if (call.line.json) {
-        call.out.json(answer);
-    } else {
-        call.out.table(rows);
-    }
+    Table table({"NAME", "IDENTIFIER"}, kProcesses);
+    for (const auto& [name, identifier] : dictionaryIn(answer))
+        table.add({cellText(name), cellText(identifier)});
+    print(call, answer, table);
     return ExitCode::done;
 }
 
 // Compiled in, hence the same without a data server.
 ExitCode showSystem(Call& call) {
     expectOperands(call, 1, 1, "");
-    const auto white = okvSystemProcList::sysBlockProcWhiteListInfo();
-    const auto black = okvSystemProcList::sysBlockProcBlackListInfo();
-    Rows rows;
-    addRows(rows, white, "white");
-    addRows(rows, black, "black");
-    if (call.line.json) {
-        call.out.json(okv::Dictionary{{"white", white}, {"black", black}});
-    } else {
-        call.out.table(rows);
+    expectFormats(call, kTableFormats);
+    const okv::Dictionary lists{{"white", okvSystemProcList::sysBlockProcWhiteListInfo()},
+                                {"black", okvSystemProcList::sysBlockProcBlackListInfo()}};
+    Table table({"LIST", "NAME", "IDENTIFIER"}, kProcesses);
+    for (const auto& [list, processes] : lists) {
+        for (const auto& [name, identifier] : dictionaryIn(processes))
+            table.add({cellText(list), cellText(name), cellText(identifier)});
     }
+    print(call, lists, table);
     return ExitCode::done;
 }
 
@@ -101,6 +93,7 @@ ExitCode run(Call& call) {
     const bool adds = operands[1] == "add";
     if (!adds && operands[1] != "remove")
         throwUsage("'" + std::string(operands[1]) + "' is neither add nor remove");
+    expectFormats(call, kConfirmFormats);
     expectOperands(call, 3, kAnyNumber, adds ? "NAME=IDENTIFIER" : "NAME");
     const auto processes = adds ? added(operands.subspan(2)) : removed(operands.subspan(2));
     list.put(call, "the " + std::string(list.name) + " list", processes);

@@ -1,3 +1,4 @@
+#include "../Printing.h"
 #include "Changes.h"
 #include "Verbs.h"
 
@@ -14,6 +15,7 @@ std::pair<std::string_view, std::string_view> cut(const Call& call, std::string_
 
 ExitCode run(Call& call) {
     expectOperands(call, 1, kAnyNumber, "KEY=VALUE");
+    expectFormats(call, kConfirmFormats);
     okv::Dictionary settings;
     okv::Array keys;
     std::vector<std::string_view> names;

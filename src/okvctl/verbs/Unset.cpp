@@ -1,3 +1,4 @@
+#include "../Printing.h"
 #include "Changes.h"
 #include "Verbs.h"
 
@@ -7,6 +8,7 @@ namespace {
 
 ExitCode run(Call& call) {
     auto keys = keysOf(call);
+    expectFormats(call, kConfirmFormats);
     okv::Dictionary settings;
     for (const auto& key : keys) settings.set(key, okv::Null{});
     storeSettings(call, settings, subjectOf(call.operands()));

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 #include <algorithm>
@@ -61,6 +62,7 @@ void addPages(okv::Dictionary& urls) {
 
 ExitCode run(Call& call) {
     expectOperands(call, 0, 0, "");
+    expectFormats(call, kTableFormats);
     okv::Array keys;
     for (const auto& endpoint : kEndpoints) keys.emplace_back(endpoint.key);
     const auto answer = call.server.ask<&OKVDataMng_protocol::okvDataAllPT>("", keys);
@@ -68,13 +70,9 @@ ExitCode run(Call& call) {
     for (const auto& endpoint : kEndpoints)
         urls.set(endpoint.name, readAs(endpoint, dictionaryIn(answer)[endpoint.key]));
     addPages(urls);
-    if (call.line.json) {
-        call.out.json(urls);
-        return ExitCode::done;
-    }
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& [name, value] : urls) rows.push_back({cellText(name), cellText(value)});
-    call.out.table(rows);
+    Table table;
+    for (const auto& [name, value] : urls) table.add({cellText(name), cellText(value)});
+    print(call, urls, table);
     return ExitCode::done;
 }
 

@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 namespace okvctl {
@@ -29,34 +30,32 @@ std::string marksOf(std::int32_t user, std::int32_t standard, std::int32_t curre
 
 ExitCode list(Call& call) {
     expectOperands(call, 0, 1, "");
+    expectFormats(call, kTableFormats);
     const auto ids = call.server.ask<&Data::useridAppListPT>("");
     const auto assignments = call.server.ask<&Data::uidListPT>("");
     const auto standard = call.server.ask<&Data::defaultUserIdPT>("");
     const auto current = call.server.ask<&Data::currentUserIdPT>("");
     const auto highest = call.server.ask<&Data::maxUserIdPT>("");
     okv::Array users;
-    std::vector<std::vector<std::string>> rows{{"USER", "ROLE", "ACCOUNTS"}};
+    Table table({"USER", "ROLE", "ACCOUNTS"}, {"user", "users"});
     for (const auto& id : arrayIn(ids)) {
         const auto accounts = accountsOf(dictionaryIn(assignments), id);
         users.emplace_back(okv::Dictionary{{"user", id}, {"accounts", accounts}});
-        rows.push_back({cellText(id), marksOf(id.intValue(), standard, current), joined(accounts)});
+        table.add({cellText(id), marksOf(id.intValue(), standard, current), joined(accounts)});
     }
-    if (call.line.json) {
-        call.out.json(okv::Dictionary{
-            {"default", standard}, {"current", current}, {"max", highest}, {"users", users}});
-    } else {
-        call.out.table(rows);
-    }
+    const okv::Dictionary whole{
+        {"default", standard}, {"current", current}, {"max", highest}, {"users", users}};
+    print(call, whole, table);
     return ExitCode::done;
 }
 
-void print(Call& call, std::string_view name, std::int32_t id) {
-    if (call.line.json) return call.out.json(okv::Dictionary{{name, id}});
-    call.out.line(std::to_string(id));
+void printId(Call& call, std::string_view name, std::int32_t id) {
+    printValue(call, okv::Dictionary{{name, id}}, name, id);
 }
 
 ExitCode assign(Call& call) {
     expectOperands(call, 3, 3, "ACCOUNT or APPUID");
+    expectFormats(call, kConfirmFormats);
     const auto account = accountOf(call.operands()[1]);
     const auto user = userIdOf(call.operands()[2]);
     call.server.ask<&Data::setUseridPT_applyUid>("account " + std::to_string(account), account,
@@ -67,6 +66,7 @@ ExitCode assign(Call& call) {
 
 ExitCode unassign(Call& call) {
     expectOperands(call, 2, 2, "ACCOUNT");
+    expectFormats(call, kConfirmFormats);
     const auto account = accountOf(call.operands()[1]);
     const auto subject = "account " + std::to_string(account);
     const auto user = call.server.ask<&Data::delUseridPT>(subject, account);
@@ -77,6 +77,7 @@ ExitCode unassign(Call& call) {
 
 ExitCode remove(Call& call) {
     expectOperands(call, 2, 2, "APPUID");
+    expectFormats(call, kConfirmFormats);
     const auto user = userIdOf(call.operands()[1]);
     call.server.change<&Data::removeUserInfoPT>(
         "user " + std::to_string(user), "not removed: it is the default user, or there is no such",
@@ -87,20 +88,24 @@ ExitCode remove(Call& call) {
 
 ExitCode showDefault(Call& call) {
     expectOperands(call, 1, 1, "");
-    print(call, "default", call.server.ask<&Data::defaultUserIdPT>(""));
+    expectFormats(call, kValueFormats);
+    printId(call, "default", call.server.ask<&Data::defaultUserIdPT>(""));
     return ExitCode::done;
 }
 
 ExitCode showHighest(Call& call) {
     expectOperands(call, 1, 1, "");
-    print(call, "max", call.server.ask<&Data::maxUserIdPT>(""));
+    expectFormats(call, kValueFormats);
+    printId(call, "max", call.server.ask<&Data::maxUserIdPT>(""));
     return ExitCode::done;
 }
 
 ExitCode current(Call& call) {
     expectOperands(call, 1, 2, "");
-    if (call.operands().size() == 1) {
-        print(call, "current", call.server.ask<&Data::currentUserIdPT>(""));
+    const bool asks = call.operands().size() == 1;
+    expectFormats(call, asks ? kValueFormats : kConfirmFormats);
+    if (asks) {
+        printId(call, "current", call.server.ask<&Data::currentUserIdPT>(""));
         return ExitCode::done;
     }
     const auto user = userIdOf(call.operands()[1]);
@@ -112,6 +117,7 @@ ExitCode current(Call& call) {
 
 ExitCode switchUser(Call& call) {
     expectOperands(call, 3, 3, "ACCOUNT or APPUID");
+    expectFormats(call, kConfirmFormats);
     const auto account = accountOf(call.operands()[1]);
     const auto user = userIdOf(call.operands()[2]);
     call.server.change<&OKVDataAdmin_protocol::setCurrentUserIdPT_osUid>(

@@ -6,8 +6,9 @@ namespace {
 
 // In the order of the help.
 constexpr const Verb* kVerbs[] = {
-    &kGet,   &kSet,   &kUnset, &kList,  &kDescribe, &kWatch, &kLock,   &kUnlock,
-    &kLocks, &kUsers, &kLists, &kProcs, &kUrls,     &kClock, &kStatus, &kPing,
+    &kGet,    &kSet,   &kUnset,  &kList,  &kDescribe, &kWatch,    &kLock,        &kUnlock,
+    &kLocks,  &kUsers, &kLists,  &kProcs, &kUrls,     &kClock,    &kExport,      &kImport,
+    &kStatus, &kPing,  &kDoctor, &kPs,    &kQuit,     &kCategory, &kCompletions, &kComplete,
 };
 
 }  // namespace

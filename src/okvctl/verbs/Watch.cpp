@@ -1,4 +1,5 @@
 #include "../Operands.h"
+#include "../Printing.h"
 #include "Verbs.h"
 
 #include "../DateText.h"
@@ -149,18 +150,19 @@ void Watcher::take(const Dictionary& answer) {
 }
 
 void Watcher::printResync() {
-    if (!call_.line.json) return call_.out.line("resync " + std::to_string(revision_));
+    if (!call_.prints(kJson)) return call_.out.line("resync " + std::to_string(revision_));
     call_.out.json(Dictionary{{"revision", revision_}, {"epoch", epoch_}, {"resync", true}});
 }
 
 void Watcher::print(Dictionary change) {
-    if (!call_.line.json) return call_.out.line(lineFor(change));
+    if (!call_.prints(kJson)) return call_.out.line(lineFor(change));
     change.set("epoch", epoch_);
     call_.out.json(change);
 }
 
 ExitCode run(Call& call) {
     expectOperands(call, 0, 0, "");
+    expectFormats(call, kTable | kJson);
     const auto watcher = okv::make<Watcher>(call);
     watcher->observe();  // first, so that no change falls between
     watcher->begin();

@@ -47,12 +47,28 @@ TEST(CommandLine, OptionsStandBeforeAndBehindTheVerb) {
                               "2.5", "--runtime-dir=/x", "b=2"});
     EXPECT_EQ(line.verb, "set");
     EXPECT_THAT(line.operands, ElementsAre("a=1", "b=2"));
-    EXPECT_TRUE(line.json);
+    EXPECT_EQ(line.format, okvctl::kJson);
     EXPECT_EQ(line.user, 2);
     EXPECT_EQ(line.type, ValueType::integer);
     EXPECT_EQ(line.timeout, 2.5);
     EXPECT_EQ(line.runtimeDir, "/x");
     EXPECT_EQ(line.given(), unsigned{okvctl::kTakesUser | okvctl::kTakesType});
+}
+
+TEST(CommandLine, OneFormatMayBeAskedForTwice) {
+    EXPECT_EQ(parsed({"get", "--json", "--format=json"}).format, okvctl::kJson);
+    EXPECT_EQ(parsed({"get", "a"}).format, std::nullopt);
+}
+
+TEST(CommandLine, SwitchesAreOffUnlessGiven) {
+    const auto plain = parsed({"list"});
+    EXPECT_TRUE(plain.legend);
+    EXPECT_FALSE(plain.wait);
+    EXPECT_FALSE(plain.dryRun);
+    const auto all = parsed({"list", "--no-legend", "--wait", "--dry-run"});
+    EXPECT_FALSE(all.legend);
+    EXPECT_TRUE(all.wait);
+    EXPECT_TRUE(all.dryRun);
 }
 
 TEST(CommandLine, TwoDashesEndTheOptions) {
@@ -81,10 +97,14 @@ TEST_P(Mistake, IsNamed) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, Mistake,
     testing::Values(Row{{"--jsno"}, "did you mean --json?"}, Row{{"--json=1"}, "takes no value"},
-                    Row{{"--user"}, "needs a value"}, Row{{"--user", "0"}, "not '0'"},
-                    Row{{"--user", "-1"}, "not '-1'"}, Row{{"--user", "2147483648"}, "from 1 on"},
-                    Row{{"--user="}, "not ''"}, Row{{"--timeout", "nan"}, "not 'nan'"},
-                    Row{{"--timeout", "-1"}, "not '-1'"}, Row{{"--timeout", "inf"}, "not 'inf'"},
+                    Row{{"--json", "--format", "table"}, "two formats were asked for"},
+                    Row{{"--format=plist", "--json"}, "two formats were asked for"},
+                    Row{{"--format", "xml"}, "table|json|plist|raw, not 'xml'"},
+                    Row{{"--wait=1"}, "takes no value"}, Row{{"--user"}, "needs a value"},
+                    Row{{"--user", "0"}, "not '0'"}, Row{{"--user", "-1"}, "not '-1'"},
+                    Row{{"--user", "2147483648"}, "from 1 on"}, Row{{"--user="}, "not ''"},
+                    Row{{"--timeout", "nan"}, "not 'nan'"}, Row{{"--timeout", "-1"}, "not '-1'"},
+                    Row{{"--timeout", "inf"}, "not 'inf'"},
                     Row{{"--type", "integer"}, "string|int|bool|real|date|data|json|null"},
                     Row{{"--since", "-1"}, "from 0 on"}, Row{{"--since", "x"}, "from 0 on"},
                     Row{{"--runtime-dir", ""}, "names no folder"}, Row{{""}, "empty"}));

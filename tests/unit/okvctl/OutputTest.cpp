@@ -32,14 +32,6 @@ struct Pipe {
 
 }  // namespace
 
-TEST(Output, ColumnsAreAsWideAsTheirWidestCellAndEndWithoutBlanks) {
-    const Pipe pipe;
-    Output out(pipe.ends[1]);
-    out.table({{"a", "bb", "c"}, {"\xE3\x81\x82\xE3\x81\x84", "b", "cc"}});
-    out.flush();
-    EXPECT_EQ(pipe.text(), "a   bb  c\n\xE3\x81\x82\xE3\x81\x84  b   cc\n");
-}
-
 TEST(Output, AStringAloneIsPrintedByteForByteWhereNoTerminalReads) {
     const Pipe pipe;
     Output out(pipe.ends[1]);
