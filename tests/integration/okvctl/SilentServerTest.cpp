@@ -82,12 +82,16 @@ TEST(OddServer, ThatAnswersNonsenseMakesNoVerbCrash) {
         FakeDataServer server;
         for (const auto* selector :
              {"okvDataAllPT:", "okvDataListPT:", "okvDataInfoPT:", "lockListPT", "uidListPT",
-              "useridAppListPT", "okvKillWebProcListPT", "serverStatusPT", "changesPT:"})
+              "useridAppListPT", "okvKillWebProcListPT", "serverStatusPT",
+              "changesPT:", "exportDataPT"})
             server.answer(selector, nonsense);
-        for (const auto* verb : {"list", "locks", "users", "urls", "status"})
+        for (const auto* verb : {"list", "locks", "users", "urls", "status", "export", "doctor"})
             EXPECT_LE(run({verb}).code, 10) << verb;
         EXPECT_LE(run({"get", "a"}).code, 10);
         EXPECT_LE(run({"describe", "a"}).code, 10);
+        EXPECT_LE(run({"import", "--dry-run", "-"}, R"({"format": 1, "users": {}})").code, 10);
+        EXPECT_EQ(run({"complete", "bash", "--", "get", ""}).code, 0);
+        EXPECT_EQ(run({"complete", "bash", "--", "users", "remove", ""}).code, 0);
         EXPECT_LE(run({"procs", "kill"}).code, 10);
     }
 }

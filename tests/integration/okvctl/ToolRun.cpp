@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <pty.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace okvctl_test {
@@ -110,6 +115,77 @@ Ran run(const std::vector<std::string>& arguments, const std::string& input, uid
     ran.code = codeOf(pid);
     ran.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return ran;
+}
+
+OnTerminal::OnTerminal(const std::vector<std::string>& arguments,
+                       const std::vector<std::string>& environment) {
+    auto words = withProgram(OKVCTL_PROGRAM, arguments);
+    const auto pointers = pointersTo(words);
+    auto variables = environment;
+    pid_ = forkpty(&terminal_, nullptr, nullptr, nullptr);
+    if (pid_ < 0) throw std::runtime_error("no terminal");
+    if (pid_ > 0) return;
+    setenv("TERM", "xterm", 1);
+    unsetenv("NO_COLOR");
+    for (auto& variable : variables) putenv(variable.data());
+    become(pointers.data(), 0);
+}
+
+OnTerminal::~OnTerminal() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        codeOf(pid_);
+    }
+    close(terminal_);
+}
+
+// A terminal that nobody holds any more says so with an error.
+bool OnTerminal::readMore() {
+    std::array<char, 4096> buffer{};
+    pollfd entry{terminal_, POLLIN, 0};
+    if (poll(&entry, 1, kHalfAMinute) <= 0) return false;
+    const auto count = read(terminal_, buffer.data(), buffer.size());
+    if (count <= 0) return false;
+    shown_.append(buffer.data(), static_cast<std::size_t>(count));
+    return true;
+}
+
+bool OnTerminal::shows(const std::string& text) {
+    while (shown_.find(text) == std::string::npos) {
+        if (!readMore()) return false;
+    }
+    return true;
+}
+
+Ran OnTerminal::finish() {
+    while (readMore()) {
+    }
+    Ran ran;
+    ran.out = shown_;
+    ran.code = codeOf(pid_);
+    pid_ = -1;
+    return ran;
+}
+
+PrivateFolder::PrivateFolder() {
+    char name[] = "/tmp/okvctl-test-XXXXXX";
+    if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder");
+    path_ = name;
+}
+
+PrivateFolder::~PrivateFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string PrivateFolder::write(const std::string& name, const std::string& content) const {
+    std::ofstream(file(name)) << content;
+    return file(name);
+}
+
+std::string PrivateFolder::contentOf(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 Child::Child(const std::string& program, const std::vector<std::string>& arguments) {

@@ -22,6 +22,47 @@ struct Ran {
 Ran run(const std::vector<std::string>& arguments, const std::string& input = {},
         uid_t account = 0);
 
+/// The built tool as a process that has a terminal of its own for everything: output, messages,
+/// input. It is killed with this object, and with this process.
+class OnTerminal {
+public:
+    /// `environment`: "NAME=VALUE", put over this process's own; TERM is xterm unless it says else.
+    explicit OnTerminal(const std::vector<std::string>& arguments,
+                        const std::vector<std::string>& environment = {});
+    OnTerminal(const OnTerminal&) = delete;
+    OnTerminal& operator=(const OnTerminal&) = delete;
+    ~OnTerminal();
+
+    /// Whether the text is shown within half a minute.
+    bool shows(const std::string& text);
+    /// Waits for the end; all that was shown, with the ends of line that a terminal makes.
+    Ran finish();
+
+private:
+    bool readMore();
+
+    pid_t pid_ = -1;
+    int terminal_ = -1;
+    std::string shown_;
+};
+
+/// A folder of its own, gone with all that is in it.
+class PrivateFolder {
+public:
+    PrivateFolder();
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
+    ~PrivateFolder();
+
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    /// Writes a file; answers its path.
+    std::string write(const std::string& name, const std::string& content) const;
+    static std::string contentOf(const std::string& path);
+
+private:
+    std::string path_;
+};
+
 /// A process whose standard output is read line by line; it is killed with this object, and with
 /// this process.
 class Child {

@@ -2,6 +2,7 @@
 
 #include <Verb.h>
 
+#include <OKVTesting/FakeDataServer.h>
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <gmock/gmock.h>
@@ -10,6 +11,7 @@ using okvctl_test::run;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using Words = std::vector<std::string>;
 
@@ -19,6 +21,15 @@ struct Row {
     Words words;
     const char* mistake;
 };
+
+/// What scripts are promised, the start of the process included; a sanitizer takes its own time to
+/// start.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr double kAtOnce = 0.5;
+#else
+constexpr double kAtOnce = 0.1;
+#endif
+constexpr int kTries = 20;
 
 class Usage : public testing::TestWithParam<Row> {};
 class WithoutServer : public testing::TestWithParam<Words> {};
@@ -63,6 +74,20 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{"clock"}, "get, set, start or stop is missing"},
         Row{{"clock", "set", "tomorrow"}, "a date is expected"},
         Row{{"describe"}, "KEY is missing"}, Row{{"watch", "--since", "x"}, "from 0 on"},
+        Row{{"get", "--dry-run", "a"}, "it takes no --dry-run"},
+        Row{{"list", "--since", "1"}, "it takes no --since"},
+        Row{{"list", "--format", "tabel"}, "--format takes table|json|plist|raw, not 'tabel'"},
+        Row{{"list", "--format", "raw"},
+            "it prints no raw; --format takes table, json, plist here"},
+        Row{{"list", "--format"}, "--format needs a value"},
+        Row{{"list", "--timeout", "soon"}, "--timeout takes seconds"},
+        Row{{"list", "--json", "--format=raw"}, "two formats were asked for"},
+        Row{{"import"}, "FILE is missing"}, Row{{"import", ""}, "the FILE is empty"},
+        Row{{"import", "a", "b"}, "too many"}, Row{{"export", "a", "b"}, "too many"},
+        Row{{"export", "--format=table"}, "it prints no table"},
+        Row{{"exprot"}, "did you mean export?"}, Row{{"doctor", "x"}, "too many"},
+        Row{{"completions"}, "bash, zsh or fish is missing"},
+        Row{{"completions", "tcsh"}, "there is no script for 'tcsh'"},
         Row{{"ping", "x"}, "too many"}, Row{{"status", "x"}, "too many"},
         Row{{"urls", "x"}, "too many"}));
 
@@ -71,6 +96,10 @@ TEST(Help, NamesEveryVerbAndEveryVerbHasItsOwn) {
     EXPECT_EQ(whole.code, 0);
     EXPECT_EQ(whole.error, "");
     for (const auto* verb : okvctl::verbs()) {
+        if (verb->hidden) {
+            EXPECT_THAT(whole.out, Not(HasSubstr("\n  " + std::string(verb->name) + " ")));
+            continue;
+        }
         EXPECT_THAT(whole.out, HasSubstr("\n  " + std::string(verb->name) + " "));
         const auto own = run({std::string(verb->name), "--help"});
         EXPECT_EQ(own.code, 0);
@@ -92,20 +121,38 @@ TEST_P(WithoutServer, EndsWith8AtOnceAndSaysWhatToDo) {
     EXPECT_EQ(ran.out, "");
     EXPECT_THAT(ran.error, AllOf(HasSubstr("the data server is not running"),
                                  HasSubstr(folder.path().string()), HasSubstr("OKVDataCenter")));
-    // The promise is a tenth of a second; a machine under load gets ten times that. A wait for a
-    // server, or a second try, would take longer.
-    EXPECT_LT(ran.seconds, 1.0);
+    // The best of several tries: a machine under load may be slow at times, but not always.
+    double best = ran.seconds;
+    for (int i = 0; i < kTries && best >= kAtOnce; ++i)
+        best = std::min(best, run(GetParam()).seconds);
+    EXPECT_LT(best, kAtOnce);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, WithoutServer,
-                         testing::Values(Words{"get", "a"}, Words{"set", "a=1"},
-                                         Words{"unset", "a"}, Words{"list"}, Words{"describe", "a"},
-                                         Words{"watch"}, Words{"lock", "a"}, Words{"unlock", "a"},
-                                         Words{"locks"}, Words{"users"},
-                                         Words{"lists", "get", "hammer_list", "--user=1"},
-                                         Words{"procs", "kill"}, Words{"urls"},
-                                         Words{"clock", "get"}, Words{"status"}, Words{"ping"},
-                                         Words{"--json", "get", "a"}));
+INSTANTIATE_TEST_SUITE_P(
+    Rows, WithoutServer,
+    testing::Values(Words{"get", "a"}, Words{"set", "a=1"}, Words{"unset", "a"}, Words{"list"},
+                    Words{"describe", "a"}, Words{"watch"}, Words{"lock", "a"},
+                    Words{"unlock", "a"}, Words{"locks"}, Words{"users"},
+                    Words{"lists", "get", "hammer_list", "--user=1"}, Words{"procs", "kill"},
+                    Words{"urls"}, Words{"clock", "get"}, Words{"status"}, Words{"ping"},
+                    Words{"export"}, Words{"import", "-"},
+                    Words{"import", "--dry-run", "/no/such/file"}, Words{"--json", "get", "a"}));
+
+TEST(Wait, IsForAServerThatIsNotThereYet) {
+    const okv::testing::RuntimeFolder folder;
+    okvctl_test::Child waiting(OKVCTL_PROGRAM, {"--wait", "--json", "ping"});
+    okv::testing::FakeDataServer server;
+    EXPECT_THAT(waiting.line(), HasSubstr("milliseconds"));
+    EXPECT_EQ(waiting.wait(), 0);
+}
+
+TEST(Wait, EndsWith8WhenTheTimeIsOver) {
+    const okv::testing::RuntimeFolder folder;
+    const auto ran = run({"--wait", "--timeout", "0.2", "ping"});
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_THAT(ran.error, HasSubstr("the data server is not running"));
+    EXPECT_GE(ran.seconds, 0.2);
+}
 
 TEST(RuntimeDir, IsWhereTheServerIsLookedFor) {
     const auto ran = run({"--runtime-dir", "/no/such/folder", "ping"});
