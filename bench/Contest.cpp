@@ -9,7 +9,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 namespace bench {
 
@@ -17,48 +19,63 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double at(std::vector<double>& values, double quantile) {
+struct Round {
+    double median;
+    double p99;
+};
+
+Round play(const Contender& contender, int calls, std::chrono::microseconds pause) {
+    std::vector<double> times;
+    times.reserve(static_cast<std::size_t>(calls));
+    for (int i = 0; i < calls; ++i) {
+        if (pause.count() > 0) std::this_thread::sleep_for(pause);
+        const auto start = Clock::now();
+        contender.call();
+        times.push_back(std::chrono::duration<double, std::nano>(Clock::now() - start).count());
+    }
+    return {quantileOf(times, 0.5), quantileOf(times, 0.99)};
+}
+
+}  // namespace
+
+namespace {
+
+void pinThread(int core, int thread) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<std::size_t>(core), &set);
+    if (sched_setaffinity(thread, sizeof set, &set) != 0)
+        throw std::runtime_error("cannot pin to a core");
+}
+
+}  // namespace
+
+double quantileOf(std::vector<double> values, double quantile) {
     const auto index =
         static_cast<std::ptrdiff_t>(quantile * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), values.begin() + index, values.end());
     return values[static_cast<std::size_t>(index)];
 }
 
-struct Round {
-    double median;
-    double p99;
-};
-
-Round play(const Contender& contender, int calls) {
-    std::vector<double> times;
-    times.reserve(static_cast<std::size_t>(calls));
-    for (int i = 0; i < calls; ++i) {
-        const auto start = Clock::now();
-        contender.call();
-        times.push_back(std::chrono::duration<double, std::nano>(Clock::now() - start).count());
-    }
-    return {at(times, 0.5), at(times, 0.99)};
-}
-
-}  // namespace
-
 void pinTo(int core) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(static_cast<std::size_t>(core), &set);
-    if (sched_setaffinity(0, sizeof set, &set) != 0)
-        throw std::runtime_error("cannot pin to a core");
+    pinThread(core, 0);
 }
 
-std::vector<Result> contest(const std::vector<Contender>& contenders, int rounds,
-                            int callsPerRound) {
-    for (const auto& contender : contenders) play(contender, callsPerRound / 4 + 1);  // warm
+void pinTo(int core, int pid) {
+    const auto tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks))
+        pinThread(core, std::stoi(task.path().filename()));
+}
+
+std::vector<Result> contest(const std::vector<Contender>& contenders, const Rounds& rounds) {
+    for (const auto& contender : contenders)  // warm
+        play(contender, rounds.calls / 4 + 1, rounds.pause);
     std::vector<std::vector<double>> medians(contenders.size()), tails(contenders.size()),
         ratios(contenders.size());
-    for (int r = 0; r < rounds; ++r) {
+    for (int r = 0; r < rounds.count; ++r) {
         double first = 0;
         for (std::size_t i = 0; i < contenders.size(); ++i) {
-            const auto round = play(contenders[i], callsPerRound);
+            const auto round = play(contenders[i], rounds.calls, rounds.pause);
             if (i == 0) first = round.median;
             medians[i].push_back(round.median);
             tails[i].push_back(round.p99);
@@ -67,8 +84,8 @@ std::vector<Result> contest(const std::vector<Contender>& contenders, int rounds
     }
     std::vector<Result> results;
     for (std::size_t i = 0; i < contenders.size(); ++i)
-        results.push_back(
-            {contenders[i].name, at(medians[i], 0.5), at(tails[i], 0.5), at(ratios[i], 0.5)});
+        results.push_back({contenders[i].name, quantileOf(medians[i], 0.5),
+                           quantileOf(tails[i], 0.5), quantileOf(ratios[i], 0.5)});
     return results;
 }
 
@@ -106,7 +123,12 @@ ServerProcess::ServerProcess(const std::function<void(const std::function<void()
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(pipe.ends[0]);
-        serve([&] { (void)!write(pipe.ends[1], "\n", 1); });
+        try {
+            serve([&] { (void)!write(pipe.ends[1], "\n", 1); });
+        } catch (const std::exception& error) {  // must not go on as the parent would
+            std::fprintf(stderr, "a server ended: %s\n", error.what());
+            _exit(1);
+        }
         _exit(0);
     }
     close(pipe.ends[1]);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -23,12 +24,21 @@ struct Result {
     double ratio = 0;     ///< median of the rounds' ratios to the first contender
 };
 
-std::vector<Result> contest(const std::vector<Contender>& contenders, int rounds,
-                            int callsPerRound);
+struct Rounds {
+    int count;
+    int calls;                           ///< of each contender in each round
+    std::chrono::microseconds pause{0};  ///< before each call, outside of what is measured
+};
+
+std::vector<Result> contest(const std::vector<Contender>& contenders, const Rounds& rounds);
 void print(const std::vector<Result>& results);
 
-/// Pins the calling process to one core.
+/// The value below which that part of them lies; 0.5 is the median.
+double quantileOf(std::vector<double> values, double quantile);
+
+/// Pins the calling process to one core; another process with all its threads.
 void pinTo(int core);
+void pinTo(int core, int pid);
 
 /// A process of its own that runs `serve` until the benchmark ends; it calls its argument once it
 /// can be used.

@@ -42,13 +42,6 @@ struct Times {
     double median, p99;
 };
 
-double at(std::vector<double>& values, double quantile) {
-    const auto index =
-        static_cast<std::ptrdiff_t>(quantile * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + index, values.end());
-    return values[static_cast<std::size_t>(index)];
-}
-
 template <class GoOn>
 Times read(okv::RemoteObject& root, GoOn goOn) {
     std::vector<double> times;
@@ -57,7 +50,7 @@ Times read(okv::RemoteObject& root, GoOn goOn) {
         okv::send<&OKVDataMng_protocol::okvDataPT_appUid>(root, "read", 1);
         times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     }
-    return {at(times, 0.5), at(times, 0.99)};
+    return {bench::quantileOf(times, 0.5), bench::quantileOf(times, 0.99)};
 }
 
 Times readIdle(okv::RemoteObject& root) {
@@ -117,6 +110,6 @@ int main() {
         ratios.push_back(loaded.median / idle.median);
         tails.push_back(loaded.p99 / idle.p99);
     }
-    std::printf("median of the ratios: %.2f (of the 99th percentiles: %.2f)\n", at(ratios, 0.5),
-                at(tails, 0.5));
+    std::printf("median of the ratios: %.2f (of the 99th percentiles: %.2f)\n",
+                bench::quantileOf(ratios, 0.5), bench::quantileOf(tails, 0.5));
 }

@@ -104,7 +104,7 @@ bench::Result measure(okvDataManager& manager, int count) {
             {"of it the list of users", [&] { manager.userIdList(); }},
             {"of it the list's decoding", [&] { okv::decodeCbor(list); }},
         },
-        21, count > 10000 ? 20 : 400);
+        {21, count > 10000 ? 20 : 400});
     std::printf("%d users\n", count);
     bench::print(results);
     return results[1];

@@ -1,0 +1,302 @@
+// How long reads and writes take beside a client that behaves badly, and how much memory the server
+// then takes: rounds in pairs, one without the neighbour and one with it.
+//
+// The server and the one who measures have core 0, the neighbours have core 1: what is seen is what
+// the server does for the neighbour, not what the neighbour does to the machine.
+//   bench_neighbours [PART-OF-A-NAME]
+
+#include "Contest.h"
+
+#include <OKVDataManager/okvDataManager.h>
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/RegisteredName.h>
+#include <OKVTesting/RuntimeFolder.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Ready = std::function<void()>;
+using Neighbour = std::function<void(const Ready& ready)>;
+
+constexpr int kPairs = 7;
+constexpr auto kReading = std::chrono::milliseconds(400);
+constexpr auto kWriting = std::chrono::milliseconds(300);
+constexpr char kLarge[] = "large";
+
+// ---- Bad neighbours: each does it until it is killed ----
+
+std::string requestFor(std::string_view key) {
+    std::string frame;
+    okv::beginRequest(frame, okv::kRootObject, "okvDataPT:appUid:", "@i");
+    okv::CborWriter writer(frame);
+    writer.text(key);
+    writer.integer(1);
+    okv::finishRequest(frame);
+    return frame;
+}
+
+std::string repeated(const std::string& text, int count) {
+    std::string all;
+    for (int i = 0; i < count; ++i) all += text;
+    return all;
+}
+
+okv::PrivateDescriptor connectRaw() {
+    auto connected = okv::connectToName(kOKVDataServerName);
+    if (!connected.socket.isValid()) std::abort();
+    return std::move(connected.socket);
+}
+
+// As much as goes out without waiting.
+bool push(const okv::PrivateDescriptor& socket, std::string_view bytes) {
+    return send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+           static_cast<ssize_t>(bytes.size());
+}
+
+// Rounds without a neighbour have this one: that a process is there at all makes a difference to
+// the system's scheduler.
+void isQuiet(const Ready& ready) {
+    ready();
+    pause();
+}
+
+void isStopped(const Ready& ready) {
+    const auto requests = okv::encodeHello() + repeated(requestFor(kLarge), 100);
+    std::vector<okv::PrivateDescriptor> sockets;
+    for (int i = 0; i < 4; ++i) {
+        sockets.push_back(connectRaw());
+        push(sockets.back(), requests);
+    }
+    ready();
+    raise(SIGSTOP);
+}
+
+void neverReads(std::string_view key, const Ready& ready) {
+    const auto socket = connectRaw();
+    push(socket, okv::encodeHello());
+    const auto requests = repeated(requestFor(key), 100);
+    ready();
+    for (std::string_view left = requests;;) {
+        const auto count = send(socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
+        if (count < 0) std::abort();
+        left.remove_prefix(static_cast<std::size_t>(count));
+        if (left.empty()) left = requests;
+    }
+}
+
+// Reads, but has always a hundred requests under way.
+void asksInBursts(const Ready& ready) {
+    const auto socket = connectRaw();
+    push(socket, okv::encodeHello());
+    const auto requests = repeated(requestFor("read"), 100);
+    std::string answers(1U << 16, '\0');
+    ready();
+    for (;;) {
+        if (send(socket.get(), requests.data(), requests.size(), MSG_NOSIGNAL) < 0) std::abort();
+        pollfd entry{socket.get(), POLLIN, 0};
+        while (poll(&entry, 1, 0) == 1 &&
+               recv(socket.get(), answers.data(), answers.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+}
+
+void sendsAByteASecond(const Ready& ready) {
+    const auto bytes = okv::encodeHello() + repeated(requestFor("read"), 10);
+    std::vector<okv::PrivateDescriptor> sockets;
+    for (int i = 0; i < 20; ++i) sockets.push_back(connectRaw());
+    ready();
+    for (std::size_t at = 0;; ++at) {
+        for (const auto& socket : sockets) {
+            push(socket, {&bytes[at % bytes.size()], 1});
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+}
+
+// So often a second; what it was late for, it does at once.
+void repeatedly(int perSecond, const std::function<void()>& act) {
+    const auto between = std::chrono::nanoseconds(std::chrono::seconds(1)) / perSecond;
+    for (auto next = Clock::now();; next += between) {
+        act();
+        std::this_thread::sleep_until(next);
+    }
+}
+
+void connectOnly(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int connected = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    (void)connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    close(connected);
+}
+
+void connects(const std::string& path, const Ready& ready) {
+    ready();
+    repeatedly(10000, [&] { connectOnly(path); });
+}
+
+void postsNotices(const Ready& ready) {
+    auto& center = okv::DistributedNotificationCenter::defaultCenter();
+    const okv::Value information(okv::Dictionary{{"text", std::string(200, 'n')}});
+    ready();
+    for (;;) center.post("bench.flood", {}, information);
+}
+
+// Dies before greeting, in the middle of it, of a request, of waiting and of reading.
+void dies(const Ready& ready) {
+    const auto greeting = okv::encodeHello(), request = requestFor("read"),
+               large = requestFor(kLarge);
+    const std::string lives[]{"",
+                              greeting.substr(0, 3),
+                              greeting,
+                              greeting + request.substr(0, 9),
+                              greeting + request,
+                              greeting + large};
+    std::size_t life = 0;
+    ready();
+    repeatedly(1000, [&] { push(connectRaw(), lives[life++ % std::size(lives)]); });
+}
+
+// ---- Who measures ----
+
+struct Times {
+    double median = 0, p99 = 0;
+};
+
+double at(std::vector<double>& values, double quantile) {
+    const auto index =
+        static_cast<std::ptrdiff_t>(quantile * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), values.begin() + index, values.end());
+    return values[static_cast<std::size_t>(index)];
+}
+
+Times timesOf(Clock::duration length, const std::function<void()>& call) {
+    std::vector<double> times;
+    for (const auto end = Clock::now() + length; Clock::now() < end;) {
+        const auto start = Clock::now();
+        call();
+        times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    return {at(times, 0.5), at(times, 0.99)};
+}
+
+long residentKilobytes(int process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return 0;
+}
+
+struct Round {
+    Times reading, writing;
+    long kilobytes = 0;
+};
+
+class Bench {
+public:
+    /// `wanted`: a part of the names of the neighbours that are of interest.
+    Bench(okv::RemoteObject& root, int server, std::string wanted)
+        : root_(root), server_(server), wanted_(std::move(wanted)) {}
+
+    void compare(const char* name, const Neighbour& neighbour) {
+        if (std::string_view(name).find(wanted_) == std::string_view::npos) return;
+        std::vector<double> quiet, loaded, reads, writes, quietWrites, loadedWrites;
+        long most = 0;
+        for (int pair = 0; pair < kPairs; ++pair) {
+            const auto before = playBeside(isQuiet);
+            const auto beside = playBeside(neighbour);
+            quiet.push_back(before.reading.p99);
+            loaded.push_back(beside.reading.p99);
+            reads.push_back(beside.reading.p99 / before.reading.p99);
+            quietWrites.push_back(before.writing.p99);
+            loadedWrites.push_back(beside.writing.p99);
+            writes.push_back(beside.writing.p99 / before.writing.p99);
+            most = std::max(most, beside.kilobytes);
+        }
+        std::printf("%-34s %9.1f %9.1f %6.2f %9.0f %9.0f %6.2f %9ld\n", name, at(quiet, 0.5),
+                    at(loaded, 0.5), at(reads, 0.5), at(quietWrites, 0.5), at(loadedWrites, 0.5),
+                    at(writes, 0.5), most);
+        std::fflush(stdout);
+    }
+
+private:
+    Round playBeside(const Neighbour& neighbour) {
+        const bench::ServerProcess process([&](const Ready& ready) {
+            bench::pinTo(1);
+            neighbour(ready);
+        });
+        return play();
+    }
+
+    Round play() {
+        Round round;
+        round.reading = timesOf(kReading, [this] {
+            okv::send<&OKVDataMng_protocol::okvDataPT_appUid>(root_, "read", 1);
+        });
+        round.writing = timesOf(kWriting, [this] {
+            okv::send<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(root_, "written", ++number_,
+                                                                       1);
+        });
+        round.kilobytes = residentKilobytes(server_);
+        return round;
+    }
+
+    okv::RemoteObject& root_;
+    const int server_;
+    const std::string wanted_;
+    int number_ = 0;
+};
+
+void set(okv::RemoteObject& root, const char* key, std::size_t size) {
+    if (!okv::send<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(root, key,
+                                                                    std::string(size, 'v'), 1))
+        std::abort();
+}
+
+void compareAll(Bench& bench, const std::string& socket) {
+    std::printf("%-34s %9s %9s %6s %9s %9s %6s %9s\n", "neighbour", "read p99", "beside it",
+                "ratio", "write p99", "beside it", "ratio", "server KB");
+    bench.compare("none", isQuiet);
+    bench.compare("4 stopped, with unread answers", isStopped);
+    bench.compare("never reads, small answers",
+                  [](const Ready& ready) { neverReads("read", ready); });
+    bench.compare("never reads, large answers",
+                  [](const Ready& ready) { neverReads(kLarge, ready); });
+    bench.compare("asks in bursts without a pause", asksInBursts);
+    bench.compare("20 that send a byte a second", sendsAByteASecond);
+    bench.compare("10,000 connects a second", [&](const Ready& ready) { connects(socket, ready); });
+    bench.compare("notices without a pause", postsNotices);
+    bench.compare("1,000 clients a second that die", dies);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const okv::testing::RuntimeFolder folder;
+    bench::pinTo(0);
+    const bench::ServerProcess server(
+        {OKV_BENCH_SERVER, "--foreground", "--store", (folder.path() / "store.db").string()});
+    const auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
+    if (!connection) return EXIT_FAILURE;
+    const auto root = connection->rootProxy();
+    set(*root, "read", 32);
+    set(*root, kLarge, 200U << 10);
+    Bench bench(*root, server.pid(), argc > 1 ? argv[1] : "");
+    compareAll(bench, folder.path() / kOKVDataServerName);
+}
