@@ -1,0 +1,68 @@
+// The rounds themselves, a few of them, and with faults that the checker must find.
+
+#include "../faults/ProgramRun.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class KillRounds : public testing::Test {
+protected:
+    KillRounds() { fs::remove(history_); }
+    ~KillRounds() override { fs::remove(history_); }
+
+    faults::Ran run(const std::string& rounds, const std::string& fault = {}) const {
+        return faults::runProgram(OKV_KILL_ROUNDS " " + rounds + " " + history_.string() + " " +
+                                  fault);
+    }
+    void expectFound(const std::string& fault, const std::string& told) const {
+        const auto ran = run("5", fault);
+        EXPECT_EQ(ran.code, 1) << ran.output;
+        EXPECT_NE(ran.output.find("\n  " + told), std::string::npos) << ran.output;
+        EXPECT_NE(ran.output.find("kill-rounds: BROKEN"), std::string::npos) << ran.output;
+    }
+
+    const fs::path history_ =
+        fs::temp_directory_path() / ("okv-history-" + std::to_string(getpid()) + "-" +
+                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+};
+
+}  // namespace
+
+TEST_F(KillRounds, LoseNothingAndTellEverythingOnce) {
+    const auto ran = run(std::to_string(faults::rounds(15) + 2));
+    EXPECT_EQ(ran.code, 0) << ran.output;
+    EXPECT_NE(ran.output.find("kill-rounds: kept"), std::string::npos) << ran.output;
+}
+
+TEST_F(KillRounds, FindAnAcknowledgedWriteThatIsLost) {
+    expectFound("lost", "lost: ");
+}
+
+TEST_F(KillRounds, FindATornTransaction) {
+    expectFound("torn", "torn: ");
+}
+
+TEST_F(KillRounds, FindAGap) {
+    expectFound("gap", "gap: ");
+}
+
+// The change that it stood for first is what is then missing.
+TEST_F(KillRounds, FindARevisionThatIsGivenTwice) {
+    expectFound("duplicate", "");
+}
+
+TEST_F(KillRounds, FindAWatcherThatOverlooksSomething) {
+    expectFound("stale", "stale: watcher 3");
+}
+
+TEST_F(KillRounds, TellHowTheyAreUsed) {
+    EXPECT_EQ(run("0").code, 2);
+    EXPECT_EQ(run("5", "nonsense").code, 2);
+    std::ofstream(history_) << "not to be written over\n";
+    EXPECT_EQ(run("5").code, 2);
+}
