@@ -1,0 +1,49 @@
+// The soak itself, for a short time, and with faults that it must find.
+
+#include "../faults/ProgramRun.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+faults::Ran soakFor(const std::string& arguments) {
+    return faults::runProgram(OKV_SOAK " " + arguments);
+}
+
+void expectFound(const std::string& fault, const std::string& told) {
+    const auto ran = soakFor("12 " + fault);
+    EXPECT_EQ(ran.code, 1) << ran.output;
+    EXPECT_NE(ran.output.find(told), std::string::npos) << ran.output;
+    EXPECT_NE(ran.output.find("soak: BROKEN"), std::string::npos) << ran.output;
+}
+
+}  // namespace
+
+TEST(Soak, IsKeptForHalfAMinute) {
+    const auto ran = soakFor("30");
+    EXPECT_EQ(ran.code, 0) << ran.output;
+    EXPECT_NE(ran.output.find("soak: kept"), std::string::npos) << ran.output;
+    EXPECT_NE(ran.output.find("5 restarts"), std::string::npos) << ran.output;
+}
+
+TEST(Soak, FindsAClientThatLeaksADescriptorASecond) {
+    expectFound("descriptors", "something grew");
+}
+
+TEST(Soak, FindsAClientThatLeaksAMegabyteASecond) {
+    if (faults::kSlowness > 1) GTEST_SKIP() << "memory is not judged under a sanitizer";
+    expectFound("memory", "something grew");
+}
+
+TEST(Soak, FindsAFailureThatNoRestartExplains) {
+    expectFound("error", "an error put in on purpose");
+}
+
+TEST(Soak, FindsAnAcknowledgedWriteThatIsGone) {
+    expectFound("lost-write", ": 0 is not in");
+}
+
+TEST(Soak, TellsHowItIsUsed) {
+    for (const auto* arguments : {"", "0", "5 nonsense", "5 error more"})
+        EXPECT_EQ(soakFor(arguments).code, 2) << arguments;
+}
