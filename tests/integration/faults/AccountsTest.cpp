@@ -183,6 +183,8 @@ TEST_F(Accounts, ASocketMadeByAnotherIsWhoseWhoServesIt) {
     const int listener = listenerMadeBy(kNobody, server_.runtimeFolder());
     ASSERT_GE(listener, 0);
     EXPECT_TRUE(isRefusedFor(kSomebody, kNobody)) << "nobody serves it yet but its maker's word";
+    // A server takes no socket in a folder that others may write.
+    std::filesystem::permissions(server_.runtimeFolder(), std::filesystem::perms(0755));
     ASSERT_TRUE(server_.startWithSocket(listener));
     close(listener);
     EXPECT_EQ(codeOfGetBy(kSomebody), 0);
@@ -191,12 +193,14 @@ TEST_F(Accounts, ASocketMadeByAnotherIsWhoseWhoServesIt) {
 }
 
 TEST_F(Accounts, ASocketMadeByRootThatAnotherServesIsNotRoots) {
-    std::filesystem::create_directory(server_.runtimeFolder());
-    const int listener = listenerMadeBy(0, server_.runtimeFolder());
+    const auto somebodys = server_.file("somebodys");
+    makeFolderOf(kSomebody, somebodys);
+    makeFolderOf(kSomebody, somebodys + "/run");
+    const int listener = listenerMadeBy(0, somebodys + "/run");
     ASSERT_GE(listener, 0);
-    const ForeignServer foreign(kSomebody, server_.file("somebodys"), listener);
+    const ForeignServer foreign(kSomebody, somebodys, listener);
     close(listener);
     ASSERT_TRUE(foreign.isReady());
-    const Environment folder("OKV_RUNTIME_DIR", server_.runtimeFolder());
+    const Environment folder("OKV_RUNTIME_DIR", foreign.runtimeFolder());
     EXPECT_TRUE(isRefusedFor(kSomebodyElse, kSomebody));
 }

@@ -40,7 +40,7 @@ std::thread callIn(RemoteObject& root, Failure& failure) {
 // the kill the last of them had thrown.
 Clock::duration killInTheMiddleOfCalls(ServerProcess& server) {
     const HoldableDisk disk(server.file("gate"));
-    EXPECT_TRUE(server.start());
+    EXPECT_TRUE(server.start({"--backup-interval", "0"}));  // a backup flushes, too
     const auto mourner = okv::make<Mourner>();
     const auto watched = connection();
     const auto root = watched->rootProxy();

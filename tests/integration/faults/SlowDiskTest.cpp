@@ -11,7 +11,7 @@ using okv::Value;
 TEST(AHangingDisk, DelaysNoReadOnlyTheWritesAndTheirAcknowledgements) {
     ServerProcess server;
     const HoldableDisk disk(server.file("gate"));
-    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(server.start({"--backup-interval", "0"}));  // it flushes, too
     const auto root = connect();
     ASSERT_TRUE(set(*root, "k", "old"));
     Gate gate(server.file("gate"));
@@ -37,7 +37,7 @@ TEST(AHangingDisk, DelaysNoReadOnlyTheWritesAndTheirAcknowledgements) {
 TEST(AHangingDisk, LetsWritesWaitInOrderAndTellsHowManyDo) {
     ServerProcess server;
     const HoldableDisk disk(server.file("gate"));
-    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(server.start({"--backup-interval", "0"}));  // it flushes, too
     const auto root = connect();
     Gate gate(server.file("gate"));
     std::thread first([&] { EXPECT_TRUE(set(*root, "k", 0)); });

@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <stdexcept>
+
+extern char** environ;
 
 namespace faults {
 
@@ -49,14 +53,15 @@ okv::Dictionary status(okv::RemoteObject& root) {
     return okv::send<&Admin::serverStatusPT>(root).as<okv::Dictionary>();
 }
 
-int asAccount(uid_t uid, const std::function<int()>& body) {
+int asAccount(uid_t uid, const std::function<int()>& body, const std::vector<gid_t>& groups) {
     const auto pid = fork();
     if (pid == 0) {
         int code = 99;
-        if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
+        if (setgroups(groups.size(), groups.data()) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
             try {
                 code = body();
-            } catch (const std::exception&) {
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "uid %u: %s\n", uid, error.what());
                 code = 98;
             }
         }
@@ -65,6 +70,23 @@ int asAccount(uid_t uid, const std::function<int()>& body) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int runTool(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), OKV_OKVCTL);
+    std::vector<char*> words;
+    for (auto& argument : arguments) words.push_back(argument.data());
+    words.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    const int failure = posix_spawn(&pid, OKV_OKVCTL, &actions, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    if (failure != 0 || waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 HoldableDisk::HoldableDisk(const std::string& gate)

@@ -16,6 +16,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace faults {
 
@@ -43,8 +44,12 @@ bool set(okv::RemoteObject& root, const std::string& key, const okv::Value& valu
 okv::Value get(okv::RemoteObject& root, const std::string& key);
 okv::Dictionary status(okv::RemoteObject& root);
 
-/// Runs the body in a child under another account; what it answers is the child's exit code.
-int asAccount(uid_t uid, const std::function<int()>& body);
+/// Runs the body in a child under another account, in these supplementary groups and no others;
+/// what it answers is the child's exit code.
+int asAccount(uid_t uid, const std::function<int()>& body, const std::vector<gid_t>& groups = {});
+
+/// Runs the tool, whose output nobody sees; its exit code, or 128 and the signal's number.
+int runTool(std::vector<std::string> arguments);
 
 /// A variable of the environment, for the processes that are started while it lives.
 class Environment {
