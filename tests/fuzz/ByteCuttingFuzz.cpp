@@ -1,16 +1,15 @@
 // Both cuts against the rules taken literally, position by position. The first byte is the
 // delimiter's length, the second one the size to cut.
+#include "Require.h"
+
 #include <OKVDataManager/okvCmnUtil.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 enum class Outcome { none, found, pastTheEnd };
 

@@ -1,14 +1,13 @@
 // Category flags, both ways, against the rules written out flag by flag.
+#include "Require.h"
+
 #include <OKVDataManager/okvCmnUtil.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 std::optional<okv::Data> packedFlagByFlag(std::string_view text) {
     const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };

@@ -1,4 +1,6 @@
 // Any eight bytes as an instant, any bytes as texts. The local zone has days without a midnight.
+#include "Require.h"
+
 #include <OKVDataManager/okvCmnUtil.h>
 
 #include <cmath>
@@ -7,9 +9,7 @@
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 // A day begins at or before each of its instants, and not more than 25 hours before it.
 void checkDayOf(okv::Date date) {

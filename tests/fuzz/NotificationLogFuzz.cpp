@@ -1,15 +1,14 @@
+#include "Require.h"
+
 #include <OKVPlatform/ipc/NotificationLog.h>
 #include <OKVPlatform/values/Cbor.h>
 
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 // Goes through the bytes as a reader goes through a file.
 void readAsLog(std::string_view bytes) {

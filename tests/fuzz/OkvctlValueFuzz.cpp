@@ -1,16 +1,15 @@
+#include "Require.h"
+
 #include <ValueText.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 namespace {
 
 constexpr std::size_t kTypes = static_cast<std::size_t>(okvctl::ValueType::null) + 1;
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 }  // namespace
 

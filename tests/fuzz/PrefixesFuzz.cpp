@@ -1,15 +1,14 @@
 // Prefixes against the rules worked out on UTF-16, and with bytes that are no text at all. The
 // first byte is the prefix's length.
+#include "Require.h"
+
 #include <OKVDataManager/okvCmnUtil.h>
 
 #include <array>
-#include <cstdlib>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 struct Letter {
     std::u16string_view utf16;

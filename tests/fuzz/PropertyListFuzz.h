@@ -1,17 +1,14 @@
 #pragma once
 
+#include "Require.h"
+
 #include <OKVPlatform/values/PropertyListFile.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <stdexcept>
 
 /// What must hold for every input, whichever reader it goes through.
 namespace fuzz {
-
-inline void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 inline std::string_view textOf(const std::uint8_t* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};

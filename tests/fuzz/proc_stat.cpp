@@ -1,16 +1,15 @@
 // What the kernel and strangers write about a process: the status file, the command line, a path.
 
+#include "Require.h"
+
 #include <OKVPlatform/process/ProcessStatus.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
-static void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 static void readStatus(std::string_view text) {
     const auto status = okv::parseProcessStatus(text);
