@@ -1,0 +1,241 @@
+// What happens to a call, and to the server, when there is more of everything: clients that are
+// connected, clients that call, values, bytes in a value.
+//
+//     bench_growth
+
+#include "Contest.h"
+#include "Memory.h"
+#include "OKVDataAdmin_protocol.h"
+
+#include <OKVDataManager/okvDataManager.h>
+#include <OKVPlatform/ipc/Connection.h>
+#include <OKVTesting/RuntimeFolder.h>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Root = okv::Ref<okv::RemoteObject>;
+
+constexpr char kKey[] = "dc-gui-window_colour";
+constexpr int kManyClients = 1000;
+constexpr int kUsers = 100;
+constexpr int kKeysOfAUser = 10000;
+
+// ---- Servers and clients ----
+
+/// A data server with a folder of names of its own.
+class Ground {
+public:
+    Ground() { start(); }
+
+    void start() {
+        setenv("OKV_RUNTIME_DIR", folder_.path().c_str(), 1);
+        const auto before = Clock::now();
+        server_ = std::make_unique<bench::ServerProcess>(
+            std::vector<std::string>{OKV_BENCH_SERVER, "--foreground", "--connections-per-uid",
+                                     "1024", "--store", (folder_.path() / "store.db").string()});
+        startSeconds_ = std::chrono::duration<double>(Clock::now() - before).count();
+        bench::pinTo(0, server_->pid());
+    }
+    void stop() { server_.reset(); }
+    double startSeconds() const { return startSeconds_; }
+    double memory() const { return bench::privateBytes(server_->pid()); }
+
+    Root connect() const {
+        setenv("OKV_RUNTIME_DIR", folder_.path().c_str(), 1);
+        const auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
+        if (!connection) std::abort();
+        return connection->rootProxy();
+    }
+
+private:
+    okv::testing::RuntimeFolder folder_;
+    std::unique_ptr<bench::ServerProcess> server_;
+    double startSeconds_ = 0;
+};
+
+void require(bool done) {
+    if (!done) std::abort();
+}
+
+void set(okv::RemoteObject& root, const char* key, std::size_t size) {
+    require(okv::send<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(root, key,
+                                                                       std::string(size, 'v'), 1));
+}
+
+okv::Value get(okv::RemoteObject& root, const char* key) {
+    return okv::send<&OKVDataMng_protocol::okvDataPT_appUid>(root, key, 1);
+}
+
+class Client final : public okv::Object, public OKVClientMng_protocol {
+public:
+    void disConnectSrv() override {}
+
+protected:
+    void dealloc() override { okv::ExportedObjects::withdraw(*this); }
+};
+
+struct Registered {
+    Root root;
+    okv::Ref<Client> client;
+};
+
+std::vector<Registered> registeredClients(const Ground& ground, int count) {
+    std::vector<Registered> clients;
+    for (int i = 0; i < count; ++i) {
+        clients.push_back({ground.connect(), okv::make<Client>()});
+        auto& [root, client] = clients.back();
+        require(okv::send<&OKVDataMng_protocol::registerAsClient>(
+            *root, okv::lend<OKVClientMng_protocol>(*client)));
+    }
+    return clients;
+}
+
+// ---- Clients ----
+
+struct Crowd {
+    Ground ground;
+    std::vector<Registered> idle;
+    Root caller;
+
+    explicit Crowd(int count) : idle(registeredClients(ground, count)), caller(ground.connect()) {
+        set(*caller, kKey, 32);
+    }
+    bench::Contender contender() {
+        return {std::to_string(idle.size()) + " others connected and idle",
+                [this] { get(*caller, kKey); }};
+    }
+};
+
+void measureIdleClients() {
+    Crowd one(1), hundred(100), thousand(kManyClients);
+    std::puts("\nA read beside idle clients (bar for the ratio: 1.1)");
+    bench::print(
+        bench::contest({one.contender(), hundred.contender(), thousand.contender()}, {31, 1000}));
+}
+
+void measureMemoryOfClients() {
+    const Ground ground;
+    const auto warm = registeredClients(ground, 10);
+    const auto before = ground.memory();
+    const auto idle = registeredClients(ground, kManyClients);
+    std::printf("\nServer's memory for an idle client: %.0f bytes (bar: 16384)\n",
+                (ground.memory() - before) / kManyClients);
+}
+
+// ---- Bytes ----
+
+/// As many bytes there and back as a read of such a value takes, and nothing else.
+class RawPeer {
+public:
+    RawPeer(std::size_t request, std::size_t reply) : request_(request, 'r'), reply_(reply, 'a') {
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) == 0);
+        server_ = std::make_unique<bench::ServerProcess>([this](const auto& ready) {
+            close(ends_[0]);
+            ready();
+            while (receive(ends_[1], request_)) send(ends_[1], reply_);
+        });
+        close(ends_[1]);
+        bench::pinTo(0, server_->pid());
+    }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+    ~RawPeer() { close(ends_[0]); }
+
+    void call() {
+        send(ends_[0], request_);
+        require(receive(ends_[0], reply_));
+    }
+
+private:
+    static bool receive(int socket, std::string& bytes) {
+        return recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) ==
+               static_cast<ssize_t>(bytes.size());
+    }
+    static void send(int socket, const std::string& bytes) {
+        require(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+                static_cast<ssize_t>(bytes.size()));
+    }
+
+    std::string request_, reply_;
+    int ends_[2];
+    std::unique_ptr<bench::ServerProcess> server_;
+};
+
+void measureValue(okv::RemoteObject& root, std::size_t size) {
+    constexpr std::size_t kRequestSize = 60, kFraming = 16;
+    set(root, kKey, size);
+    RawPeer raw(kRequestSize, size + kFraming);
+    const int calls = size > 10000 ? 200 : 1000;
+    const auto results = bench::contest(
+        {{"raw", [&] { raw.call(); }}, {"a read of the value", [&] { get(root, kKey); }}},
+        {21, calls});
+    std::printf("%8zu %10.0f %10.0f %9.0f %9.2f\n", size, results[0].medianNs, results[1].medianNs,
+                static_cast<double>(size) * 1e3 / results[1].medianNs, 1 / results[1].ratio);
+}
+
+void measureValues() {
+    const Ground ground;
+    const auto root = ground.connect();
+    std::puts("\nValues of many bytes (bar for the last: 0.5)");
+    std::printf("%8s %10s %10s %9s %9s\n", "bytes", "raw ns", "ours ns", "MB/s", "of raw");
+    for (const std::size_t size : {32U, 1U << 10, 16U << 10, 64U << 10, (256U << 10) - 16})
+        measureValue(*root, size);
+}
+
+// ---- Settings ----
+
+okv::Dictionary settingsOfOneUser() {
+    okv::Dictionary settings;
+    settings.reserve(kKeysOfAUser);
+    for (int key = 0; key < kKeysOfAUser; ++key)
+        settings.insert("dc-gui-setting_" + std::to_string(key), std::string(32, 'v'));
+    return settings;
+}
+
+void fill(okv::RemoteObject& root) {
+    const okv::Value settings(settingsOfOneUser());
+    for (int user = 1; user <= kUsers; ++user) {
+        okv::send<&OKVDataMng_protocol::setUseridPT_applyUid>(root, user, user);
+        require(okv::send<&OKVDataMng_protocol::setOKVDataAllPT_appUid>(root, settings, user));
+    }
+}
+
+void measureSettings() {
+    constexpr double kSettings = 1.0 * kUsers * kKeysOfAUser;
+    Ground ground;
+    const auto empty = ground.memory();
+    fill(*ground.connect());
+    ground.stop();
+    ground.start();
+    std::printf("\n%.0f settings of 32 bytes: start %.2f s (bar: 2), %.0f bytes of memory each\n",
+                kSettings, ground.startSeconds(), (ground.memory() - empty) / kSettings);
+}
+
+void allowManyDescriptors() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace
+
+int main() {
+    std::setbuf(stdout, nullptr);
+    allowManyDescriptors();
+    bench::pinTo(0);
+    measureIdleClients();
+    measureMemoryOfClients();
+    measureValues();
+    measureSettings();
+}
