@@ -34,13 +34,13 @@ std::string encodedKeys(const std::vector<std::string>& keys) {
 
 void Store::begin() {
     rollback();  // once more, where it failed for lack of memory
-    database_->execute("BEGIN IMMEDIATE");
+    database_->run("BEGIN IMMEDIATE");
 }
 
 void Store::commit() {
     // Before: once it is committed, nothing may fail any more that would have it refused.
     const auto committed = revision();
-    database_->execute("COMMIT");
+    database_->run("COMMIT");
     // An older copy that is put back after a crash is noticed, too.
     guard_->setMark(epoch_, committed);
 }

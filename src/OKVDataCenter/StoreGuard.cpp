@@ -42,8 +42,9 @@ void Store::Guard::setMark(const std::string& epoch, std::int64_t revision) noex
     char line[128];
     const int size = std::snprintf(line, sizeof line, "%s %lld\n", epoch.c_str(),
                                    static_cast<long long>(revision));
-    if (pwrite(file_.get(), line, static_cast<std::size_t>(size), 0) == size)
-        (void)!ftruncate(file_.get(), size);
+    if (pwrite(file_.get(), line, static_cast<std::size_t>(size), 0) != size) return;
+    // Revisions grow: mostly nothing of an older mark is left behind it.
+    if (size != markSize_ && ftruncate(file_.get(), size) == 0) markSize_ = size;
 }
 
 namespace {

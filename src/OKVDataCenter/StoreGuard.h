@@ -25,6 +25,7 @@ public:
 
 private:
     okv::PrivateDescriptor file_;
+    int markSize_ = -1;  // of the mark that stands in the file; unknown at first
 };
 
 /// Moves a store's file, and the log beside it, to its own name with the ending and the time.

@@ -31,7 +31,9 @@ class RecordingPort final : public okv::MessagePort {
 public:
     explicit RecordingPort(okv::PeerIdentity peer) : peer_(std::move(peer)) {}
 
-    std::string call(std::string&) override { throw std::logic_error("nobody is called here"); }
+    void callAndRead(std::string&, okv::ReplyReader&) override {
+        throw std::logic_error("nobody is called here");
+    }
     void post(std::string frame) override { posted.push_back(std::move(frame)); }
     void sendAnswer(std::string frame) override { answers.push_back(std::move(frame)); }
     const okv::PeerIdentity& peer() const noexcept override { return peer_; }

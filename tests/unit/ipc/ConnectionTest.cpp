@@ -198,6 +198,32 @@ TEST_F(ConnectionTest, CarriesSixteenMebibytesAndRefusesMoreBeforeSending) {
     EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
 }
 
+TEST_F(ConnectionTest, LargeAndSmallRepliesInTurnsAreTheirOwnCallsFromManyThreads) {
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 4; ++caller) {
+        callers.emplace_back([this, caller] {
+            for (const std::size_t size : {10U, 300000U, 300001U, 70000U, 3U, 1U << 20, 20000U}) {
+                const std::string text(size + static_cast<std::size_t>(caller), 'x');
+                EXPECT_EQ(okv::send<&Desk::echo>(*root_, text), Value(text));
+            }
+        });
+    }
+    for (auto& caller : callers) caller.join();
+}
+
+TEST_F(ConnectionTest, WhatAReaderThrowsComesOutOfItsCallOnly) {
+    class Thrower final : public okv::ReplyReader {
+    public:
+        void read(std::string_view) override { throw std::range_error("not to my taste"); }
+    } thrower;
+    std::string frame;
+    okv::beginRequest(frame, okv::kRootObject, "echo:", "@");
+    okv::CborWriter(frame).text("x");
+    okv::finishRequest(frame);
+    EXPECT_THROW(connection_->callAndRead(frame, thrower), std::range_error);
+    EXPECT_EQ(okv::send<&Desk::echo>(*root_, "text"), Value("text"));
+}
+
 TEST_F(ConnectionTest, AnUnknownSelectorFailsThatCallOnly) {
     EXPECT_EQ(failureOf([&] { okv::send<&Stranger::unheardOf>(*root_); }),
               ConnectionError::Kind::notUnderstood);

@@ -161,6 +161,26 @@ TEST(FrameBuffer, GivesALargeFramesMemoryBackOnceItIsEmpty) {
     EXPECT_EQ(feed(buffer, frame(FrameKind::request, 1, "small"), 100).size(), 1U);
 }
 
+TEST(FrameBuffer, KeepsALargeFramesMemoryForLikeOnesWhereThatIsAskedFor) {
+    FrameBuffer buffer;
+    buffer.keepForLikeFrames();
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(feed(buffer, frame(FrameKind::reply, 1, textOf(1U << 20)), 1U << 21).size(), 1U);
+    EXPECT_GE(buffer.room().size(), 1U << 20);
+    EXPECT_EQ(feed(buffer, frame(FrameKind::reply, 1, "small"), 100).size(), 1U);
+    EXPECT_LE(buffer.room().size(), 4096U);
+}
+
+TEST(FrameBuffer, TellsWhatAFrameThatHasBegunStillLacks) {
+    FrameBuffer buffer;
+    EXPECT_EQ(buffer.missing(), 0U);
+    const auto whole = frame(FrameKind::reply, 1, textOf(100000));
+    feed(buffer, whole.substr(0, 3), 3);
+    EXPECT_EQ(buffer.missing(), 0U) << "its length has not come";
+    feed(buffer, whole.substr(3, 3000), 3000);
+    EXPECT_EQ(buffer.missing(), whole.size() - 3003);
+}
+
 TEST(FrameBuffer, SmallFramesInARowNeverNeedMoreThanTheSmallBuffer) {
     FrameBuffer buffer;
     std::string many;

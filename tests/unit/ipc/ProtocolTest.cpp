@@ -36,11 +36,14 @@ namespace {
 using Rows = Dispatcher<Counter>;
 
 /// Notes what was called, with which arguments.
+const Value kInPlace("in place");
+
 class NotingCounter final : public Counter {
 public:
     Value mix_of_with(const Value& text, std::int32_t number, bool flag) override {
         calls.push_back(text.as<std::string>() + " " + std::to_string(number) +
                         (flag ? " yes" : " no"));
+        if (text == kInPlace) okv::Invocation::current()->answerWith(kept);
         return okv::Array{text, number, flag};
     }
     std::int32_t count() override {
@@ -57,6 +60,7 @@ public:
         return true;
     }
 
+    const Value kept{"stays where it is"};
     std::vector<std::string> calls;
     std::uint64_t taken = 0;
 };
@@ -64,7 +68,9 @@ public:
 /// Keeps what would go to the peer.
 class Port final : public okv::MessagePort {
 public:
-    std::string call(std::string&) override { throw std::logic_error("not called here"); }
+    void callAndRead(std::string&, okv::ReplyReader&) override {
+        throw std::logic_error("not called here");
+    }
     void post(std::string frame) override { frames.push_back(std::move(frame)); }
     void sendAnswer(std::string frame) override { frames.push_back(std::move(frame)); }
     const okv::PeerIdentity& peer() const noexcept override { return peer_; }
@@ -202,6 +208,19 @@ TEST_F(ProtocolTest, AnObjectByReferenceArrivesAsARemoteObject) {
 TEST_F(ProtocolTest, AnExceptionOfAMethodAnswersAFailure) {
     EXPECT_EQ(failureTo("forget:", "@", [](okv::CborWriter& out) { out.value(okv::Null{}); }),
               "cannot forget nothing");
+}
+
+TEST_F(ProtocolTest, AMethodMayAnswerWithAValueThatStaysWhereItIs) {
+    const auto answerTo = [this](const Value& text) {
+        const auto reply = dispatched(payloadOf("mix:of:with:", "@ic", [&](okv::CborWriter& out) {
+            out.value(text);
+            out.integer(1);
+            out.boolean(false);
+        }));
+        return okv::CborReader(reply.payload).value();
+    };
+    EXPECT_EQ(answerTo(kInPlace), counter_.kept);
+    EXPECT_EQ(answerTo("another"), Value(okv::Array{"another", 1, false})) << "for one call only";
 }
 
 TEST_F(ProtocolTest, ARefusalStandsBehindTheResult) {

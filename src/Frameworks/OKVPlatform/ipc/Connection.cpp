@@ -61,6 +61,7 @@ bool Connection::start() {
         socket_.get(), EPOLLIN, [this](std::uint32_t) { serve(); }, this);
     if (source_ == 0) return false;
     armed_ = true;
+    bytes_.keepForLikeFrames();
     write(encodeHello(), std::nullopt);
     return true;
 }
@@ -121,10 +122,11 @@ struct Connection::Linked {
     PendingCall& pending;
 };
 
-std::string Connection::call(std::string& frame) {
+void Connection::callAndRead(std::string& frame, ReplyReader& reader) {
     const auto self =
         Ref<Connection>::retaining(this);  // an observer of the end may drop the last reference
     PendingCall pending;
+    pending.reader = &reader;
     const Linked linked(*this, pending, true);
     setFrameSerial(frame, pending.serial);
     const auto written = write(frame, deadlineAfter(requestTimeout_));
@@ -134,14 +136,18 @@ std::string Connection::call(std::string& frame) {
         throw ConnectionError(Kind::timedOut, "the peer took no request in the time that was set");
     }
     await(pending, deadlineAfter(replyTimeout_));
-    return settled(pending, written);
+    conclude(pending, written);
 }
 
-std::string Connection::settled(PendingCall& pending, Written written) {
+void Connection::conclude(PendingCall& pending, Written written) {
     if (ended_.load(std::memory_order_acquire)) postNoticeIfDue();
     switch (pending.state) {
+        case PendingCall::State::read:
+            return;
         case PendingCall::State::answered:
-            return std::move(pending.payload);
+            return pending.reader->read(pending.payload);
+        case PendingCall::State::unreadable:
+            std::rethrow_exception(pending.unreadable);
         case PendingCall::State::waiting:
             throw ConnectionError(Kind::timedOut, "no answer in the time that was set");
         case PendingCall::State::failed:
@@ -276,7 +282,7 @@ Ref<RemoteObject> Connection::rootProxy() {
         if (greeted_) pending.state = PendingCall::State::answered;
     }
     await(pending, deadlineAfter(replyTimeout_));
-    settled(pending, Written::nothing);
+    conclude(pending, Written::nothing);
     const Lock lock(mutex_);
     return hasRoot_ ? make<RemoteObject>(Ref<MessagePort>::retaining(this), kRootObject) : nullptr;
 }

@@ -64,7 +64,7 @@ public:
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
 
-    std::string call(std::string& frame) override;
+    void callAndRead(std::string& frame, ReplyReader& reader) override;
     void post(std::string frame) override;
     void sendAnswer(std::string frame) override;
     const PeerIdentity& peer() const noexcept override { return peer_; }
@@ -103,7 +103,7 @@ private:
     void unlink(PendingCall& pending);
     void forget(PendingCall& pending);
     [[noreturn]] void throwFailed(Written written);
-    std::string settled(PendingCall& pending, Written written);
+    void conclude(PendingCall& pending, Written written);
 
     // Reading; lock held on entry and exit
     void lead(PendingCall& pending);

@@ -3,6 +3,7 @@
 #include <OKVPlatform/ipc/Connection.h>
 
 #include <condition_variable>
+#include <exception>
 #include <string>
 
 // What the two halves of a connection share: calls (Connection.cpp) and reading
@@ -10,14 +11,19 @@
 namespace okv {
 
 struct Connection::PendingCall {
-    enum class State { waiting, answered, notUnderstood, failed };
+    enum class State { waiting, answered, read, unreadable, notUnderstood, failed };
 
     std::uint32_t serial = 0;  // 0 waits for the greeting
     bool onLoopThread = false;
     bool leads = false;
     bool isLinked = false;  // touched by the calling thread alone
     State state = State::waiting;
+    ReplyReader* reader = nullptr;
     std::string payload;
+    std::exception_ptr unreadable;
+
+    /// Takes the reply from where it was received; lock held, so that it stays there.
+    void readInPlace(std::string_view reply) noexcept;
     std::condition_variable turn;
 };
 

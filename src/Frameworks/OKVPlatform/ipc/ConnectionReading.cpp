@@ -18,6 +18,8 @@ using Kind = ConnectionError::Kind;
 // What a peer may ask of this process before its run loop serves it.
 constexpr std::size_t kQueuedRequests = 1024;
 constexpr std::size_t kQueuedBytes = 4U << 20;
+// A rest of a frame that is worth waiting for as a whole.
+constexpr std::size_t kSmallPiece = 16U << 10;
 constexpr char kNoMemory[] = "no memory for what the peer sends";
 
 }  // namespace
@@ -68,9 +70,12 @@ void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
         reading_ = false;
         return end(Kind::outcomeUnknown, kNoMemory, true);
     }
+    // All of a large frame's rest at once, instead of waking up for every piece of it.
+    const bool isWithin = wait && !deadline && bytes_.missing() >= kSmallPiece;
+    if (isWithin) room = room.first(std::min(room.size(), bytes_.missing()));
+    const int flags = isWithin ? MSG_WAITALL : wait ? 0 : MSG_DONTWAIT;
     const bool ready = !wait || !deadline || waitFor(socket_.get(), POLLIN, *deadline);
-    const auto count =
-        ready ? recv(socket_.get(), room.data(), room.size(), wait ? 0 : MSG_DONTWAIT) : 0;
+    const auto count = ready ? recv(socket_.get(), room.data(), room.size(), flags) : 0;
     const int error = errno;
     lock.lock();
     reading_ = false;
@@ -114,7 +119,7 @@ void Connection::takeHello(const Frame& frame) {
     greeted_ = true;
     for (auto* waiting : pending_) {
         if (waiting->serial != 0) continue;
-        waiting->state = PendingCall::State::answered;
+        waiting->state = PendingCall::State::read;
         waiting->turn.notify_one();
     }
 }
@@ -127,11 +132,25 @@ void Connection::settle(const Frame& frame) {
     });
     if (at == pending_.end() || frame.serial == 0) return;
     auto& settled = **at;
-    settled.payload = frame.payload;
-    settled.state = frame.kind == FrameKind::reply ? PendingCall::State::answered
-                                                   : PendingCall::State::notUnderstood;
+    if (frame.kind == FrameKind::reply && settled.leads) {
+        settled.readInPlace(frame.payload);
+    } else {  // others read their replies themselves, and do not hold the lock meanwhile
+        settled.payload = frame.payload;
+        settled.state = frame.kind == FrameKind::reply ? PendingCall::State::answered
+                                                       : PendingCall::State::notUnderstood;
+    }
     pending_.erase(at);
     settled.turn.notify_one();
+}
+
+void Connection::PendingCall::readInPlace(std::string_view reply) noexcept {
+    state = State::read;
+    try {
+        reader->read(reply);
+    } catch (...) {
+        unreadable = std::current_exception();
+        state = State::unreadable;
+    }
 }
 
 void Connection::queue(const Frame& frame) {

@@ -51,6 +51,11 @@ std::size_t FrameBuffer::wanted() const noexcept {
     return std::max(kSmallBuffer, kFrameHeaderSize + numberAt(&bytes_[begin_]));
 }
 
+std::size_t FrameBuffer::missing() const noexcept {
+    const auto held = end_ - begin_;
+    return held < kFrameHeaderSize ? 0 : wanted() - held;
+}
+
 void FrameBuffer::move(std::size_t capacity) {
     auto moved = std::make_unique_for_overwrite<char[]>(capacity);
     if (end_ != begin_) std::memcpy(moved.get(), &bytes_[begin_], end_ - begin_);
@@ -63,7 +68,8 @@ void FrameBuffer::move(std::size_t capacity) {
 void FrameBuffer::trim() noexcept {
     if (!empty()) return;
     begin_ = end_ = 0;
-    if (capacity_ > kKeptBuffer) bytes_.reset(), capacity_ = 0;
+    const auto kept = keepsForLike_ ? std::max(kKeptBuffer, 2 * lastFrame_) : kKeptBuffer;
+    if (capacity_ > kept) bytes_.reset(), capacity_ = 0;
 }
 
 std::span<char> FrameBuffer::room() {
@@ -93,7 +99,8 @@ std::optional<Frame> FrameBuffer::next() {
         throw FrameError("a frame of " + std::to_string(length) + " bytes, more than " +
                          std::to_string(maxPayload_));
     if (end_ - begin_ < kFrameHeaderSize + length) return std::nullopt;
-    begin_ += kFrameHeaderSize + length;
+    lastFrame_ = kFrameHeaderSize + length;
+    begin_ += lastFrame_;
     return Frame{
         static_cast<FrameKind>(kind), numberAt(header + 5), {header + kFrameHeaderSize, length}};
 }

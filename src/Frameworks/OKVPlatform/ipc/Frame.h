@@ -64,10 +64,15 @@ public:
     std::optional<Frame> next();
 
     bool empty() const noexcept { return begin_ == end_; }
+    /// Bytes that the frame which has begun still lacks; 0 while its length is not known.
+    std::size_t missing() const noexcept;
     /// Gives a large frame's memory back, once it has been taken. Invalidates frames handed out
     /// before.
     void trim() noexcept;
     void setMaxPayload(std::size_t bytes) noexcept { maxPayload_ = bytes; }
+    /// From now on a large frame's memory is kept until a small one comes: who is sent one is often
+    /// sent more.
+    void keepForLikeFrames() noexcept { keepsForLike_ = true; }
 
 private:
     std::size_t wanted() const noexcept;
@@ -78,6 +83,8 @@ private:
     std::size_t capacity_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
+    std::size_t lastFrame_ = 0;
+    bool keepsForLike_ = false;
 };
 
 }  // namespace okv

@@ -27,7 +27,19 @@ Exports& exports() {
     return *only;
 }
 
+class Copy final : public ReplyReader {
+public:
+    void read(std::string_view payload) override { bytes = payload; }
+    std::string bytes;
+};
+
 }  // namespace
+
+std::string MessagePort::call(std::string& frame) {
+    Copy copy;
+    callAndRead(frame, copy);
+    return std::move(copy.bytes);
+}
 
 IncomingRequest::IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload)
     : port_(std::move(port)), serial_(serial), payload_(std::move(payload)), arguments_(payload_) {

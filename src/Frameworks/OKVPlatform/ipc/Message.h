@@ -34,12 +34,26 @@ struct OKV_EXPORT Refusal {
 
 class IncomingRequest;
 
+/// Takes a reply's payload while it still lies where it was received, so that a large one is not
+/// copied first. The calling thread waits meanwhile, but need not be the one that reads. What it
+/// throws comes out of the call.
+class ReplyReader {
+public:
+    virtual void read(std::string_view payload) = 0;
+
+protected:
+    ~ReplyReader() = default;
+};
+
 /// One end of a conversation: what carries frames to the peer. Implemented by Connection (who
 /// calls) and by ServedConnection (who is called).
 class OKV_EXPORT MessagePort : public Object {
 public:
-    /// Sends a request frame and waits for its reply's payload. Throws ConnectionError.
-    virtual std::string call(std::string& frame) = 0;
+    /// Sends a request frame and waits until the reader has taken its reply. Throws
+    /// ConnectionError.
+    virtual void callAndRead(std::string& frame, ReplyReader& reader) = 0;
+    /// The same with the reply's payload as it is.
+    std::string call(std::string& frame);
     /// Sends a request frame without waiting for anything; its reply is dropped.
     virtual void post(std::string frame) = 0;
     /// Sends a frame that answers a request; safe from any thread; a dead peer's is dropped.
@@ -121,11 +135,17 @@ public:
         refusal_ = Refusal{kind, std::move(reason)};
     }
     const std::optional<Refusal>& refusal() const noexcept { return refusal_; }
+    /// Answers with a value that stays where it is, in place of the one that the method returns: a
+    /// large one need not be copied. It must stay unchanged until the method has returned.
+    void answerWith(const Value& result) noexcept { result_ = &result; }
+    /// Null where the method's own result counts.
+    const Value* result() const noexcept { return result_; }
 
 private:
     IncomingRequest& request_;
     Invocation* outer_;
     std::optional<Refusal> refusal_;
+    const Value* result_ = nullptr;
 };
 
 /// Who handles the requests to one object.

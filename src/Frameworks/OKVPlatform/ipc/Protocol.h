@@ -226,6 +226,32 @@ R readResult(CborReader& reader) {
     }
 }
 
+template <class Read>
+class ReplyTo final : public ReplyReader {
+public:
+    explicit ReplyTo(Read how) : how_(std::move(how)) {}
+    void read(std::string_view payload) override {
+        CborReader reader(payload);
+        how_(reader);
+    }
+
+private:
+    Read how_;
+};
+
+// Sends the message; its reply is given to `read`.
+template <auto Method, class Read, class... Arguments>
+void exchange(RemoteObject& remote, Read read, const Arguments&... arguments) {
+    auto& frame = scratchFrame();
+    encode<Method>(frame, remote, arguments...);
+    ReplyTo<Read> reply(std::move(read));
+    try {
+        remote.port().callAndRead(frame, reply);
+    } catch (const CborError& error) {
+        throwBadReply(selectorOf<Method>(), error);
+    }
+}
+
 }  // namespace detail
 
 /// A result together with why it is a zero value, where the peer said so.
@@ -241,14 +267,15 @@ struct Answer {
 template <auto Method, class... Arguments>
 typename detail::MethodTraits<Method>::Result send(RemoteObject& remote,
                                                    const Arguments&... arguments) {
-    auto& frame = detail::scratchFrame();
-    detail::encode<Method>(frame, remote, arguments...);
-    const auto payload = remote.port().call(frame);
-    try {
-        CborReader reader(payload);
-        return detail::readResult<typename detail::MethodTraits<Method>::Result>(reader);
-    } catch (const CborError& error) {
-        detail::throwBadReply(detail::selectorOf<Method>(), error);
+    using R = typename detail::MethodTraits<Method>::Result;
+    if constexpr (std::is_void_v<R>) {
+        detail::exchange<Method>(remote, detail::readResult<void>, arguments...);
+    } else {
+        R result{};
+        detail::exchange<Method>(
+            remote, [&](CborReader& reader) { result = detail::readResult<R>(reader); },
+            arguments...);
+        return result;
     }
 }
 
@@ -256,17 +283,16 @@ typename detail::MethodTraits<Method>::Result send(RemoteObject& remote,
 template <auto Method, class... Arguments>
 auto sendForAnswer(RemoteObject& remote, const Arguments&... arguments) {
     using R = typename detail::MethodTraits<Method>::Result;
-    auto& frame = detail::scratchFrame();
-    detail::encode<Method>(frame, remote, arguments...);
-    const auto payload = remote.port().call(frame);
-    try {
-        CborReader reader(payload);
-        using Held = std::conditional_t<std::is_void_v<R>, Value, R>;
-        auto value = detail::readResult<Held>(reader);
-        return Answer<Held>{std::move(value), readRefusal(reader)};
-    } catch (const CborError& error) {
-        detail::throwBadReply(detail::selectorOf<Method>(), error);
-    }
+    using Held = std::conditional_t<std::is_void_v<R>, Value, R>;
+    Answer<Held> answer;
+    detail::exchange<Method>(
+        remote,
+        [&](CborReader& reader) {
+            answer.value = detail::readResult<Held>(reader);
+            answer.refusal = readRefusal(reader);
+        },
+        arguments...);
+    return answer;
 }
 
 /// Sends the message and goes on at once; its result is dropped.
@@ -314,7 +340,7 @@ public:
             std::string frame;
             frame.reserve(kUsualReply);
             beginFrame(frame, FrameKind::reply);
-            entries[row].invoke(target, request, reader, frame);
+            entries[row].invoke(target, invocation, reader, frame);
             appendRefusal(frame, invocation.refusal());
             finishFrame(frame, 0, 0);
             return frame;
@@ -327,7 +353,7 @@ private:
     // Most replies are smaller: their frame is allocated once.
     static constexpr std::size_t kUsualReply = 128;
 
-    using Invoke = void (*)(P&, IncomingRequest&, CborReader&, std::string&);
+    using Invoke = void (*)(P&, Invocation&, CborReader&, std::string&);
     struct Entry {
         std::string_view selector;
         std::string_view types;
@@ -341,11 +367,11 @@ private:
     }
 
     template <auto Method, class... A>
-    static void invokeMethod(P& target, IncomingRequest& request, CborReader& reader,
+    static void invokeMethod(P& target, Invocation& invocation, CborReader& reader,
                              std::string& frame, const std::tuple<A...>*) {
         // Braces, because they read the arguments from left to right.
-        std::tuple<decltype(detail::CarriedAs<A>::read(reader, &request))...> held{
-            detail::CarriedAs<A>::read(reader, &request)...};
+        std::tuple<decltype(detail::CarriedAs<A>::read(reader, &invocation.request()))...> held{
+            detail::CarriedAs<A>::read(reader, &invocation.request())...};
         if (!reader.atEnd()) throw CborError("more arguments than the types tell", reader.offset());
         const auto call = [&](auto&... argument) {
             return (target.*Method)(detail::asArgument(argument)...);
@@ -356,14 +382,21 @@ private:
             std::apply(call, held);
             out.nil();
         } else {
-            detail::CarriedAs<R>::write(out, std::apply(call, held));
+            const R result = std::apply(call, held);
+            detail::CarriedAs<R>::write(out, resultOf(invocation, result));
         }
     }
+    static const Value& resultOf(const Invocation& invocation, const Value& returned) {
+        return invocation.result() != nullptr ? *invocation.result() : returned;
+    }
+    template <class R>
+    static const R& resultOf(const Invocation&, const R& returned) {
+        return returned;
+    }
     template <auto Method>
-    static void invoke(P& target, IncomingRequest& request, CborReader& reader,
-                       std::string& frame) {
+    static void invoke(P& target, Invocation& invocation, CborReader& reader, std::string& frame) {
         invokeMethod<Method>(
-            target, request, reader, frame,
+            target, invocation, reader, frame,
             static_cast<const typename detail::MethodTraits<Method>::Parameters*>(nullptr));
     }
     template <auto... Method>

@@ -24,7 +24,7 @@ public:
     std::size_t pendingRequests() const noexcept { return pending_; }
 
     /// Not offered: a server that waited for a client would let it stand still.
-    std::string call(std::string& frame) override;
+    void callAndRead(std::string& frame, ReplyReader& reader) override;
     void post(std::string frame) override;
     void sendAnswer(std::string frame) override;
     const PeerIdentity& peer() const noexcept override { return peer_; }
