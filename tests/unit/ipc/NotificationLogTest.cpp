@@ -11,9 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <csignal>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "support/NotificationTesting.h"
 
@@ -377,6 +379,51 @@ TEST_F(NotificationLog, SaysWhatStandsInTheWayOfPosting) {
     EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::refused);
     reader_.skipToEnd();
     EXPECT_FALSE(reader_.isAtPath());
+}
+
+TEST_F(NotificationLog, ALinkInTheLocksPlaceIsNotFollowed) {
+    const auto target = folder_.path() + "/target";
+    std::filesystem::create_symlink(target, folder_.lock());
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::failed);
+    EXPECT_FALSE(std::filesystem::exists(target));
+}
+
+TEST_F(NotificationLog, WhatLiesInANewLogsPlaceIsReplacedAndWhatItLeadsToLeftAlone) {
+    const auto target = folder_.path() + "/target", made = folder_.path() + "/notifications.new";
+    std::ofstream(target) << "kept";
+    const auto isKept = [&] {
+        return std::filesystem::file_size(target) == 4 &&
+               std::filesystem::hard_link_count(target) == 1;
+    };
+    std::filesystem::create_symlink(target, made);
+    writer_.post({"a", {}, {}});
+    EXPECT_TRUE(isKept());
+    std::filesystem::remove(folder_.log());
+    std::filesystem::create_hard_link(target, made);
+    writer_.post({"b", {}, {}});
+    EXPECT_TRUE(isKept());
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(made)));
+}
+
+TEST_F(NotificationLog, OfManyWhoMakeItsFilesAtOnceEachPosts) {
+    constexpr int posters = 4;
+    for (int round = 0; round < 50; ++round) {
+        folder_.remove();
+        folder_.make();
+        NotificationLogReader reader(folder_.path());
+        reader.skipToEnd();
+        std::barrier together(posters);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < posters; ++i) {
+            threads.emplace_back([&] {
+                NotificationLogWriter writer(folder_.path(), {});
+                together.arrive_and_wait();
+                EXPECT_NO_THROW(writer.post({"n", {}, {}}));
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        EXPECT_EQ(readAll(reader), " n n n n");
+    }
 }
 
 TEST_F(NotificationLog, APosterThatHoldsTheLockIsNotWaitedForForEver) {
