@@ -2,11 +2,11 @@
 // with larger limits has left more than this one takes.
 #include "Harness.h"
 
+using datacenter::Limits;
 using okv::Array;
 using okv::Dictionary;
 using okv::Null;
 using okv::Value;
-using datacenter::Limits;
 using Kind = okv::Refusal::Kind;
 
 namespace {
@@ -124,8 +124,8 @@ TEST_F(StoreLimits, BytesOfAProcessList) {
 }
 
 TEST_F(StoreLimits, AProcessListThatIsTooLargeCanBeMadeSmallerStepByStep) {
-    ASSERT_FALSE(refusesProcesses(
-        Dictionary{{"a", "12345678"}, {"b", "2"}, {"c", "3"}, {"d", "4"}}));
+    ASSERT_FALSE(
+        refusesProcesses(Dictionary{{"a", "12345678"}, {"b", "2"}, {"c", "3"}, {"d", "4"}}));
     Limits limits;
     limits.processes = 2;
     limits.processBytes = 8;

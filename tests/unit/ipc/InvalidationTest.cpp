@@ -17,8 +17,8 @@ thread_local std::function<void()> afterReceiving;
 
 #pragma GCC visibility push(default)
 extern "C" ssize_t recv(int fd, void* bytes, std::size_t count, int flags) {
-    static auto* const next = reinterpret_cast<ssize_t (*)(int, void*, std::size_t, int)>(
-        dlsym(RTLD_NEXT, "recv"));
+    static auto* const next =
+        reinterpret_cast<ssize_t (*)(int, void*, std::size_t, int)>(dlsym(RTLD_NEXT, "recv"));
     const auto received = next(fd, bytes, count, flags);
     if (received > 0 && afterReceiving) std::exchange(afterReceiving, nullptr)();
     return received;

@@ -33,7 +33,8 @@ protected:
             ASSERT_TRUE(serveUntil([&] {
                 left.remove_prefix(client_->send(left));
                 return root_.handled > handled;
-            }));
+            })) << left.size()
+                << " bytes not taken, " << queued() << " wait";
         }
     }
     /// Reads until no more than so much waits in this process.
@@ -42,7 +43,8 @@ protected:
             if (queued() > atMost) client_->drop(16 * kKibibyte);
             RunLoop::current()->dispatch();
             return queued() <= atMost;
-        }));
+        })) << queued()
+            << " bytes wait";
     }
     std::size_t queued() const { return publication_->use().queuedOutput; }
     std::size_t taken() const {
@@ -51,7 +53,7 @@ protected:
     }
     void connect() {
         client_.emplace(greeted());
-        ask(1, 1);
+        ASSERT_NO_FATAL_FAILURE(ask(1, 1));
         before_ = allocatedBytes();
     }
 
@@ -62,29 +64,29 @@ protected:
 }  // namespace
 
 TEST_F(OutputMemory, IsGivenBackOnceTheClientHasReadAll) {
-    connect();
-    ask(8, 500 * kKibibyte);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(ask(8, 500 * kKibibyte));
     ASSERT_GT(queued(), 2 * kMebibyte);
     EXPECT_GT(taken(), queued());
-    readUntilQueueIs(0);
+    ASSERT_NO_FATAL_FAILURE(readUntilQueueIs(0));
     EXPECT_LT(taken(), kSlack);
 }
 
 TEST_F(OutputMemory, IsGivenBackToAFewTimesWhatIsLeftThoughSomeStaysUnread) {
-    connect();
-    ask(8, 500 * kKibibyte);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(ask(8, 500 * kKibibyte));
     ASSERT_GT(taken(), 2 * kMebibyte);
-    readUntilQueueIs(300 * kKibibyte);
+    ASSERT_NO_FATAL_FAILURE(readUntilQueueIs(300 * kKibibyte));
     ASSERT_GT(queued(), 0U) << "nothing is left unread";
     EXPECT_LT(taken(), 8 * queued() + kSlack);
 }
 
 TEST_F(OutputMemory, DoesNotGrowWithAllThatAClientWasEverSentThoughItAlwaysLeavesSomeUnread) {
-    connect();
-    ask(2, 500 * kKibibyte);
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(ask(2, 500 * kKibibyte));
     for (int round = 0; round < 40; ++round) {
-        ask(1, 500 * kKibibyte);
-        readUntilQueueIs(600 * kKibibyte);
+        ASSERT_NO_FATAL_FAILURE(ask(1, 500 * kKibibyte));
+        ASSERT_NO_FATAL_FAILURE(readUntilQueueIs(600 * kKibibyte));
         ASSERT_GT(queued(), 0U) << "nothing is left unread";
         ASSERT_LT(taken(), 6 * kMebibyte) << "after " << round << " rounds";
     }
