@@ -86,12 +86,13 @@ bool AdminChangingSide::setProcesses(ProcessList list, const Value& processes) {
         if (dictionary == nullptr)
             return ledger_.refuse(Kind::invalid,
                                   "processes are a dictionary of name to identifier");
+        const auto before = ledger_.store().processUsage(list);
         std::vector<step::Process> steps;
         for (const auto& [name, identifier] : *dictionary) {
             if (!setProcess(list, name, identifier, steps)) return false;
         }
         tellProcesses(list, std::move(steps));
-        return ledger_.checkProcesses(list);
+        return ledger_.checkProcesses(list, before);
     });
 }
 
@@ -112,10 +113,10 @@ bool AdminChangingSide::setCurrentUserIdPT_osUid(const Value& user, std::int32_t
         const auto id = userIdOf(user).value_or(kNoUser);
         if (!isAccount(osUid)) return ledger_.refuse(Kind::invalid, "no account has this number");
         if (!ledger_.checkUser(id)) return false;
+        const auto before = ledger_.store().accountCount();
         ledger_.carryOut(step::Switch{osUid, id});
         ledger_.tellSwitch(osUid, id);
-        return ledger_.store().accountCount() <= ledger_.limits().accounts ||
-               ledger_.refuse(Kind::tooLarge, "too many accounts");
+        return ledger_.checkAccounts(before);
     });
 }
 

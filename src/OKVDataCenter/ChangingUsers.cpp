@@ -23,6 +23,10 @@ bool ChangingSide::setCurrentUserIdPT(const Value& user) {
     });
 }
 
+// To any user there is, with self-service too: several users share an account, and one of them sits
+// down at it. It says who sits there and gives nothing beyond: what an account may change follows
+// from the user that the administrator assigned to it, everybody may read every value, and a locked
+// key has the same one for all users.
 bool ChangingSide::setCurrentUserIdForOSPT(const Value& user) {
     return ledger_.change([&] {
         const auto id = userIdOf(user).value_or(kNoUser);
@@ -30,9 +34,10 @@ bool ChangingSide::setCurrentUserIdForOSPT(const Value& user) {
         if (who == nullptr || !isAccount(who->uid))
             return ledger_.refuse(Kind::notAllowed, "the caller is no account");
         if (!ledger_.checkUser(id)) return false;
+        const auto before = ledger_.store().accountCount();
         ledger_.carryOut(step::Switch{who->uid, id});
         ledger_.tellSwitch(who->uid, id);
-        return true;
+        return ledger_.checkAccounts(before);
     });
 }
 
@@ -45,10 +50,10 @@ bool ChangingSide::assign(std::int32_t osUid, std::int32_t appUid) {
             return ledger_.refuse(Kind::tooLarge, "too many users");
         ledger_.carryOut(step::AddUser{appUid});
     }
+    const auto before = store.accountCount();
     ledger_.carryOut(step::Assign{osUid, appUid});
     ledger_.tellSwitch(osUid, appUid);
-    return store.accountCount() <= ledger_.limits().accounts ||
-           ledger_.refuse(Kind::tooLarge, "too many accounts");
+    return ledger_.checkAccounts(before);
 }
 
 void ChangingSide::setUseridPT_applyUid(std::int32_t osUid, std::int32_t appUid) {

@@ -160,7 +160,7 @@ bool Import::processes(const Value& part) {
     const auto taken = each(part, [&](const Value& name, const Value& identifier) {
         return process(list, name, identifier);
     });
-    return taken && ledger_.checkProcesses(list);
+    return taken && ledger_.checkProcesses(list, {});
 }
 
 bool Import::process(ProcessList list, const Value& name, const Value& identifier) {

@@ -114,10 +114,18 @@ bool Ledger::checkRoom(Scope scope, const Usage& before) {
     return true;
 }
 
-bool Ledger::checkProcesses(ProcessList list) {
-    const auto held = store_.processUsage(list);
-    if (held.keys <= limits().processes && held.bytes <= limits().processBytes) return true;
-    return refuse(Kind::tooLarge, "too many processes");
+// A list that a server with other limits left too large can be made smaller step by step.
+bool Ledger::checkProcesses(ProcessList list, const Usage& before) {
+    const auto after = store_.processUsage(list);
+    const bool fits = (after.keys <= limits().processes || after.keys <= before.keys) &&
+                      (after.bytes <= limits().processBytes || after.bytes <= before.bytes);
+    return fits || refuse(Kind::tooLarge, "too many processes");
+}
+
+bool Ledger::checkAccounts(std::int64_t before) {
+    const auto after = store_.accountCount();
+    return after <= limits().accounts || after <= before ||
+           refuse(Kind::tooLarge, "too many accounts");
 }
 
 void Ledger::tellKey(const std::string& key) {

@@ -6,19 +6,18 @@ namespace datacenter {
 
 namespace {
 
-using Steady = std::chrono::steady_clock;
-
 // Another poster that was stopped while it held the log must not hold the changes up for long.
 constexpr std::chrono::milliseconds kLockWait{200};
-constexpr std::chrono::seconds kQuietAfterFailure{2};
 
 }  // namespace
 
-SystemPoster::SystemPoster(LogLine log)
-    : log_(std::move(log)), center_(okv::runtimeDirectory(), {.lockWait = kLockWait}) {}
+SystemPoster::SystemPoster(LogLine log, std::function<Clock::time_point()> now)
+    : log_(std::move(log)),
+      now_(std::move(now)),
+      center_(okv::runtimeDirectory(), {.lockWait = kLockWait}) {}
 
 void SystemPoster::post(std::string_view name, const okv::Dictionary& userInfo) {
-    if (Steady::now() < quietUntil_) {
+    if (now_() < quietUntil_) {
         dropped_ = true;
         return;
     }
@@ -26,7 +25,7 @@ void SystemPoster::post(std::string_view name, const okv::Dictionary& userInfo) 
         tryPost(name, userInfo);
     } catch (const std::exception& error) {
         log_(std::string("a notice could not be posted: ") + error.what());
-        quietUntil_ = Steady::now() + kQuietAfterFailure;
+        quietUntil_ = now_() + kQuietAfterFailure;
         dropped_ = true;
     }
 }

@@ -6,6 +6,7 @@
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 
 #include <chrono>
+#include <functional>
 
 namespace datacenter {
 
@@ -14,7 +15,12 @@ namespace datacenter {
 /// carries no keys: it stands for those that were dropped, too.
 class SystemPoster final : public NoticePoster {
 public:
-    explicit SystemPoster(LogLine log);
+    using Clock = std::chrono::steady_clock;
+
+    /// After a failure nothing is tried for so long: changes must not wait for each notice.
+    static constexpr std::chrono::seconds kQuietAfterFailure{2};
+
+    explicit SystemPoster(LogLine log, std::function<Clock::time_point()> now = Clock::now);
 
     void post(std::string_view name, const okv::Dictionary& userInfo) override;
 
@@ -22,9 +28,9 @@ private:
     void tryPost(std::string_view name, const okv::Dictionary& userInfo);
 
     const LogLine log_;
+    const std::function<Clock::time_point()> now_;
     okv::DistributedNotificationCenter center_;
-    std::chrono::steady_clock::time_point
-        quietUntil_;  // after a failure: changes must not wait for each notice
+    Clock::time_point quietUntil_ = Clock::time_point::min();
     bool dropped_ = false;
 };
 

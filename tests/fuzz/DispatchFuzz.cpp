@@ -93,7 +93,7 @@ class Port final : public okv::MessagePort {
 public:
     explicit Port(okv::PeerIdentity peer) : peer_(std::move(peer)) {}
 
-    std::string call(std::string&) override { std::abort(); }
+    void callAndRead(std::string&, okv::ReplyReader&) override { std::abort(); }
     void post(std::string) override {}
     void sendAnswer(std::string frame) override { answers.push_back(std::move(frame)); }
     const okv::PeerIdentity& peer() const noexcept override { return peer_; }

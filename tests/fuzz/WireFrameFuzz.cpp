@@ -48,7 +48,7 @@ public:
 /// Answers nobody.
 class NoPort final : public okv::MessagePort {
 public:
-    std::string call(std::string&) override { std::abort(); }
+    void callAndRead(std::string&, okv::ReplyReader&) override { std::abort(); }
     void post(std::string) override {}
     void sendAnswer(std::string) override {}
     const okv::PeerIdentity& peer() const noexcept override { return peer_; }

@@ -88,6 +88,11 @@ void Harness::restart() {
     start();
 }
 
+void Harness::restart(const datacenter::Limits& limits) {
+    options_.limits = limits;
+    restart();
+}
+
 std::string Harness::awaitAnswer(RecordingPort& port, std::size_t count) {
     const auto loop = okv::RunLoop::current();
     while (port.answers.size() < count) {

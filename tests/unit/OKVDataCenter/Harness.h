@@ -108,6 +108,7 @@ public:
 
     /// Ends the server as a signal does, and starts one on the same store.
     void restart();
+    void restart(const datacenter::Limits& limits);
     void stop();
     void start();
 
@@ -141,7 +142,7 @@ public:
 
 private:
     const okv::Ref<okv::RunLoop> loop_ = okv::RunLoop::current();
-    const Options options_;
+    Options options_;
     TemporaryFolder folder_;
 };
 

@@ -95,6 +95,32 @@ TEST(Server, WithSelfServiceAnAccountChangesWhatIsItsOwnUsersAlone) {
     expectRefused(harness.askAs<&Data::setCurrentUserIdPT>(who, 2), Kind::notAllowed, "for all");
 }
 
+TEST(Server, WithSelfServiceASwitchReachesAnyUserAndGivesNoRight) {
+    Harness harness(withSelfService());
+    giveUsers(harness);
+    harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"locked", "everybody's"}});
+    harness.ask<&Data::setOKVDataPT_value_appUid>("locked", "user 3's", 3);
+    harness.ask<&Admin::lockOKVDataPT>(Array{"locked"});
+    const auto who = account(kUser);
+    EXPECT_TRUE(harness.askAs<&Data::setCurrentUserIdForOSPT>(who, 3).value);
+    EXPECT_EQ((harness.askAs<&Data::okvDataPT_appUid>(who, "locked", 3).value),
+              Value("everybody's"));
+    expectRefused(harness.askAs<&Data::setOKVDataPT_value_appUid>(who, "k", 1, 3), Kind::notAllowed,
+                  "the user it sits down as");
+    expectRefused(harness.askAs<&Data::setOkvHammerListPT_value>(who, 3, Array{}), Kind::notAllowed,
+                  "the list of the user it sits down as");
+    EXPECT_TRUE((harness.askAs<&Data::setOKVDataPT_value_osUid>(who, "k", "mine",
+                                                                static_cast<std::int32_t>(kUser)))
+                    .value);
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 2)), Value("mine")) << "still its own";
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(static_cast<std::int32_t>(kUser)), 2);
+    EXPECT_EQ(harness.askAs<&Data::currentUserIdPT>(account(1001)).value, 3) << "another account";
+    EXPECT_EQ(harness.ask<&Data::currentUserIdPT>(), 1) << "the global one";
+    expectRefused(harness.askAs<&Data::setCurrentUserIdForOSPT>(who, 99), Kind::invalid,
+                  "an unknown user");
+    EXPECT_EQ(harness.askAs<&Data::currentUserIdPT>(who).value, 3);
+}
+
 TEST(Server, WithSelfServiceAnAccountWithoutAUserAndNobodyChangeNothing) {
     Harness harness(withSelfService());
     giveUsers(harness);

@@ -2,6 +2,8 @@
 #include "View.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <set>
@@ -185,6 +187,74 @@ TEST(Store, AnOlderCopyThatWasPutBackIsAnotherEpoch) {
     const auto restored = Store(folder.file("s"), Limits()).epoch();
     EXPECT_NE(restored, epoch);
     EXPECT_EQ(Store(folder.file("s"), Limits()).epoch(), restored);
+}
+
+namespace {
+
+void recordChange(Store& store) {
+    datacenter::Change change;
+    store.begin();
+    store.record(change);
+    store.commit();
+}
+
+// As it stands beside a store of that epoch and revision.
+std::string markOf(const std::string& epoch, std::int64_t revision) {
+    return epoch + " " + std::to_string(revision) + "\n";
+}
+
+}  // namespace
+
+TEST(Store, EveryCommitIsMarkedBesideItAndNothingElseIs) {
+    const TemporaryFolder folder;
+    Store store(folder.file("s"), Limits());
+    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), 0));
+    for (std::int64_t revision = 1; revision <= 12; ++revision) {
+        datacenter::Change change;
+        store.begin();
+        store.record(change);
+        EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), revision - 1))
+            << "before the commit";
+        store.commit();
+        EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), revision));
+    }
+    datacenter::Change change;
+    store.begin();
+    store.record(change);
+    store.rollback();
+    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), 12)) << "taken back";
+}
+
+TEST(Store, AMarkThatBecomesShorterIsWrittenWhole) {
+    const TemporaryFolder folder;
+    makeStore(folder.file("s"));
+    const auto backup = bytesOf(folder.file("s"));
+    {
+        Store store(folder.file("s"), Limits());
+        for (int i = 0; i < 12; ++i) recordChange(store);
+    }
+    write(folder.file("s"), backup);
+    Store restored(folder.file("s"), Limits());
+    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(restored.epoch(), restored.revision()));
+}
+
+TEST(Store, AnOlderCopyThatIsPutBackAfterACrashIsAnotherEpoch) {
+    const TemporaryFolder folder;
+    makeStore(folder.file("s"));
+    const auto backup = bytesOf(folder.file("s"));
+    const auto epoch = Store(folder.file("s"), Limits()).epoch();
+    const pid_t child = fork();
+    if (child == 0) {
+        Store store(folder.file("s"), Limits());
+        recordChange(store);
+        _exit(0);  // the store is not closed
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+    for (const char* beside : {"s-wal", "s-shm"}) std::filesystem::remove(folder.file(beside));
+    write(folder.file("s"), backup);
+    EXPECT_NE(Store(folder.file("s"), Limits()).epoch(), epoch);
 }
 
 TEST(Store, CountsWhatAScopeHoldsWhateverWayItComesAndGoes) {

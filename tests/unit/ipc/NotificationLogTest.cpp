@@ -4,6 +4,7 @@
 #include <OKVPlatform/ipc/PeerIdentity.h>
 #include <OKVPlatform/values/Cbor.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -12,8 +13,11 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdarg>
 #include <fstream>
+#include <functional>
 #include <sstream>
+#include <utility>
 
 #include "support/NotificationTesting.h"
 
@@ -24,6 +28,27 @@ using okv::NotificationLogReader;
 using okv::NotificationLogWriter;
 using okv::Value;
 using State = okv::NotificationLogRecord::State;
+
+namespace {
+
+/// Called once, before this process makes a file that must not be there yet. It must open nothing
+/// of the kind itself: who does waits for the one that is being opened.
+std::function<void()> beforeMaking;
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+    static auto* const next =
+        reinterpret_cast<int (*)(int, const char*, int, ...)>(dlsym(RTLD_NEXT, "openat"));
+    va_list more;
+    va_start(more, flags);
+    const auto mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+    va_end(more);
+    if ((flags & O_EXCL) != 0 && beforeMaking) std::exchange(beforeMaking, nullptr)();
+    return next(folder, path, flags, mode);
+}
+#pragma GCC visibility pop
 
 namespace {
 
@@ -377,6 +402,39 @@ TEST_F(NotificationLog, SaysWhatStandsInTheWayOfPosting) {
     EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::refused);
     reader_.skipToEnd();
     EXPECT_FALSE(reader_.isAtPath());
+}
+
+TEST_F(NotificationLog, ALinkInTheLocksPlaceIsNotFollowed) {
+    const auto target = folder_.path() + "/target";
+    std::filesystem::create_symlink(target, folder_.lock());
+    EXPECT_EQ(kindOfFailure(writer_, {"n", {}, {}}), NotificationError::Kind::failed);
+    EXPECT_FALSE(std::filesystem::exists(target));
+}
+
+TEST_F(NotificationLog, WhatLiesInANewLogsPlaceIsReplacedAndWhatItLeadsToLeftAlone) {
+    const auto target = folder_.path() + "/target", made = folder_.path() + "/notifications.new";
+    std::ofstream(target) << "kept";
+    const auto isKept = [&] {
+        return std::filesystem::file_size(target) == 4 &&
+               std::filesystem::hard_link_count(target) == 1;
+    };
+    std::filesystem::create_symlink(target, made);
+    writer_.post({"a", {}, {}});
+    EXPECT_TRUE(isKept());
+    std::filesystem::remove(folder_.log());
+    std::filesystem::create_hard_link(target, made);
+    writer_.post({"b", {}, {}});
+    EXPECT_TRUE(isKept());
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(made)));
+}
+
+TEST_F(NotificationLog, ALockThatAnotherPosterMakesJustNowIsTakenAsItIs) {
+    reader_.skipToEnd();
+    beforeMaking = [&] { std::ofstream(folder_.lock()) << "another's"; };
+    writer_.post({"a", {}, {}});
+    EXPECT_FALSE(beforeMaking) << "nothing was made";
+    EXPECT_EQ(std::filesystem::file_size(folder_.lock()), 9U);
+    EXPECT_EQ(readAll(reader_), " a");
 }
 
 TEST_F(NotificationLog, APosterThatHoldsTheLockIsNotWaitedForForEver) {

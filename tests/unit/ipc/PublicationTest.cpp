@@ -189,6 +189,64 @@ TEST_F(PublicationTest, ClosingEveryConnectionLeavesTheNamePublished) {
     EXPECT_TRUE(isServed(again));
 }
 
+namespace {
+
+/// Ends its publication at the first request that it is given.
+struct Ender {
+    static void handle(void* target, okv::IncomingRequest&) {
+        auto& self = *static_cast<Ender*>(target);
+        ++self.handled;
+        self.publication->invalidate();
+    }
+    okv::Ref<Publication> publication;
+    int handled = 0;
+};
+
+std::string requests(std::uint32_t count) {
+    std::string all;
+    for (std::uint32_t i = 1; i <= count; ++i) all += RawClient::request(i, "echo", i);
+    return all;
+}
+
+}  // namespace
+
+TEST_F(PublicationTest, RequestsBehindTheOneThatInvalidatesItAreNotServed) {
+    for (const std::uint32_t count : {2U, 80U}) {
+        Ender ender;
+        std::string why;
+        ender.publication = Publication::publish(kName, {&Ender::handle, &ender, nullptr}, {}, why);
+        ASSERT_TRUE(ender.publication) << why;
+        auto client = greeted();
+        client.send(requests(count));
+        ASSERT_TRUE(serveUntil([&] { return ender.handled > 0; }));
+        serveForAWhile();
+        EXPECT_EQ(ender.handled, 1);
+        EXPECT_EQ(ender.publication->connectionCount(), 0U);
+    }
+}
+
+TEST_F(PublicationTest, RequestsThatWereReadAndWaitForTheirTurnAreNotServedOnceItIsInvalidated) {
+    publish();
+    auto client = greeted();
+    client.send(requests(80));
+    for (int turn = 0; turn < 100 && root_.handled == 0; ++turn) RunLoop::current()->dispatch();
+    const auto handled = root_.handled;
+    ASSERT_GT(handled, 0);
+    ASSERT_LT(handled, 80) << "a turn takes some of them";
+    publication_->invalidate();
+    serveForAWhile();
+    EXPECT_EQ(root_.handled, handled);
+}
+
+TEST_F(PublicationTest, RequestsThatHaveComeUnreadAreNotServedOnceItIsInvalidated) {
+    publish();
+    auto client = greeted();
+    client.send(requests(3));
+    publication_->invalidate();
+    serveForAWhile();
+    EXPECT_EQ(root_.handled, 0);
+}
+
 TEST_F(PublicationTest, InAForkedChildItIsNothing) {
     publish();
     auto client = greeted();

@@ -52,6 +52,12 @@ public:
             if (!readSome()) return std::nullopt;
         }
     }
+    /// Takes up to so many bytes, whatever they are, and forgets them; `next` is of no use then.
+    void drop(std::size_t atMost) {
+        char bytes[16384];
+        const auto count = recv(socket_.get(), bytes, std::min(atMost, sizeof bytes), MSG_DONTWAIT);
+        if (count == 0) closed_ = true;
+    }
     /// Whether `next` has met the end.
     bool isClosed() const { return closed_; }
 

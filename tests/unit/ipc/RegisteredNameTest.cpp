@@ -350,3 +350,19 @@ TEST_F(RegisteredNameAsRoot, AServerOfTheOverflowAccountIsTrustedByNobody) {
     EXPECT_FALSE(isReachableFor(kAccount));
     EXPECT_FALSE(isReachableFor(okv::kOverflowUid)) << "not even by the same number";
 }
+
+TEST_F(RegisteredNameAsRoot, ALockFileOfAnotherAccountIsLeftAloneAndItsOwnerTold) {
+    publish();  // and withdrawn again; the lock file stays, and is root's
+    ASSERT_EQ(chown(folder_.path().c_str(), kAccount, 0), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setresuid(kAccount, kAccount, kAccount) != 0) _exit(2);
+        _exit(!publish() && mentions("Permission denied (it belongs to uid 0)") ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(fs::exists(lockPath()));
+    giveFolderTo(kAccount);
+    EXPECT_TRUE(PublisherProcess(kAccount).hasPublished()) << "without it";
+}

@@ -23,10 +23,12 @@ constexpr std::size_t kEventsAtOnce = 4096;  // bytes
 // Through a descriptor of the folder, so that what is watched and what is remembered are one.
 bool FolderWatch::open() {
     close();
-    const PrivateDescriptor folder(::open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto folder = PrivateDescriptor::opened(
+        [&] { return ::open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     struct stat status {};
     if (!folder.isValid() || fstat(folder.get(), &status) != 0) return false;
-    PrivateDescriptor inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    auto inotify =
+        PrivateDescriptor::opened([] { return inotify_init1(IN_NONBLOCK | IN_CLOEXEC); });
     const auto path = "/proc/self/fd/" + std::to_string(folder.get());
     if (!inotify.isValid() || inotify_add_watch(inotify.get(), path.c_str(), kWatched) < 0)
         return false;

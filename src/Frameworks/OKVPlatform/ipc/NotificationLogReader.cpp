@@ -48,7 +48,7 @@ void NotificationLogReader::lookAtPath() {
 std::shared_ptr<const NotificationLogReader::File> NotificationLogReader::openLog() const {
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     const auto path = folder_ + "/" + kNotificationLogFile;
-    PrivateDescriptor descriptor(open(path.c_str(), flags));
+    auto descriptor = PrivateDescriptor::opened([&] { return open(path.c_str(), flags); });
     struct stat status {};
     if (!descriptor.isValid() || fstat(descriptor.get(), &status) != 0) return nullptr;
     if (!S_ISREG(status.st_mode) || !isTrustedOwner(status.st_uid)) return nullptr;

@@ -21,6 +21,14 @@ constexpr char kTemporaryFile[] = "notifications.new";
 constexpr mode_t kLogMode = 0644;
 constexpr mode_t kLockMode = 0600;
 constexpr std::chrono::microseconds kLockRetry{200};
+// A file of this folder that already is there, whoever made it.
+constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+// And one that nobody made: what lies in its place is neither followed nor written to.
+constexpr int kMakeFlags = kOpenFlags | O_APPEND | O_CREAT | O_EXCL;
+
+PrivateDescriptor openedIn(int folder, const char* name, int flags, mode_t mode = 0) {
+    return PrivateDescriptor::opened([=] { return openat(folder, name, flags, mode); });
+}
 
 NotificationLogHeader newLog() {
     NotificationLogHeader header{0, 1};
@@ -75,11 +83,12 @@ PrivateDescriptor NotificationLogWriter::openFolder() const {
     throw NotificationError(missing ? Kind::failed : Kind::refused, why);
 }
 
-// What root makes belongs to the folder's owner, who could not post otherwise.
+// Makes a file that is not there; answers none where it is. What root makes belongs to the folder's
+// owner, who could not post otherwise.
 PrivateDescriptor NotificationLogWriter::createFile(int folder, const char* name,
                                                     mode_t mode) const {
-    constexpr int flags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    PrivateDescriptor file(openat(folder, name, flags, mode));
+    auto file = openedIn(folder, name, kMakeFlags, mode);
+    if (!file.isValid() && errno == EEXIST) return file;
     struct stat owner {};
     if (!file.isValid() || fchmod(file.get(), mode) != 0 || fstat(folder, &owner) != 0 ||
         (geteuid() == 0 && fchown(file.get(), owner.st_uid, owner.st_gid) != 0))
@@ -88,11 +97,14 @@ PrivateDescriptor NotificationLogWriter::createFile(int folder, const char* name
 }
 
 PrivateDescriptor NotificationLogWriter::openLock(int folder) const {
-    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    PrivateDescriptor lock(openat(folder, kNotificationLockFile, flags));
-    if (lock.isValid()) return lock;
-    if (errno != ENOENT) fail(path(kNotificationLockFile));
-    return createFile(folder, kNotificationLockFile, kLockMode);
+    auto lock = openedIn(folder, kNotificationLockFile, kOpenFlags);
+    if (!lock.isValid() && errno == ENOENT)
+        lock = createFile(folder, kNotificationLockFile, kLockMode);
+    // Another poster may just have made it.
+    if (!lock.isValid() && errno == EEXIST)
+        lock = openedIn(folder, kNotificationLockFile, kOpenFlags);
+    if (!lock.isValid()) fail(path(kNotificationLockFile));
+    return lock;
 }
 
 PrivateDescriptor NotificationLogWriter::takeLock(int folder) const {
@@ -132,8 +144,7 @@ void NotificationLogWriter::openLog(int folder) {
         if (catchUp(static_cast<std::uint64_t>(status.st_size))) return;
         return startLog(folder, newLog());
     }
-    constexpr int flags = O_RDWR | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    log_ = PrivateDescriptor(openat(folder, kNotificationLogFile, flags));
+    log_ = openedIn(folder, kNotificationLogFile, kOpenFlags | O_APPEND);
     if (!log_.isValid() && errno == ENOENT) return startLog(folder, newLog());
     if (!log_.isValid() || fstat(log_.get(), &status) != 0) fail(path(kNotificationLogFile));
     checkLog(status);
@@ -179,6 +190,7 @@ bool NotificationLogWriter::walk(std::uint64_t size) {
 void NotificationLogWriter::startLog(int folder, const NotificationLogHeader& header) {
     unlinkat(folder, kTemporaryFile, 0);
     auto log = createFile(folder, kTemporaryFile, kLogMode);
+    if (!log.isValid()) fail(path(kTemporaryFile));
     struct stat status {};
     if (!writeAll(log.get(), encodeLogHeader(header)) || fstat(log.get(), &status) != 0 ||
         renameat(folder, kTemporaryFile, folder, kNotificationLogFile) != 0) {

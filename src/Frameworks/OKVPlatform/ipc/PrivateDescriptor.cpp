@@ -16,10 +16,21 @@ namespace {
 
 std::atomic<std::uint32_t> generation{0};
 
-// What a child must close. Its mutex is held across fork, so that the child finds a whole list.
+// What a child must close. Both mutexes are held across fork, in their order here, so that the
+// child finds a whole list: with what is being opened just then, too.
 struct Registry {
+    std::mutex opening;
     std::mutex mutex;
     std::vector<int> open;
+
+    void lock() {
+        opening.lock();
+        mutex.lock();
+    }
+    void unlock() {
+        mutex.unlock();
+        opening.unlock();
+    }
 
     void closeInChild() {
         for (const int fd : open) ::close(fd);
@@ -32,10 +43,10 @@ struct Registry {
 Registry& registry() {
     static auto* const only = [] {
         auto* made = new Registry;
-        pthread_atfork([] { registry().mutex.lock(); }, [] { registry().mutex.unlock(); },
+        pthread_atfork([] { registry().lock(); }, [] { registry().unlock(); },
                        [] {
                            registry().closeInChild();
-                           registry().mutex.unlock();
+                           registry().unlock();
                        });
         return made;
     }();
@@ -43,6 +54,14 @@ Registry& registry() {
 }
 
 }  // namespace
+
+PrivateDescriptor::Opening::Opening() {
+    registry().opening.lock();
+}
+
+PrivateDescriptor::Opening::~Opening() {
+    registry().opening.unlock();
+}
 
 PrivateDescriptor::PrivateDescriptor(int fd) : fd_(fd) {
     if (fd < 0) return;

@@ -12,8 +12,16 @@ namespace okv {
 class OKV_EXPORT PrivateDescriptor {
 public:
     PrivateDescriptor() noexcept = default;
-    /// Takes ownership; -1 is "none".
+    /// Takes ownership; -1 is "none". A fork in another thread between the call that made the
+    /// descriptor and this one leaves it open in the child: `opened` keeps that from happening.
     explicit PrivateDescriptor(int fd);
+    /// Takes ownership of what `open` answers, as `open` left errno; forks of other threads wait
+    /// meanwhile, and so do others that open, so that `open` must not wait for anything itself.
+    template <class Open>
+    static PrivateDescriptor opened(Open open) {
+        const Opening forksWait;
+        return PrivateDescriptor(open());
+    }
     PrivateDescriptor(PrivateDescriptor&& other) noexcept;
     PrivateDescriptor& operator=(PrivateDescriptor&& other) noexcept;
     ~PrivateDescriptor() { close(); }
@@ -27,6 +35,15 @@ public:
     static std::uint32_t forkGeneration() noexcept;
 
 private:
+    /// Keeps forks of other threads waiting as long as it lives.
+    class OKV_EXPORT Opening {
+    public:
+        Opening();
+        ~Opening();
+        Opening(const Opening&) = delete;
+        Opening& operator=(const Opening&) = delete;
+    };
+
     int fd_ = -1;
     std::uint32_t generation_ = 0;
 };

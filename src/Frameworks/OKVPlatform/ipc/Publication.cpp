@@ -62,7 +62,8 @@ void Publication::acceptAll() {
 }
 
 bool Publication::acceptOne() {
-    PrivateDescriptor socket(accept4(name_->listener(), nullptr, nullptr, SOCK_CLOEXEC));
+    auto socket = PrivateDescriptor::opened(
+        [&] { return accept4(name_->listener(), nullptr, nullptr, SOCK_CLOEXEC); });
     if (!socket.isValid()) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
             pauseAccepting();

@@ -53,6 +53,11 @@ sockaddr_un addressIn(int folder, const std::string& file) {
     return address;
 }
 
+PrivateDescriptor unixSocket() {
+    return PrivateDescriptor::opened(
+        [] { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); });
+}
+
 const sockaddr* asSocketAddress(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
@@ -79,9 +84,12 @@ bool PublishedName::openFolder(const Options& options, std::string& why) {
 // there already is nobody's to give away.
 PrivateDescriptor PublishedName::openLock(const std::string& lockFile) const {
     constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    PrivateDescriptor made(openat(folder_.get(), lockFile.c_str(), flags | O_CREAT | O_EXCL, 0600));
-    if (!made.isValid())
-        return PrivateDescriptor(openat(folder_.get(), lockFile.c_str(), flags | O_CREAT, 0600));
+    const auto openAlso = [&](int more) {
+        return PrivateDescriptor::opened(
+            [&] { return openat(folder_.get(), lockFile.c_str(), flags | more, 0600); });
+    };
+    auto made = openAlso(O_CREAT | O_EXCL);
+    if (!made.isValid()) return openAlso(O_CREAT);
     struct stat owner {};
     if (geteuid() == 0 && fstat(folder_.get(), &owner) == 0)
         (void)!fchown(made.get(), owner.st_uid, owner.st_gid);
@@ -92,6 +100,9 @@ bool PublishedName::lockName(const std::string& lockFile, std::string& why) {
     lock_ = openLock(lockFile);
     if (!lock_.isValid()) {
         why = withReason("the lock file " + lockFile);
+        struct stat held {};
+        if (fstatat(folder_.get(), lockFile.c_str(), &held, AT_SYMLINK_NOFOLLOW) == 0)
+            why += " (it belongs to uid " + std::to_string(held.st_uid) + ")";
         return false;
     }
     if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) return true;
@@ -101,7 +112,7 @@ bool PublishedName::lockName(const std::string& lockFile, std::string& why) {
 
 bool PublishedName::bindTemporary(const std::string& temporary, const Options& options,
                                   std::string& why) {
-    listener_ = PrivateDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    listener_ = unixSocket();
     const auto address = addressIn(folder_.get(), temporary);
     unlinkat(folder_.get(), temporary.c_str(), 0);
     struct stat status {};
@@ -225,13 +236,12 @@ ConnectedSocket notConnected(std::string why, bool refusedPeer = false) {
 // Without looking at who the peer is.
 ConnectedSocket connectToAnybody(std::string_view name, std::string_view subfolder) {
     if (!isRegisteredName(name)) return notConnected("not a registered name");
-    const PrivateDescriptor folder(
-        open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto folder = PrivateDescriptor::opened(
+        [&] { return open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     if (!folder.isValid())
         return notConnected(withReason("the runtime folder " + folderPath(subfolder)));
     ConnectedSocket result;
-    result.socket =
-        PrivateDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    result.socket = unixSocket();
     const auto address = addressIn(folder.get(), std::string(name));
     if (connect(result.socket.get(), asSocketAddress(address), sizeof address) != 0)
         return notConnected(

@@ -21,9 +21,11 @@ constexpr int kEventsPerTurn = 64;
 thread_local Ref<RunLoop> currentLoop;
 thread_local std::uint32_t currentGeneration;
 
-int required(int fd, const char* what) {
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
-    return fd;
+template <class Open>
+PrivateDescriptor required(Open open) {
+    auto made = PrivateDescriptor::opened(open);
+    if (!made.isValid()) throw std::system_error(errno, std::generic_category(), "run loop");
+    return made;
 }
 
 bool control(int epoll, int operation, int descriptor, std::uint32_t events, RunLoop::Id id) {
@@ -48,11 +50,11 @@ void drain(int counter) {
 }  // namespace
 
 RunLoop::RunLoop()
-    : epoll_(required(epoll_create1(EPOLL_CLOEXEC), "run loop")),
-      wake_(required(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "run loop")),
+    : epoll_(required([] { return epoll_create1(EPOLL_CLOEXEC); })),
+      wake_(required([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); })),
       // At once, because a timer is what a process without descriptors waits for.
       timerDescriptor_(
-          required(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "run loop")) {
+          required([] { return timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); })) {
     if (!control(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), EPOLLIN, kWake) ||
         !control(epoll_.get(), EPOLL_CTL_ADD, timerDescriptor_.get(), EPOLLIN, kTimer))
         throw std::system_error(errno, std::generic_category(), "run loop");

@@ -55,7 +55,8 @@ bool isTrustedOwner(uid_t uid) {
 
 PrivateDescriptor openRuntimeFolder(const std::string& path, bool sharedWhenSticky,
                                     std::string& why) {
-    PrivateDescriptor folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    auto folder = PrivateDescriptor::opened(
+        [&] { return open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     struct stat status {};
     if (!folder.isValid() || fstat(folder.get(), &status) != 0) {
         why = "the runtime folder " + path + ": " + std::strerror(errno);

@@ -234,18 +234,19 @@ void ServedConnection::flush() {
                               MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0 && errno != EAGAIN && errno != EINTR) return end();
     if (count > 0) outFront_ += static_cast<std::size_t>(count);
-    // What has gone out is given up as soon as it is the larger part: a client that always leaves a
-    // little unread must not make the queue remember everything that it was ever sent.
-    if (outFront_ >= out_.size() - outFront_ && outFront_ < out_.size()) {
-        out_.erase(0, outFront_);
-        outFront_ = 0;
-    }
-    if (outFront_ == out_.size()) {
-        std::string().swap(out_);
-        outFront_ = 0;
-    }
+    giveUpSent();
     if (wasFull && mayRead()) return takeFrames();
     updateEvents();
+}
+
+// What has gone out is given up as soon as it is the larger part, and its memory once it is most of
+// it: a client that always leaves a little unread must not make the queue remember everything that
+// it was ever sent, nor keep the room of the largest answer.
+void ServedConnection::giveUpSent() {
+    if (outFront_ < out_.size() - outFront_) return;
+    out_.erase(0, outFront_);
+    outFront_ = 0;
+    if (out_.size() < out_.capacity() / 4) out_.shrink_to_fit();
 }
 
 bool ServedConnection::mayRead() const noexcept {

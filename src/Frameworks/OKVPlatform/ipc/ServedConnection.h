@@ -42,6 +42,7 @@ private:
     void sendNow(std::string_view frame);
     void answerNow(std::string_view frame);
     void flush();
+    void giveUpSent();
     void end(const std::string& farewell = {});
     bool mayRead() const noexcept;
     void rearm();
