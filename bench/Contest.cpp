@@ -1,7 +1,8 @@
 #include "Contest.h"
 
+#include "support/Processes.h"
+
 #include <sched.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -102,7 +103,6 @@ struct Pipe {
     int ends[2];
     Pipe() {
         if (pipe(ends) != 0) throw std::runtime_error("no pipe");
-        std::fflush(nullptr);
     }
 };
 
@@ -118,32 +118,20 @@ struct Pipe {
 
 ServerProcess::ServerProcess(const std::function<void(const std::function<void()>& ready)>& serve) {
     const Pipe pipe;
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("no process");
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pid_ = support::startChild([&] {
         close(pipe.ends[0]);
-        try {
-            serve([&] { (void)!write(pipe.ends[1], "\n", 1); });
-        } catch (const std::exception& error) {  // must not go on as the parent would
-            std::fprintf(stderr, "a server ended: %s\n", error.what());
-            _exit(1);
-        }
-        _exit(0);
-    }
+        serve([&] { (void)!write(pipe.ends[1], "\n", 1); });
+    });
     close(pipe.ends[1]);
     waitUntilReady(pipe.ends[0]);
 }
 
 ServerProcess::ServerProcess(const std::vector<std::string>& command) {
     const Pipe pipe;
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("no process");
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pid_ = support::startChild([&] {
         dup2(pipe.ends[1], STDOUT_FILENO);
         run(command);
-    }
+    });
     close(pipe.ends[1]);
     waitUntilReady(pipe.ends[0]);
 }

@@ -9,14 +9,16 @@
 
 #include "Contest.h"
 
-#include <OKVDataManager/okvDataManager.h>
-#include <OKVPlatform/ipc/Connection.h>
-#include <OKVPlatform/ipc/RegisteredName.h>
+#include "support/DataServer.h"
+#include "support/Processes.h"
+#include "support/RawRequests.h"
+#include "support/Sockets.h"
+
+#include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,11 +27,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 namespace {
 
+using support::connectRaw;
+using support::push;
+using support::readingRequest;
+using support::repeated;
 using Clock = std::chrono::steady_clock;
 using Ready = std::function<void()>;
 using Neighbour = std::function<void(const Ready& ready)>;
@@ -42,34 +47,6 @@ constexpr double kSlowerAtMost = 2;
 
 // ---- Bad neighbours: each does it until it is killed ----
 
-std::string requestFor(std::string_view key) {
-    std::string frame;
-    okv::beginRequest(frame, okv::kRootObject, "okvDataPT:appUid:", "@i");
-    okv::CborWriter writer(frame);
-    writer.text(key);
-    writer.integer(1);
-    okv::finishRequest(frame);
-    return frame;
-}
-
-std::string repeated(const std::string& text, int count) {
-    std::string all;
-    for (int i = 0; i < count; ++i) all += text;
-    return all;
-}
-
-okv::PrivateDescriptor connectRaw() {
-    auto connected = okv::connectToName(kOKVDataServerName);
-    if (!connected.socket.isValid()) std::abort();
-    return std::move(connected.socket);
-}
-
-// As much as goes out without waiting.
-bool push(const okv::PrivateDescriptor& socket, std::string_view bytes) {
-    return send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
-           static_cast<ssize_t>(bytes.size());
-}
-
 // Rounds without a neighbour have this one: that a process is there at all makes a difference to
 // the system's scheduler.
 void isQuiet(const Ready& ready) {
@@ -78,7 +55,7 @@ void isQuiet(const Ready& ready) {
 }
 
 void isStopped(const Ready& ready) {
-    const auto requests = okv::encodeHello() + repeated(requestFor(kLarge), 100);
+    const auto requests = okv::encodeHello() + repeated(readingRequest(kLarge), 100);
     std::vector<okv::PrivateDescriptor> sockets;
     for (int i = 0; i < 4; ++i) {
         sockets.push_back(connectRaw());
@@ -91,7 +68,7 @@ void isStopped(const Ready& ready) {
 void neverReads(std::string_view key, const Ready& ready) {
     const auto socket = connectRaw();
     push(socket, okv::encodeHello());
-    const auto requests = repeated(requestFor(key), 100);
+    const auto requests = repeated(readingRequest(key), 100);
     ready();
     for (std::string_view left = requests;;) {
         const auto count = send(socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
@@ -105,7 +82,7 @@ void neverReads(std::string_view key, const Ready& ready) {
 void asksInBursts(const Ready& ready) {
     const auto socket = connectRaw();
     push(socket, okv::encodeHello());
-    const auto requests = repeated(requestFor("read"), 100);
+    const auto requests = repeated(readingRequest("read"), 100);
     std::string answers(1U << 16, '\0');
     ready();
     for (;;) {
@@ -118,7 +95,7 @@ void asksInBursts(const Ready& ready) {
 }
 
 void sendsAByteASecond(const Ready& ready) {
-    const auto bytes = okv::encodeHello() + repeated(requestFor("read"), 10);
+    const auto bytes = okv::encodeHello() + repeated(readingRequest("read"), 10);
     std::vector<okv::PrivateDescriptor> sockets;
     for (int i = 0; i < 20; ++i) sockets.push_back(connectRaw());
     ready();
@@ -139,18 +116,9 @@ void repeatedly(int perSecond, const std::function<void()>& act) {
     }
 }
 
-void connectOnly(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int connected = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    (void)connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    close(connected);
-}
-
 void connects(const std::string& path, const Ready& ready) {
     ready();
-    repeatedly(10000, [&] { connectOnly(path); });
+    repeatedly(10000, [&] { support::connectOnly(path); });
 }
 
 void postsNotices(const Ready& ready) {
@@ -162,8 +130,8 @@ void postsNotices(const Ready& ready) {
 
 // Dies before greeting, in the middle of it, of a request, of waiting and of reading.
 void dies(const Ready& ready) {
-    const auto greeting = okv::encodeHello(), request = requestFor("read"),
-               large = requestFor(kLarge);
+    const auto greeting = okv::encodeHello(), request = readingRequest("read"),
+               large = readingRequest(kLarge);
     const std::string lives[]{"",
                               greeting.substr(0, 3),
                               greeting,
@@ -181,13 +149,6 @@ struct Times {
     double median = 0, p99 = 0;
 };
 
-double at(std::vector<double>& values, double quantile) {
-    const auto index =
-        static_cast<std::ptrdiff_t>(quantile * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + index, values.end());
-    return values[static_cast<std::size_t>(index)];
-}
-
 Times timesOf(Clock::duration length, const std::function<void()>& call) {
     std::vector<double> times;
     for (const auto end = Clock::now() + length; Clock::now() < end;) {
@@ -195,20 +156,12 @@ Times timesOf(Clock::duration length, const std::function<void()>& call) {
         call();
         times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     }
-    return {at(times, 0.5), at(times, 0.99)};
-}
-
-long residentKilobytes(int process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    }
-    return 0;
+    return {bench::quantileOf(times, 0.5), bench::quantileOf(times, 0.99)};
 }
 
 struct Round {
     Times reading, writing;
-    long kilobytes = 0;
+    std::int64_t kilobytes = 0;
 };
 
 class Bench {
@@ -220,7 +173,7 @@ public:
     void compare(const char* name, const Neighbour& neighbour) {
         if (std::string_view(name).find(wanted_) == std::string_view::npos) return;
         std::vector<double> quiet, loaded, reads, writes, quietWrites, loadedWrites;
-        long most = 0;
+        std::int64_t most = 0;
         for (int pair = 0; pair < kPairs; ++pair) {
             const auto before = playBeside(isQuiet);
             const auto beside = playBeside(neighbour);
@@ -232,9 +185,11 @@ public:
             writes.push_back(beside.writing.p99 / before.writing.p99);
             most = std::max(most, beside.kilobytes);
         }
-        std::printf("%-34s %9.1f %9.1f %6.2f %9.0f %9.0f %6.2f %9ld\n", name, at(quiet, 0.5),
-                    at(loaded, 0.5), at(reads, 0.5), at(quietWrites, 0.5), at(loadedWrites, 0.5),
-                    at(writes, 0.5), most);
+        std::printf("%-34s %9.1f %9.1f %6.2f %9.0f %9.0f %6.2f %9ld\n", name,
+                    bench::quantileOf(quiet, 0.5), bench::quantileOf(loaded, 0.5),
+                    bench::quantileOf(reads, 0.5), bench::quantileOf(quietWrites, 0.5),
+                    bench::quantileOf(loadedWrites, 0.5), bench::quantileOf(writes, 0.5),
+                    static_cast<long>(most));
         std::fflush(stdout);
         isKept_ = isKept_ && at(reads, 0.5) <= kSlowerAtMost && at(writes, 0.5) <= kSlowerAtMost;
     }
@@ -259,7 +214,7 @@ private:
             okv::send<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(root_, "written", ++number_,
                                                                        1);
         });
-        round.kilobytes = residentKilobytes(server_);
+        round.kilobytes = support::residentKilobytes(server_);
         return round;
     }
 
@@ -299,9 +254,7 @@ int main(int argc, char** argv) {
     bench::pinTo(0);
     const bench::ServerProcess server(
         {OKV_BENCH_SERVER, "--foreground", "--store", (folder.path() / "store.db").string()});
-    const auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
-    if (!connection) return EXIT_FAILURE;
-    const auto root = connection->rootProxy();
+    const auto root = support::connect();
     set(*root, "read", 32);
     set(*root, kLarge, 200U << 10);
     Bench bench(*root, server.pid(), argc > 1 ? argv[1] : "");

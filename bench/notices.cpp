@@ -17,12 +17,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Contest.h"
+
+#include "support/Files.h"
 
 namespace {
 
@@ -245,13 +246,8 @@ void measurePosting(const std::string& folder, bool stopped) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string folder = std::string(argc > 1 ? argv[1] : "/tmp") + "/notices-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr) {
-        std::perror("a folder to measure in");
-        return 1;
-    }
+    const support::TempFolder folder(argc > 1 ? argv[1] : "/tmp");
     bench::pinTo(0);
-    measureDelivery(folder);
-    for (const bool stopped : {false, true}) measurePosting(folder, stopped);
-    std::filesystem::remove_all(folder);
+    measureDelivery(folder.path());
+    for (const bool stopped : {false, true}) measurePosting(folder.path(), stopped);
 }

@@ -6,8 +6,8 @@
 
 #include "Contest.h"
 
-#include <OKVDataManager/okvDataManager.h>
-#include <OKVPlatform/ipc/Connection.h>
+#include "support/DataServer.h"
+
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <algorithm>
@@ -20,6 +20,7 @@
 
 namespace {
 
+using support::connect;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPairs = 7;
@@ -27,12 +28,6 @@ constexpr int kWriters = 4;
 constexpr std::size_t kValueSize = 250U << 10;
 constexpr int kValuesPerWriter = (16 << 20) / static_cast<int>(kValueSize) / kWriters;
 constexpr auto kIdleRound = std::chrono::milliseconds(1000);
-
-okv::Ref<okv::RemoteObject> connect() {
-    const auto connection = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
-    if (!connection) std::abort();
-    return connection->rootProxy();
-}
 
 bool set(okv::RemoteObject& root, const std::string& key, const std::string& value) {
     return okv::send<&OKVDataMng_protocol::setOKVDataPT_value_appUid>(root, key, value, 1);

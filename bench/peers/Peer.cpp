@@ -1,25 +1,12 @@
 #include "Peer.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "support/Sockets.h"
 
 #include <map>
 #include <stdexcept>
 #include <thread>
 
 namespace bench {
-
-namespace {
-
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
-
-}  // namespace
 
 Peer absentPeer(const std::string& name, const std::string& why) {
     return {name, {}, nullptr, why};
@@ -35,18 +22,14 @@ const std::string& lookUp(std::string_view key) {
 
 int listenAt(const std::string& path) {
     const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto address = addressOf(path);
-    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 64) != 0)
+    if (!support::bindTo(path, listener) || listen(listener, 64) != 0)
         throw std::runtime_error("cannot listen at " + path);
     return listener;
 }
 
 int connectTo(const std::string& path) {
     const int connected = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto address = addressOf(path);
-    if (connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-        return connected;
+    if (support::connectTo(path, connected)) return connected;
     close(connected);
     return -1;
 }

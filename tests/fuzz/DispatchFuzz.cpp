@@ -1,26 +1,20 @@
 // Requests to a real server on a scratch store, from accounts of every kind: a byte for each choice
 // that is made (see Input), arguments of the methods' types or any bytes. What is refused changes
 // nothing, what is accepted is one revision and is read back, and memory and disk agree.
-#include "Require.h"
-#include "Same.h"
-
-#include "Server.h"
-#include "Store.h"
-#include "Transfer.h"
-
-#include <poll.h>
-#include <stdlib.h>
+#include "DispatchCenter.h"
+#include "DispatchInput.h"
 
 #include <array>
-#include <atomic>
-#include <cerrno>
-#include <filesystem>
 #include <optional>
 #include <vector>
 
 namespace {
 
 using datacenter::Method;
+using fuzz::Center;
+using fuzz::Input;
+using fuzz::peerFrom;
+using fuzz::Port;
 using fuzz::require;
 using fuzz::same;
 using okv::Dictionary;
@@ -28,264 +22,7 @@ using okv::Value;
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;
 
-constexpr uid_t kServerUid = 4000;
-constexpr gid_t kAdminGroup = 4001;
-constexpr uid_t kAccount = 1000;
 constexpr std::size_t kRequestsAtMost = 24;
-constexpr double kNow = 1000000;
-
-/// The fuzzer's bytes, taken from the front; zeros once they are used up.
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size)
-        : left_(reinterpret_cast<const char*>(data), size) {}
-
-    bool atEnd() const { return left_.empty(); }
-    std::uint8_t byte() {
-        if (atEnd()) return 0;
-        const auto first = static_cast<std::uint8_t>(left_.front());
-        left_.remove_prefix(1);
-        return first;
-    }
-    std::size_t below(std::size_t limit) { return byte() % limit; }
-    std::string_view text(std::size_t length) {
-        const auto taken = left_.substr(0, length);
-        left_.remove_prefix(taken.size());
-        return taken;
-    }
-    std::string_view text() { return text(byte()); }
-    template <class Number>
-    Number number() {
-        Number number{};
-        const auto bytes = text(sizeof number);
-        bytes.copy(reinterpret_cast<char*>(&number), bytes.size());
-        return number;
-    }
-
-private:
-    std::string_view left_;
-};
-
-// Small ones, so that a few requests reach them.
-datacenter::Limits narrowLimits() {
-    datacenter::Limits limits;
-    limits.requestBytes = 4096;
-    limits.importBytes = 8192;
-    limits.replyBytes = 4096;
-    limits.keyBytes = 30;
-    limits.valueBytes = 200;
-    limits.listBytes = 300;
-    limits.scopeKeys = 5;
-    limits.scopeBytes = 1000;
-    limits.users = 4;
-    limits.accounts = 4;
-    limits.locks = 3;
-    limits.processes = 3;
-    limits.processBytes = 300;
-    limits.changesKept = 8;
-    limits.keysTold = 2;
-    limits.keyBytesTold = 60;
-    return limits;
-}
-
-/// Keeps what the server sends.
-class Port final : public okv::MessagePort {
-public:
-    explicit Port(okv::PeerIdentity peer) : peer_(std::move(peer)) {}
-
-    void callAndRead(std::string&, okv::ReplyReader&) override { std::abort(); }
-    void post(std::string) override {}
-    void sendAnswer(std::string frame) override { answers.push_back(std::move(frame)); }
-    const okv::PeerIdentity& peer() const noexcept override { return peer_; }
-    void lend(std::uint64_t) override {}
-
-    std::vector<std::string> answers;
-
-private:
-    const okv::PeerIdentity peer_;
-};
-
-/// Looks at the notices: each tells of a later state than the one before.
-class Poster final : public datacenter::NoticePoster {
-public:
-    void post(std::string_view, const Dictionary& notice) override {
-        const auto revision = notice["revision"].longLongValue();
-        require(notice.contains("osuserid") && notice.contains("session_userid"));
-        require(revision >= last_.exchange(revision));
-    }
-
-private:
-    std::atomic<std::int64_t> last_{0};
-};
-
-/// The server and its store, made once; every input begins with an empty store.
-class Center {
-public:
-    Center() {
-        std::string pattern = "/dev/shm/okv-fuzz-XXXXXX";
-        require(mkdtemp(pattern.data()) != nullptr);
-        folder_ = pattern;
-        start();
-    }
-    Center(const Center&) = delete;
-    Center& operator=(const Center&) = delete;
-    ~Center() {
-        stop();
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-
-    void restart() {
-        const auto before = datacenter::exportOf(view());
-        stop();
-        start();
-        require(same(before, datacenter::exportOf(view())));
-    }
-    const datacenter::View& view() const { return server_->view(); }
-    void handle(okv::IncomingRequest& request) { server_->handle(request); }
-    void awaitAnswers(const Port& port, std::size_t count) const {
-        while (port.answers.size() < count) {
-            pollfd entry{loop_->fd(), POLLIN, 0};
-            const int ready = poll(&entry, 1, 10000);
-            require(ready > 0 || (ready < 0 && errno == EINTR));
-            loop_->dispatch();
-        }
-    }
-    /// Only while nothing is waiting for an answer: the store is the writer's then.
-    std::shared_ptr<datacenter::View> stored() { return store_->load(); }
-
-private:
-    void start() {
-        store_.emplace(folder_ / "store", narrowLimits());
-        server_.emplace(*store_, datacenter::Rights({true, kServerUid, kAdminGroup}),
-                        datacenter::Server::Surroundings{poster_, [](const std::string&) {},
-                                                         [] { return kNow; }});
-    }
-    void stop() {
-        server_->end();
-        server_->run();
-        server_.reset();
-        store_.reset();
-    }
-
-    const okv::Ref<okv::RunLoop> loop_ = okv::RunLoop::current();
-    std::filesystem::path folder_;
-    Poster poster_;
-    std::optional<datacenter::Store> store_;
-    std::optional<datacenter::Server> server_;
-};
-
-okv::PeerIdentity peerFrom(std::size_t choice) {
-    switch (choice % 5) {
-        case 0:
-            return {1, 0, 0, {}};
-        case 1:
-            return {1, kServerUid, kServerUid, {}};
-        case 2:
-            return {1, kAccount, kAccount, {kAdminGroup}};
-        case 3:
-            return {1, kAccount, kAccount, {}};
-        default:
-            return {1, okv::kOverflowUid, okv::kOverflowUid, {kAdminGroup}};
-    }
-}
-
-constexpr std::array kTexts{"dc-gui-colour",
-                            "dc-syscmnf-host",
-                            "dc-cmnset-common_filter_off",
-                            "k",
-                            "",
-                            "\x01",
-                            "dc-a-name-longer-than-is-allowed",
-                            "\xC3\xA9",
-                            "1",
-                            "2",
-                            "1000",
-                            "-1",
-                            "format",
-                            "everybody",
-                            "users",
-                            "settings",
-                            "user_setting",
-                            "contents_words",
-                            "accounts",
-                            "appuid",
-                            "current",
-                            "locks",
-                            "current_user",
-                            "highest_user",
-                            "clock",
-                            "time",
-                            "running",
-                            "since",
-                            "flt_proc_white",
-                            "kill_web_proc"};
-constexpr std::array<std::int32_t, 8> kNumbers{1, 2, 3, 1000, 0, -1, INT32_MAX, 65534};
-
-std::int32_t intFrom(Input& input) {
-    const auto choice = input.below(kNumbers.size() + 1);
-    return choice < kNumbers.size() ? kNumbers[choice] : input.number<std::int32_t>();
-}
-
-std::string_view textFrom(Input& input) {
-    const auto choice = input.below(kTexts.size() + 1);
-    return choice < kTexts.size() ? kTexts[choice] : input.text();
-}
-
-Value valueFrom(Input& input, const datacenter::View& view, int depth = 0);
-
-Value containerFrom(Input& input, const datacenter::View& view, bool isArray, int depth) {
-    okv::Array array;
-    Dictionary dictionary;
-    for (auto left = depth < 6 ? input.below(6) : 0; left > 0; --left) {
-        if (isArray) {
-            array.push_back(valueFrom(input, view, depth + 1));
-        } else {
-            dictionary.set(textFrom(input), valueFrom(input, view, depth + 1));
-        }
-    }
-    return isArray ? Value(std::move(array)) : Value(std::move(dictionary));
-}
-
-Value nestedFrom(Input& input) {
-    Value nested = 1;
-    for (auto left = input.below(okv::kMaxValueDepth); left > 0; --left)
-        nested = okv::Array{std::move(nested)};
-    return nested;
-}
-
-Value valueFrom(Input& input, const datacenter::View& view, int depth) {
-    switch (input.below(14)) {
-        case 0:
-            return textFrom(input);
-        case 1:
-            return intFrom(input);
-        case 2:
-            return containerFrom(input, view, true, depth);
-        case 3:
-            return containerFrom(input, view, false, depth);
-        case 4:
-            return okv::Null{};
-        case 5:
-            return {};
-        case 6:
-            return input.byte() % 2 == 0;
-        case 7:
-            return input.number<double>();
-        case 8:
-            return okv::Date{input.number<double>()};
-        case 9:
-            return input.number<std::int64_t>();
-        case 10:
-            return okv::Data(input.text());
-        case 11:
-            return std::string(4U * input.byte(), 'x');
-        case 12:
-            return nestedFrom(input);
-        default:
-            return datacenter::exportOf(view);
-    }
-}
 
 constexpr std::size_t kDataRows = okv::Dispatcher<Data>::rowCount;
 constexpr std::size_t kAdminRows = okv::Dispatcher<Admin>::rowCount;
@@ -319,7 +56,7 @@ void writeArguments(okv::CborWriter& out, Asked& asked, Input& input,
                     const datacenter::View& view) {
     for (const char type : typesOf(*asked.method)) {
         if (type == 'i') {
-            asked.arguments.emplace_back(intFrom(input));
+            asked.arguments.emplace_back(fuzz::intFrom(input));
             out.integer(asked.arguments.back().as<std::int64_t>());
         } else if (type == 'c') {
             asked.arguments.emplace_back(input.byte() % 2 == 0);
@@ -327,7 +64,7 @@ void writeArguments(okv::CborWriter& out, Asked& asked, Input& input,
         } else if (takesClient(*asked.method)) {
             out.reference(input.byte());
         } else {
-            asked.arguments.push_back(valueFrom(input, view));
+            asked.arguments.push_back(fuzz::valueFrom(input, view));
             out.value(asked.arguments.back());
         }
     }

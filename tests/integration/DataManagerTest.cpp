@@ -2,8 +2,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <future>
-#include <set>
 
 // The data manager beside the real data server, which dies, ends and comes back. Every case runs in
 // a process of its own.
@@ -18,12 +16,12 @@ class DataManagerProcess : public RealServerTest {
 protected:
     /// Makes the user, and makes it the current one of the account that runs this process.
     static void makeCurrentUser(std::int32_t user) {
-        const auto root = rootOfServer();
+        const auto root = support::connect();
         okv::send<&Data::setUseridPT_applyUid>(*root, static_cast<std::int32_t>(kAnAccount), user);
         EXPECT_TRUE(okv::send<&Data::setCurrentUserIdForOSPT>(*root, Value(user)));
     }
     void endServer() {
-        okv::send<&Data::endServer>(*rootOfServer());
+        okv::send<&Data::endServer>(*support::connect());
         EXPECT_EQ(server_.wait(), 0);
     }
 };
@@ -68,7 +66,7 @@ TEST_F(DataManagerProcess, AServerKilledBesideARunLoopIsReconnectedByTheSameInst
     EXPECT_EQ(shared(), manager);
     EXPECT_TRUE(manager->isValid());
     EXPECT_THAT(lines_.take(), ElementsAre(kReconnectLine, kConnectLine, kConnectedLine));
-    EXPECT_EQ(okv::send<&Data::connectCount>(*rootOfServer()), 1);
+    EXPECT_EQ(okv::send<&Data::connectCount>(*support::connect()), 1);
 }
 
 TEST_F(DataManagerProcess, TheCallThatMeetsAKilledServerThrowsAndDropsSoThatTheNextOneReconnects) {
@@ -120,26 +118,15 @@ TEST_F(DataManagerProcess, TheSocketOfAKilledServerIsNobodyAndDoesNotKeepTheNext
 }
 
 TEST_F(DataManagerProcess, TenThreadsRacingForTheFirstCallAreOneClient) {
-    std::promise<void> go;
-    const auto start = go.get_future().share();
-    std::vector<std::future<okv::Ref<okvDataManager>>> racers;
-    for (int i = 0; i < 10; ++i) {
-        racers.push_back(std::async(std::launch::async, [start] {
-            start.wait();
-            return okvDataManager::sharedDataManager();
-        }));
-    }
-    go.set_value();
-    std::set<okvDataManager*> instances;
-    for (auto& racer : racers) instances.insert(racer.get().get());
+    const auto instances = instancesOfTenRacers();
     EXPECT_EQ(instances.size(), 1U);
     EXPECT_FALSE(instances.contains(nullptr));
-    EXPECT_EQ(okv::send<&Data::connectCount>(*rootOfServer()), 1);
+    EXPECT_EQ(okv::send<&Data::connectCount>(*support::connect()), 1);
 }
 
 TEST_F(DataManagerProcess, AReleasedOneIsNoClientAnyMore) {
     auto manager = connected();
-    const auto root = rootOfServer();
+    const auto root = support::connect();
     EXPECT_EQ(okv::send<&Data::connectCount>(*root), 1);
     manager = nullptr;
     EXPECT_TRUE(serveUntil([&] { return okv::send<&Data::connectCount>(*root) == 0; }));

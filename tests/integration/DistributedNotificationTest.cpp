@@ -11,10 +11,10 @@
 
 #include <atomic>
 #include <csignal>
-#include <fstream>
 #include <random>
 
 #include "support/NotificationTesting.h"
+#include "support/Processes.h"
 
 using notification_test::Folder;
 using notification_test::Listener;
@@ -24,6 +24,7 @@ using okv::DistributedNotificationCenter;
 using okv::Notification;
 using okv::RunLoop;
 using okv::Value;
+using support::residentKilobytes;
 
 namespace {
 
@@ -74,14 +75,6 @@ public:
         pid_ = 0;
     }
     pid_t pid() const { return pid_; }
-    long residentKilobytes() const {
-        std::ifstream status("/proc/" + std::to_string(pid_ > 0 ? pid_ : getpid()) + "/status");
-        for (std::string word; status >> word;) {
-            long size = 0;
-            if (word == "VmRSS:" && status >> size) return size;
-        }
-        return 0;
-    }
 
 private:
     pid_t pid_;
@@ -182,20 +175,20 @@ TEST_F(DistributedNotice, AStoppedObserverBlocksNobodyAndIsToldWhatItMissed) {
     ASSERT_EQ(observer.line(), "ready");
     observer.stop();
     center_.post("a", {}, 0);
-    const auto before = observer.residentKilobytes();
+    const auto before = residentKilobytes(observer.pid());
     const std::string padding(100, ' ');
     for (int i = 1; i < kPosts; ++i) center_.post("a", {}, std::to_string(i) + padding);
     std::uintmax_t bytes = 0;
     for (const auto& file : std::filesystem::directory_iterator(folder_.path()))
         bytes += file.file_size();
     EXPECT_LE(bytes, 1U << 20);
-    EXPECT_EQ(observer.residentKilobytes(), before);
+    EXPECT_EQ(residentKilobytes(observer.pid()), before);
     observer.resume();
     center_.post("a", {}, -1);
     EXPECT_EQ(observer.line(), "in order");
     EXPECT_EQ(observer.line(), std::to_string(kPosts + 1));
     EXPECT_EQ(observer.line(), "missed some");
-    EXPECT_LT(observer.residentKilobytes(), before + 16 * 1024);
+    EXPECT_LT(residentKilobytes(observer.pid()), before + 16 * 1024);
 }
 
 namespace {

@@ -1,8 +1,7 @@
 #include "OKVDataAdmin_protocol.h"
 #include "ServerProcess.h"
 
-#include <OKVDataManager/okvDataManager.h>
-#include <OKVPlatform/ipc/Connection.h>
+#include "support/DataServer.h"
 
 #include <gtest/gtest.h>
 
@@ -108,7 +107,7 @@ protected:
     }
     void start() {
         if (!server_.start()) throw std::runtime_error("the data server did not start");
-        root_ = okv::Connection::connectionWithRegisteredName(kOKVDataServerName)->rootProxy();
+        root_ = support::connect();
     }
     void restart() {
         server_.signal(SIGKILL);

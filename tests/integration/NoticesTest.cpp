@@ -23,7 +23,7 @@ const std::int32_t kAccountOfThisProcess = static_cast<std::int32_t>(getuid());
 
 class Notices : public RealServerTest {
 protected:
-    Notices() : root_(rootOfServer()) {}
+    Notices() : root_(support::connect()) {}
 
     std::int64_t revision() {
         const auto status = okv::send<&Admin::serverStatusPT>(*root_);
@@ -215,7 +215,7 @@ TEST_F(Notices, AreHeardWithoutAConnectionWithoutAServerAndAcrossItsRestart) {
     ASSERT_TRUE(server_.start());
     ASSERT_TRUE(keeper->hears(3)) << "of its start";
     EXPECT_FALSE(keeper->notices[2].contains("keys"));
-    root_ = rootOfServer();
+    root_ = support::connect();
     EXPECT_TRUE(change(2));
     ASSERT_TRUE(keeper->hears(4)) << "after its restart";
     EXPECT_EQ(keeper->notices[3]["keys"], Value(Array{kKey}));
@@ -228,7 +228,7 @@ TEST_F(Notices, TheLast10000ChangesAreToldByRevisionAndThoseBeforeMustBeReadAnew
     std::vector<std::thread> writers;
     for (int writer = 0; writer < kWriters; ++writer) {
         writers.emplace_back([] {
-            const auto root = rootOfServer();
+            const auto root = support::connect();
             for (int i = 0; i < kWrites; ++i)
                 EXPECT_TRUE(okv::send<&Data::setOKVDataPT_value_appUid>(*root, kKey, i, 1));
         });

@@ -1,41 +1,33 @@
 #include "OKVDataAdmin_protocol.h"
 #include "ServerProcess.h"
 
-#include <OKVDataManager/okvDataManager.h>
-#include <OKVPlatform/ipc/Connection.h>
+#include "support/DataServer.h"
+#include "support/EveryMethod.h"
+#include "support/Files.h"
+#include "support/Processes.h"
+#include "support/Sockets.h"
+
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <sstream>
 #include <thread>
 
 using okv::Array;
 using okv::Dictionary;
 using okv::Null;
 using okv::Value;
+using support::asAccount;
+using support::bytesOf;
+using support::connect;
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;
 
 namespace {
-
-okv::Ref<okv::RemoteObject> connect() {
-    std::string why;
-    const auto connection =
-        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-    if (!connection) throw std::runtime_error(why);
-    return connection->rootProxy();
-}
 
 /// A client that can be told to disconnect.
 class Client final : public okv::Object, public OKVClientMng_protocol {
@@ -59,68 +51,14 @@ bool runLoop() {
     return okv::RunLoop::current()->runUntil(okv::RunLoop::Clock::now() + std::chrono::seconds(20));
 }
 
-/// Runs the body in a child under another account; what it answers is the child's exit code.
-int asAccount(uid_t uid, const std::function<int()>& body) {
-    const auto pid = fork();
-    if (pid == 0) {
-        int code = 99;
-        if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
-            try {
-                code = body();
-            } catch (const std::exception&) {
-                code = 98;
-            }
-        }
-        _exit(code);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::string bytesOf(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << stream.rdbuf();
-    return bytes.str();
-}
-
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) throw std::runtime_error("too long: " + path);
-    path.copy(address.sun_path, path.size());
-    return address;
-}
-
-// An argument of each kind that a method can take.
-template <class T>
-auto anArgument(Client& client) {
-    if constexpr (std::is_same_v<T, okv::RemoteObject>) {
-        return lent(client);
-    } else if constexpr (std::is_same_v<T, Value>) {
-        return Value("dc-cmnset-x");
-    } else {
-        return T{};
-    }
-}
-
-template <auto Method, class... A>
-void sendOne(okv::RemoteObject& root, Client& client, const std::tuple<A...>*) {
-    okv::send<Method>(root, anArgument<std::remove_cvref_t<A>>(client)...);
-}
-
-template <auto... Method>
-int sendAllBut(std::string_view left, okv::RemoteObject& root, Client& client,
-               const std::tuple<okv::Row<Method>...>& rows) {
+template <class Rows>
+int sendAllBut(std::string_view left, okv::RemoteObject& root, Client& client, const Rows& rows) {
     int sent = 0;
-    const auto one = [&]<auto M>(const okv::Row<M>& row) {
-        if (row.selector == left) return;
-        using Parameters = typename okv::detail::MethodTraits<M>::Parameters;
-        sendOne<M>(root, client, static_cast<const Parameters*>(nullptr));
+    support::forEveryMethod(root, lent(client), rows, [&](std::string_view selector, auto send) {
+        if (selector == left) return;
+        send();
         ++sent;
-    };
-    (one(std::get<okv::Row<Method>>(rows)), ...);
+    });
     return sent;
 }
 
@@ -131,8 +69,10 @@ TEST(OKVDataCenter, AnswersEveryMethodOfBothProtocols) {
     ASSERT_TRUE(server.start());
     const auto root = connect();
     const auto client = okv::make<Client>();
-    EXPECT_EQ(sendAllBut("endServer", *root, *client, okv::protocol<Data>), 46);
-    EXPECT_EQ(sendAllBut("", *root, *client, okv::protocol<Admin>), 16);
+    EXPECT_EQ(sendAllBut("endServer", *root, *client, okv::protocol<Data>),
+              static_cast<int>(okv::Dispatcher<Data>::rowCount) - 1);
+    EXPECT_EQ(sendAllBut("", *root, *client, okv::protocol<Admin>),
+              static_cast<int>(okv::Dispatcher<Admin>::rowCount));
     okv::send<&Data::endServer>(*root);
     EXPECT_EQ(server.wait(), 0);
 }
@@ -337,7 +277,7 @@ TEST(OKVDataCenter, SaysWhatIsWrongWithItsArgumentsInOneLine) {
 TEST(OKVDataCenter, DoesNotStartOnADamagedStoreAndLeavesItAsItIs) {
     ServerProcess server;
     const std::string bytes(10000, 'x');
-    std::ofstream(server.storeFile()) << bytes;
+    support::write(server.storeFile(), bytes);
     std::string errors;
     EXPECT_EQ(ServerProcess::run(
                   {"--store", server.storeFile(), "--runtime-dir", server.runtimeFolder()}, errors),
@@ -377,30 +317,27 @@ TEST(OKVDataCenter, MakesItsRuntimeFolderForEverybodyToReach) {
 TEST(OKVDataCenter, ServesTheSocketThatAServiceManagerHandsOver) {
     ServerProcess server;
     std::filesystem::create_directory(server.runtimeFolder());
-    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    const auto address = addressOf(server.runtimeFolder() + "/" + kOKVDataServerName);
-    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(listener, 8), 0);
-    ASSERT_TRUE(server.startWithSocket(listener));
-    close(listener);
+    {
+        const support::BoundSocket listener(SOCK_STREAM,
+                                            server.runtimeFolder() + "/" + kOKVDataServerName);
+        ASSERT_EQ(listen(listener.get(), 8), 0);
+        ASSERT_TRUE(server.startWithSocket(listener.get()));
+    }
     EXPECT_EQ(okv::send<&Data::defaultUserIdPT>(*connect()), 1);
 }
 
 TEST(OKVDataCenter, TellsTheServiceManagerWhenItServesThatItLivesAndWhenItEnds) {
     ServerProcess server;
-    const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
     const auto path = server.file("notify");
-    const auto address = addressOf(path);
-    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    setenv("WATCHDOG_USEC", "20000", 1);
-    const bool ready = server.start();
-    unsetenv("NOTIFY_SOCKET");
-    unsetenv("WATCHDOG_USEC");
-    ASSERT_TRUE(ready);
+    const support::BoundSocket manager(SOCK_DGRAM, path);
+    {
+        const support::Environment toldAt("NOTIFY_SOCKET", path);
+        const support::Environment watched("WATCHDOG_USEC", "20000");
+        ASSERT_TRUE(server.start());
+    }
     const auto said = [&] {
         char text[256];
-        const auto size = recv(manager, text, sizeof text, 0);
+        const auto size = recv(manager.get(), text, sizeof text, 0);
         return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
     };
     EXPECT_EQ(said(), "READY=1");
@@ -410,7 +347,6 @@ TEST(OKVDataCenter, TellsTheServiceManagerWhenItServesThatItLivesAndWhenItEnds) 
     while (last == "WATCHDOG=1") last = said();
     EXPECT_EQ(last, "STOPPING=1");
     EXPECT_EQ(server.wait(), 0);
-    close(manager);
 }
 
 TEST(OKVDataCenter, RunsOutOfAnApplicationBundle) {

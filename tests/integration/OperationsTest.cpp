@@ -89,7 +89,7 @@ using OperationsOnTheRealServer = RealServerTest;
 
 TEST_F(OperationsOnTheRealServer, AnswerWhatTheTableTells) {
     const auto manager = connected();
-    const auto root = rootOfServer();
+    const auto root = support::connect();
     lines_.take();
     for (const auto& operation : allOperations()) {
         SCOPED_TRACE(operation.name);

@@ -18,7 +18,7 @@ namespace dmtest {
 namespace {
 
 using processtest::Child;
-using processtest::TempFolder;
+using support::TempFolder;
 using testing::ElementsAre;
 using Entry = LoggedEntries::Entry;
 using Inspector = okvDataManagerInspector;
@@ -195,7 +195,8 @@ TEST_F(Stopping, EndsTheLinkOfThisClientAloneAndForGood) {
     EXPECT_FALSE(manager->isConnect());
     EXPECT_EQ(shared(), manager);
     EXPECT_FALSE(manager->isConnect());
-    EXPECT_EQ(okv::send<&Data::defaultUserIdPT>(*rootOfServer()), 1) << "the server itself goes on";
+    EXPECT_EQ(okv::send<&Data::defaultUserIdPT>(*support::connect()), 1)
+        << "the server itself goes on";
     EXPECT_TRUE(manager->stopSrv()) << "without a connection, too";
 }
 

@@ -54,7 +54,7 @@ const Date kNoon{1700000000.25};
 }  // namespace
 
 TEST_F(ServerClock, TheLocalOneStandsInUntilItIsSet) {
-    EXPECT_TRUE(okv::send<&Data::serverTimePT>(*rootOfServer()).isNil());
+    EXPECT_TRUE(okv::send<&Data::serverTimePT>(*support::connect()).isNil());
     expectLocal(Reading(*manager_));
     manager_->startServerTimeTimer();
     expectLocal(Reading(*manager_));

@@ -22,7 +22,7 @@ TEST_F(ServerEnding, BySignalLetsItsClientsConnectAgainByThemselves) {
     ASSERT_TRUE(server_.start());
     EXPECT_EQ(shared(), manager);
     EXPECT_EQ(manager->okvData(kKey), Value("kept"));
-    EXPECT_EQ(okv::send<&Data::connectCount>(*rootOfServer()), 1) << "registered again";
+    EXPECT_EQ(okv::send<&Data::connectCount>(*support::connect()), 1) << "registered again";
 }
 
 }  // namespace dmtest

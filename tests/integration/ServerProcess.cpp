@@ -2,16 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
-#include <stdexcept>
+#include <cstdlib>
 
 namespace {
 
@@ -78,10 +75,6 @@ int waitFor(pid_t pid) {
 }  // namespace
 
 ServerProcess::ServerProcess() {
-    auto pattern = (std::filesystem::temp_directory_path() / "okv-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no folder for the test");
-    folder_ = pattern;
-    chmod(folder_.c_str(), 0755);  // other accounts connect, too
     setenv("OKV_RUNTIME_DIR", runtimeFolder().c_str(), 1);
 }
 
@@ -90,8 +83,6 @@ ServerProcess::~ServerProcess() {
         signal(SIGKILL);
         wait();
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
 }
 
 void ServerProcess::useProgram(std::string name) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Files.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -36,13 +38,13 @@ public:
     }
 
     pid_t pid() const noexcept { return pid_; }
-    std::string file(const std::string& name) const { return folder_ + "/" + name; }
+    std::string file(const std::string& name) const { return folder_ / name; }
     std::string runtimeFolder() const { return file("run"); }
     std::string storeFile() const { return file("store.db"); }
 
 private:
     bool launch(const std::vector<std::string>& more, const HandOver& handOver);
 
-    std::string folder_;
+    support::TempFolder folder_;
     pid_t pid_ = -1;
 };

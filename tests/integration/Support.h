@@ -3,9 +3,8 @@
 #include "OKVDataAdmin_protocol.h"
 #include "ServerProcess.h"
 
+#include "support/DataServer.h"
 #include "unit/okvDataManager/Support.h"
-
-#include <OKVPlatform/ipc/Connection.h>
 
 #include <sys/types.h>
 
@@ -24,15 +23,6 @@ inline constexpr uid_t kNobody = 65534;
 /// An account that exists nowhere but in the tests.
 inline constexpr uid_t kAnAccount = 12345;
 inline constexpr char kKey[] = "dc-gui-colour";
-
-/// A connection beside the data manager's.
-inline okv::Ref<okv::RemoteObject> rootOfServer() {
-    std::string why;
-    const auto connection =
-        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-    if (!connection) throw std::runtime_error(why);
-    return connection->rootProxy();
-}
 
 /// A running server, and the log lines of this process.
 class RealServerTest : public testing::Test {

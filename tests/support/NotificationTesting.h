@@ -1,15 +1,15 @@
 #pragma once
 
+#include "Files.h"
+
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/RunLoop.h>
 
 #include <sys/stat.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,16 +18,7 @@ namespace notification_test {
 /// A private runtime folder that every account may read.
 class Folder {
 public:
-    Folder() {
-        std::string pattern = std::filesystem::temp_directory_path() / "notices-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no folder");
-        outer_ = pattern;
-        chmod(outer_.c_str(), 0755);
-        make();
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    ~Folder() { std::filesystem::remove_all(outer_); }
+    Folder() { make(); }
 
     void make() const {
         std::filesystem::create_directory(path());
@@ -39,7 +30,7 @@ public:
     std::string lock() const { return path() + "/notifications.lock"; }
 
 private:
-    std::filesystem::path outer_;
+    support::TempFolder outer_;
 };
 
 /// Remembers what it hears: names, and the numbers that the user information gives.

@@ -186,13 +186,16 @@ public:
     static std::optional<std::string> removePrefix_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
 
-    // User ids and names have no rules of their own: these four only hand on to the two above.
+    /// As `addPrefix_forPrefix`: user ids have no rule of their own.
     static std::optional<std::string> addPrefixUId_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    /// As `removePrefix_forPrefix`: user ids have no rule of their own.
     static std::optional<std::string> removePrefixUId_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    /// As `addPrefix_forPrefix`: names have no rule of their own.
     static std::optional<std::string> addPrefixName_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
+    /// As `removePrefix_forPrefix`: names have no rule of their own.
     static std::optional<std::string> removePrefixName_forPrefix(
         std::optional<std::string_view> text, std::optional<std::string_view> prefix);
 

@@ -1,5 +1,6 @@
 #include <OKVDataManager/okvDataManager.h>
 
+#include <OKVDataManager/Endpoints.h>
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
@@ -473,15 +474,9 @@ okv::Array okvDataManager::systemWhiteProcs() {
 
 // ---- Service endpoints ----
 
-struct okvDataManager::Endpoint {
-    const char* key;
-    const char* standard;  // ports are texts, read in the same way as a stored value
-};
+struct okvDataManager::Endpoint : okv::ServiceEndpoint {};
 
 namespace {
-
-// The ports that mean the secure scheme, in the order in which they are compared.
-constexpr const char* kSecurePorts[] = {"443", "21079"};
 
 std::optional<std::string> hostOf(std::string_view url) {
     UriUriA uri;
@@ -517,38 +512,35 @@ std::int32_t okvDataManager::portAt(const Endpoint& endpoint) const {
 }
 
 std::string okvDataManager::arsEncodekey() const {
-    return textAt({"dc-syscmnf-ars2_encodekey", ""});
+    return textAt({okv::kArsEncodekey});
 }
 std::string okvDataManager::arsServHost() const {
-    return textAt({"dc-syscmnf-ars2_server_host", OKV_DEFAULT_ARS_HOST});
+    return textAt({okv::kArsServHost});
 }
 std::int32_t okvDataManager::arsServPort() const {
-    return portAt({"dc-syscmnf-ars2_server_port", "80"});
+    return portAt({okv::kArsServPort});
 }
 std::int32_t okvDataManager::arsLogServPort() const {
-    return portAt({"dc-syscmnf-ars2_logserver_port", "20083"});
+    return portAt({okv::kArsLogServPort});
 }
 std::string okvDataManager::settingServHost() const {
-    return textAt({"dc-syscmnf-setting_server_host", OKV_DEFAULT_SETTING_HOST});
+    return textAt({okv::kSettingServHost});
 }
 std::int32_t okvDataManager::settingServPort() const {
-    return portAt({"dc-syscmnf-setting_server_port", "443"});
+    return portAt({okv::kSettingServPort});
 }
 std::string okvDataManager::passwdForgotUrl() const {
-    return textAt({"dc-syscmnf-passwd_forgot_url", ""});
+    return textAt({okv::kPasswdForgotUrl});
 }
 std::string okvDataManager::pgUpdateServUrl() const {
-    return textAt({"dc-syscmnf-pg_update_server_url", ""});
+    return textAt({okv::kPgUpdateServUrl});
 }
 std::string okvDataManager::fdUpdateServUrl() const {
-    return textAt({"dc-syscmnf-fd_update_server_url", ""});
+    return textAt({okv::kFdUpdateServUrl});
 }
 
 std::string okvDataManager::checkHTTPProtocol(std::int32_t port) const {
-    for (const char* secure : kSecurePorts) {
-        if (okv::intValueOf(secure) == port) return "https";
-    }
-    return "http";
+    return okv::schemeOfPort(port);
 }
 
 bool okvDataManager::isOKVServer(std::string_view url) const {
@@ -565,13 +557,13 @@ std::string okvDataManager::settingBaseUrl() const {
 }
 
 std::string okvDataManager::loginTopUrl() const {
-    return settingBaseUrl() + "/kv6/login";
+    return settingBaseUrl() + okv::kLoginTop.path;
 }
 std::string okvDataManager::forgotPasswdUrl() const {
-    return settingBaseUrl() + "/kv6/forgot";
+    return settingBaseUrl() + okv::kForgotPasswd.path;
 }
 std::string okvDataManager::bpCancelUrl() const {
-    return settingBaseUrl() + "/kv6/cancel_url/request";
+    return settingBaseUrl() + okv::kBpCancel.path;
 }
 
 // ---- Presence of the data server ----

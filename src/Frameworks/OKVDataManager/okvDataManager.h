@@ -20,7 +20,7 @@ inline constexpr char kOKVDataServerName[] = "jp.nrm.okv6.dataConnection";
 inline constexpr char kOKVSettingNotification[] = "jp.nrm.okv6.notification";
 
 /// What the data server's root object answers. The data manager sends all of it but the methods
-/// marked "served, never sent by the data manager". Two ways of carrying a user id stand side by
+/// marked "never sent by the data manager". Two ways of carrying a user id stand side by
 /// side on purpose: the settings by key and `userAppuidPT`, `setUseridPT_applyUid`, `delUseridPT`
 /// take a plain int; the per-user lists, `setCurrentUserIdPT`, `setCurrentUserIdForOSPT` and
 /// `removeUserInfoPT` a number object. Six names lack the ending PT; they are meant so. No method
@@ -30,69 +30,120 @@ public:
     virtual ~OKVDataMng_protocol() = default;
 
     // Clients and server control
+    /// Counts the connection as a client's, once however often it is sent, and tells it later to
+    /// disconnect; NO when the server is ending.
     virtual bool registerAsClient(okv::RemoteObject& client) = 0;
-    virtual void removeAsClient(
-        okv::RemoteObject& client) = 0;       // served, never sent by the data manager
-    virtual std::int32_t connectCount() = 0;  // served, never sent by the data manager
-    virtual void endServer() = 0;             // served, never sent by the data manager
+    /// Forgets the client. Never sent by the data manager.
+    virtual void removeAsClient(okv::RemoteObject& client) = 0;
+    /// How many connections are registered. Never sent by the data manager.
+    virtual std::int32_t connectCount() = 0;
+    /// Sends `disConnectSrv` to every registered client, then ends the server. Never sent by the
+    /// data manager.
+    virtual void endServer() = 0;
 
     // Settings by key
+    /// Everybody's value of the key, or the null object.
     virtual okv::Value okvDataPT(const okv::Value& key) = 0;
-    virtual okv::Value okvDataPT_osUid(
-        const okv::Value& key, std::int32_t osUid) = 0;  // served, never sent by the data manager
+    /// The value for the account's user, else for the default user. Never sent by the data manager.
+    virtual okv::Value okvDataPT_osUid(const okv::Value& key, std::int32_t osUid) = 0;
+    /// The value for the user: its own, else everybody's, else the null object.
     virtual okv::Value okvDataPT_appUid(const okv::Value& key, std::int32_t appUid) = 0;
-    virtual okv::Value okvDataAllPT(
-        const okv::Value& keys) = 0;  // served, never sent by the data manager
-    virtual okv::Value okvDataAllPT_osUid(
-        const okv::Value& keys, std::int32_t osUid) = 0;  // served, never sent by the data manager
+    /// Everybody's values of an array of keys: a dictionary, the null object where there is none;
+    /// nil when it is no array of strings. Never sent by the data manager.
+    virtual okv::Value okvDataAllPT(const okv::Value& keys) = 0;
+    /// The same for the account's user, else for the default user. Never sent by the data manager.
+    virtual okv::Value okvDataAllPT_osUid(const okv::Value& keys, std::int32_t osUid) = 0;
+    /// The same for the user.
     virtual okv::Value okvDataAllPT_appUid(const okv::Value& keys, std::int32_t appUid) = 0;
+    /// Stores the user's value; the null object takes it away. NO when it was not stored.
     virtual bool setOKVDataPT_value_appUid(const okv::Value& key, const okv::Value& value,
                                            std::int32_t appUid) = 0;
+    /// The same for the account's user; NO when the account has none.
     virtual bool setOKVDataPT_value_osUid(const okv::Value& key, const okv::Value& value,
                                           std::int32_t osUid) = 0;
+    /// Stores a dictionary of keys to values, all or, with NO, none.
     virtual bool setOKVDataAllPT_appUid(const okv::Value& settings, std::int32_t appUid) = 0;
+    /// The same for the account's user; NO when the account has none.
     virtual bool setOKVDataAllPT_osUid(const okv::Value& settings, std::int32_t osUid) = 0;
+    /// Reads the store again; NO keeps what was read before.
     virtual bool reloadDataPT() = 0;
-    virtual okv::Value filterSettingsDataPT() = 0;  // served, never sent by the data manager
-    virtual okv::Value systemConfDataPT() = 0;      // served, never sent by the data manager
-    virtual okv::Value cmnSettingsDataPT() = 0;     // served, never sent by the data manager
+    /// Everybody's values of all groups but "cmnset" and "syscmnf", key to value. Never sent by the
+    /// data manager.
+    virtual okv::Value filterSettingsDataPT() = 0;
+    /// Everybody's values of the group "syscmnf", key to value. Never sent by the data manager.
+    virtual okv::Value systemConfDataPT() = 0;
+    /// Everybody's values of the group "cmnset", key to value. Never sent by the data manager.
+    virtual okv::Value cmnSettingsDataPT() = 0;
+    /// Stores for everybody whether the agent is started by itself.
     virtual bool setAgentAutoRunPT(bool flag) = 0;
 
     // Per-user lists
+    /// The user's own settings as they are stored, as a whole; nil without them. The three below
+    /// answer in the same way.
     virtual okv::Value okvUserSettingPT(const okv::Value& user) = 0;
+    /// Replaces them; NO for an unknown user. The three below answer in the same way.
     virtual bool setOkvUserSettingPT_value(const okv::Value& user, const okv::Value& list) = 0;
+    /// The user's content words.
     virtual okv::Value okvContentsWordsPT(const okv::Value& user) = 0;
+    /// Replaces them.
     virtual bool setOkvContentsWordsPT_value(const okv::Value& user, const okv::Value& list) = 0;
+    /// The user's list for the process blocker.
     virtual okv::Value okvHammerListPT(const okv::Value& user) = 0;
+    /// Replaces it.
     virtual bool setOkvHammerListPT_value(const okv::Value& user, const okv::Value& list) = 0;
+    /// The user's blocked extensions.
     virtual okv::Value okvBlackExtensionListPT(const okv::Value& user) = 0;
+    /// Replaces them.
     virtual bool setOkvBlackExtensionListPT_value(const okv::Value& user,
                                                   const okv::Value& list) = 0;
 
     // Filtering process lists
+    /// The filter's white list: process names to identifiers.
     virtual okv::Value okvFltProcWhiteListPT() = 0;
+    /// The filter's black list, in the same form.
     virtual okv::Value okvFltProcBlackListPT() = 0;
+    /// The web processes to kill, in the same form.
     virtual okv::Value okvKillWebProcListPT() = 0;
 
     // User identities
+    /// The default user.
     virtual std::int32_t defaultUserIdPT() = 0;
+    /// The user last set for the caller's account, else the account's user, else the one that is
+    /// current for all.
     virtual std::int32_t currentUserIdPT() = 0;
+    /// The highest id ever given.
     virtual std::int32_t maxUserIdPT() = 0;
+    /// Makes the user current for all; NO for an unknown one.
     virtual bool setCurrentUserIdPT(const okv::Value& user) = 0;
+    /// Makes the user current for the caller's account, and posts a notice; NO for an unknown one.
     virtual bool setCurrentUserIdForOSPT(const okv::Value& user) = 0;
+    /// The account's user, else the default user.
     virtual std::int32_t userAppuidPT(std::int32_t osUid) = 0;
+    /// Gives the account the user, made where it is new, and posts a notice. Nothing for ids below
+    /// 1 and negative accounts.
     virtual void setUseridPT_applyUid(std::int32_t osUid, std::int32_t appUid) = 0;
+    /// Takes the account's user away; answers which it was, or -1.
     virtual std::int32_t delUseridPT(std::int32_t osUid) = 0;
+    /// Accounts to users, a dictionary of numbers.
     virtual okv::Value uidListPT() = 0;
+    /// The users' ids, ascending.
     virtual okv::Value useridAppListPT() = 0;
-    virtual void useridUpdatePT() = 0;  // served, never sent by the data manager
+    /// Reads users and accounts from the store again. Never sent by the data manager.
+    virtual void useridUpdatePT() = 0;
+    /// Removes the user with values, lists and assignments; NO for the default user and unknown
+    /// ones.
     virtual bool removeUserInfoPT(const okv::Value& user) = 0;
+    /// Removes all users but the default one, which is emptied.
     virtual void removeUserInfoAllPT() = 0;
 
     // Server clock
+    /// The server's clock, a date; nil until it was set.
     virtual okv::Value serverTimePT() = 0;
+    /// Sets the server's clock to a date.
     virtual void setServerTimePT(const okv::Value& date) = 0;
+    /// Has the server's clock run with real time, also over a restart.
     virtual void startServerTimeTimer() = 0;
+    /// Has the server's clock stand.
     virtual void stopServerTimeTimer() = 0;
 };
 
@@ -206,6 +257,7 @@ public:
 
     // ---- Life and connection ----
 
+    /// Not connected; `init` or `initialize` comes next.
     okvDataManager();
     /// Connects and seeds the session user. Answers this, or null when there is no connection: then
     /// the instance has been released.
@@ -236,11 +288,17 @@ public:
 
     // ---- User identities: every operation asks the server anew ----
 
+    /// The server's default user.
     std::int32_t defaultUserId() const;
+    /// The user that this process's account acts for, as the server has it.
     std::int32_t currentUserId() const;
+    /// The highest id that the server ever gave.
     std::int32_t maxUserId() const;
+    /// Makes the user current for all accounts; NO where the server does not.
     bool setCurrentUserId(std::int32_t appUid);
+    /// Makes the user current for this process's account; NO where the server does not.
     bool setCurrentUserIdForOS(std::int32_t appUid);
+    /// Gives the account (first) the application user (second), which is made where it is new.
     void setUserid_applyUid(std::int32_t userId, std::int32_t appUid);
     /// The server's integer as it comes, negative ones included.
     std::int32_t delUserid(std::int32_t userId);
@@ -248,7 +306,9 @@ public:
     okv::Value userIdOSList() const;
     /// The application users; nil, not an empty array, when the server gives none.
     okv::Value userIdList() const;
+    /// Removes all users but the default one, which is emptied.
     void removeUserInfoAll();
+    /// Removes the user with all that is stored for it; NO for the default user and unknown ones.
     bool removeUserInfo(std::int32_t appUid);
     /// Whether the id is among the application users.
     bool isUserId(std::int32_t appUid) const;
@@ -259,6 +319,7 @@ public:
 
     /// Stores the id unchecked.
     void setNowSessionUserId(std::int32_t appUid);
+    /// The session user as it stands; nothing is asked.
     std::int32_t nowSessionUserId() const;
     /// Makes the server's default user the session user when the id is no known user; answers
     /// whether it did. The id is only tested, never stored.
@@ -267,10 +328,13 @@ public:
     /// missing entry reads as 0) when it concerns this process's real uid. Anything but a
     /// dictionary is ignored.
     void updateSessionUserId(const okv::Value& userInformation);
+    /// Sets the server's clock. Whatever the value is, nil included, is sent.
     void setServerTime(const okv::Value& date);
     /// The server's clock, or the local one where the server has no answer.
     okv::Date serverTime() const;
+    /// Has the server's clock run with real time.
     void startServerTimeTimer();
+    /// Has the server's clock stand.
     void stopServerTimeTimer();
 
     // ---- Settings. Reads for the session user make sure that it still exists; writes take it as
@@ -280,7 +344,9 @@ public:
     /// the run loop of the calling thread. No record is kept here, and nothing here undoes it.
     void registerAsSettingNotifi_object(OKVSettingObserver& observer,
                                         const okv::Value& object = {});
+    /// Has the server read its store again; NO when it could not.
     bool reloadOKVData();
+    /// The account's application user, else the default user.
     std::int32_t userAppuid(std::int32_t osUid) const;
     /// The null object for an empty key, else what the server answers, nil included.
     okv::Value okvData(std::string_view key);
@@ -288,60 +354,94 @@ public:
     okv::Value okvDataAll(const okv::Value& keys);
     /// NO when the key or the value is missing (nil); an empty key and the null object are sent.
     bool setOKVData_value(std::optional<std::string_view> key, const okv::Value& value);
+    /// The same for this user.
     bool setOKVData_value_appUid(std::optional<std::string_view> key, const okv::Value& value,
                                  std::int32_t appUid);
+    /// The same for this account's user.
     bool setOKVData_value_osUid(std::optional<std::string_view> key, const okv::Value& value,
                                 std::int32_t osUid);
     /// NO when the settings are missing (nil); an empty collection is sent.
     bool setOKVDataAll(const okv::Value& settings);
+    /// The same for this user.
     bool setOKVDataAll_appUid(const okv::Value& settings, std::int32_t appUid);
+    /// The same for this account's user.
     bool setOKVDataAll_osUid(const okv::Value& settings, std::int32_t osUid);
+    /// Stores whether the agent is started by itself; NO when the server did not.
     bool setAgentRun(bool flag);
     /// The boolean reading of "dc-cmnset-common_filter_off"; NO without a value or with the null
     /// object.
     bool isFilterOff();
 
-    // ---- Per-user lists: for the session user, for the account of the effective uid, for any user
-    // ----
+    // ---- Per-user lists: for the session user, for the account of the effective uid, for any
+    // user. What is in them is carried, and neither read nor checked here ----
 
+    /// What is stored as the session user's own settings, as a whole, after making sure of the
+    /// user; nil without it.
     okv::Value okvCurrentUserSetting();
+    /// The same for the user of the account of the effective uid.
     okv::Value okvCurrentUserSetting2OSUid() const;
+    /// The same for this user.
     okv::Value okvUserSetting(std::int32_t appUid) const;
+    /// Replaces it; NO for nil, which is not sent, and where the server does not.
     bool setOkvUserSetting_value(std::int32_t appUid, const okv::Value& value);
+    /// The session user's content words, as `okvCurrentUserSetting`.
     okv::Value okvCurrentContentsWords();
+    /// The same for the user of the account of the effective uid.
     okv::Value okvCurrentContentsWords2OSUid() const;
+    /// The same for this user.
     okv::Value okvContentsWords(std::int32_t appUid) const;
+    /// Replaces it; NO for nil, which is not sent, and where the server does not.
     bool setOkvContentsWords_value(std::int32_t appUid, const okv::Value& value);
+    /// The session user's list for the process blocker, as `okvCurrentUserSetting`.
     okv::Value okvCurrentHammerList();
+    /// The same for the user of the account of the effective uid.
     okv::Value okvCurrentHammerList2OSUid() const;
+    /// The same for this user.
     okv::Value okvHammerList(std::int32_t appUid) const;
+    /// Replaces it; NO for nil, which is not sent, and where the server does not.
     bool setOkvHammerList_value(std::int32_t appUid, const okv::Value& value);
+    /// The session user's blocked extensions, as `okvCurrentUserSetting`.
     okv::Value okvCurrentBlackExtensionList();
+    /// The same for the user of the account of the effective uid.
     okv::Value okvCurrentBlackExtensionList2OSUid() const;
+    /// The same for this user.
     okv::Value okvBlackExtensionList(std::int32_t appUid) const;
+    /// Replaces it; NO for nil, which is not sent, and where the server does not.
     bool setOkvBlackExtensionList_value(std::int32_t appUid, const okv::Value& value);
 
     // ---- Process lists: the values of the server's dictionary; empty for any other answer ----
 
+    /// The identifiers of the web processes to kill.
     okv::Array okvKillWebProcList() const;
+    /// The identifiers of the filter's black list.
     okv::Array okvFltProcBlackList() const;
+    /// The identifiers of the filter's white list.
     okv::Array okvFltProcWhiteList() const;
-    /// The compiled-in lists; they need neither an instance nor a server.
+    /// The compiled-in names of processes to block; it needs neither an instance nor a server.
     static okv::Array systemBlackProcs();
+    /// The compiled-in names of those that must never be blocked; as above.
     static okv::Array systemWhiteProcs();
 
     // ---- Service endpoints: read anew at every call, with a fixed default where nothing is stored
     // ----
 
+    /// The key for the ARS server; "" where none is stored.
     std::string arsEncodekey() const;
+    /// The ARS server's name, else the one built in.
     std::string arsServHost() const;
+    /// The ARS server's port, else 80.
     std::int32_t arsServPort() const;
+    /// The port of the ARS log server, else 20083.
     std::int32_t arsLogServPort() const;
+    /// The setting server's name, else the one built in.
     std::string settingServHost() const;
+    /// The setting server's port, else 443.
     std::int32_t settingServPort() const;
     /// A stored address; not to be confused with `forgotPasswdUrl`, which is built.
     std::string passwdForgotUrl() const;
+    /// What is stored under "dc-syscmnf-pg_update_server_url", an address; "" without it.
     std::string pgUpdateServUrl() const;
+    /// What is stored under "dc-syscmnf-fd_update_server_url", an address; "" without it.
     std::string fdUpdateServUrl() const;
     /// "https" for the ports 443 and 21079, else "http".
     std::string checkHTTPProtocol(std::int32_t port) const;
@@ -350,8 +450,11 @@ public:
     bool isOKVServer(std::string_view url) const;
     /// Scheme, host and port of the setting server; the port is always written.
     std::string settingBaseUrl() const;
+    /// `settingBaseUrl` with "/kv6/login".
     std::string loginTopUrl() const;
+    /// `settingBaseUrl` with "/kv6/forgot".
     std::string forgotPasswdUrl() const;
+    /// `settingBaseUrl` with "/kv6/cancel_url/request".
     std::string bpCancelUrl() const;
 
     // ---- Presence of the data server ----

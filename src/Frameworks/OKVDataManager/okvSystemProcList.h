@@ -29,11 +29,14 @@ class OKV_EXPORT okvSystemProcList final {
 public:
     okvSystemProcList() = delete;
 
-    /// Process name to identifier, one entry a row, in table order.
+    /// Process name to identifier of those that must never be blocked, one entry a row, in table
+    /// order.
     static okv::Dictionary sysBlockProcWhiteListInfo();
+    /// The same of those to block: empty as it ships.
     static okv::Dictionary sysBlockProcBlackListInfo();
 
-    /// The process names alone, in table order.
+    /// The names alone of the processes that must never be blocked, in table order.
     static okv::Array sysBlockProcWhiteLists();
+    /// The same of those to block: empty as it ships.
     static okv::Array sysBlockProcBlackLists();
 };

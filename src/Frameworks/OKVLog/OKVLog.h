@@ -21,8 +21,9 @@ namespace okv {
 /// The level in force when a process sets none.
 inline constexpr int kDefaultLogLevel = 10;
 
-/// Sets and tells the process's level in force: texts of a higher level are not written.
+/// Sets the process's level in force: texts of a higher level are not written. Any thread.
 OKV_EXPORT void setLogLevel(int level) noexcept;
+/// The process's level in force. Any thread.
 OKV_EXPORT int logLevel() noexcept;
 
 /// What a sink is given: the level and the text alone, as it was formatted.

@@ -42,7 +42,10 @@ public:
         bool vendsRootObject = true;
     };
 
+    /// Serves when it returns. Throws std::runtime_error with the reason when the name cannot be
+    /// had.
     FakeDataServer() : FakeDataServer(Options{}) {}
+    /// As above; without a root object clients find a server that vends none.
     explicit FakeDataServer(Options options);
     FakeDataServer(const FakeDataServer&) = delete;
     FakeDataServer& operator=(const FakeDataServer&) = delete;
@@ -50,6 +53,7 @@ public:
 
     /// Answers this from now on; an int stands for an int result too, a bool for a BOOL.
     void answer(const std::string& selector, Value value);
+    /// Answers what the function makes of the message, called on the service's thread, from now on.
     void answerBy(const std::string& selector, Behaviour behaviour);
     /// Answers the bytes as a reply's payload, whatever they are.
     void answerPayload(const std::string& selector, std::string payload);
@@ -57,6 +61,7 @@ public:
     void answerGarbage(const std::string& selector);
     /// Hangs up when this message comes, without an answer.
     void hangUpAt(const std::string& selector);
+    /// Answers NO to every client that registers, from now on.
     void refuseRegistration() { answer("registerAsClient:", false); }
 
     /// Sends `disConnectSrv` to every registered client.
@@ -65,10 +70,14 @@ public:
     void closeConnections();
     /// Withdraws the name and closes every connection; `start` publishes anew.
     void stop();
+    /// Publishes; throws as the constructor does.
     void start();
 
+    /// All messages since the record was last emptied, in the order in which they came.
     std::vector<ReceivedMessage> messages() const;
+    /// Their selectors alone.
     std::vector<std::string> selectors() const;
+    /// How many of them had this selector.
     std::size_t count(const std::string& selector) const;
     /// Empties the record.
     void forget() { takeMessages(); }

@@ -10,11 +10,14 @@ namespace okv::testing {
 /// away. The process's environment points to it while it lives, and the folder goes with it.
 class OKV_EXPORT RuntimeFolder {
 public:
+    /// Makes the folder below the system's temporary one. Throws std::system_error. Other threads
+    /// must not read the environment meanwhile.
     RuntimeFolder();
     RuntimeFolder(const RuntimeFolder&) = delete;
     RuntimeFolder& operator=(const RuntimeFolder&) = delete;
     ~RuntimeFolder();
 
+    /// Where it lies.
     const std::filesystem::path& path() const noexcept { return path_; }
 
 private:

@@ -28,6 +28,7 @@ public:
     void on(const Task& task);
     /// Withdraws the name and closes every connection.
     void stop();
+    /// Why the name could not be had; empty when it was.
     const std::string& failure() const noexcept { return failure_; }
 
 private:

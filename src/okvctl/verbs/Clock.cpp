@@ -28,20 +28,21 @@ ExitCode set(Call& call) {
     return ExitCode::done;
 }
 
-ExitCode start(Call& call) {
+template <auto Method>
+ExitCode letRun(Call& call, bool running) {
     expectOperands(call, 1, 1, "");
     expectFormats(call, kConfirmFormats);
-    call.server.ask<&Data::startServerTimeTimer>("the clock");
-    confirm(call, "running", true);
+    call.server.ask<Method>("the clock");
+    confirm(call, "running", running);
     return ExitCode::done;
 }
 
+ExitCode start(Call& call) {
+    return letRun<&Data::startServerTimeTimer>(call, true);
+}
+
 ExitCode stop(Call& call) {
-    expectOperands(call, 1, 1, "");
-    expectFormats(call, kConfirmFormats);
-    call.server.ask<&Data::stopServerTimeTimer>("the clock");
-    confirm(call, "running", false);
-    return ExitCode::done;
+    return letRun<&Data::stopServerTimeTimer>(call, false);
 }
 
 constexpr Action kActions[] = {{"get", get}, {"set", set}, {"start", start}, {"stop", stop}};

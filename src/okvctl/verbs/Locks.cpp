@@ -8,20 +8,21 @@ namespace {
 
 using Admin = OKVDataAdmin_protocol;
 
-ExitCode lock(Call& call) {
+template <auto Method>
+ExitCode change(Call& call, const std::string& done) {
     const auto keys = keysOf(call);
     expectFormats(call, kConfirmFormats);
-    call.server.change<&Admin::lockOKVDataPT>(subjectOf(call.operands()), "not locked", keys);
-    confirm(call, "locked", keys);
+    call.server.change<Method>(subjectOf(call.operands()), "not " + done, keys);
+    confirm(call, done, keys);
     return ExitCode::done;
 }
 
+ExitCode lock(Call& call) {
+    return change<&Admin::lockOKVDataPT>(call, "locked");
+}
+
 ExitCode unlock(Call& call) {
-    const auto keys = keysOf(call);
-    expectFormats(call, kConfirmFormats);
-    call.server.change<&Admin::unlockOKVDataPT>(subjectOf(call.operands()), "not unlocked", keys);
-    confirm(call, "unlocked", keys);
-    return ExitCode::done;
+    return change<&Admin::unlockOKVDataPT>(call, "unlocked");
 }
 
 ExitCode list(Call& call) {

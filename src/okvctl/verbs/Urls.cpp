@@ -2,7 +2,7 @@
 #include "../Printing.h"
 #include "Verbs.h"
 
-#include <algorithm>
+#include <OKVDataManager/Endpoints.h>
 
 namespace okvctl {
 
@@ -10,39 +10,7 @@ namespace {
 
 using okv::Value;
 
-// The suite's own names for its endpoints, with the defaults that its processes use.
-struct Endpoint {
-    const char* name;
-    const char* key;
-    const char* standard;
-    bool isPort;
-};
-
-constexpr Endpoint kEndpoints[] = {
-    {"arsEncodekey", "dc-syscmnf-ars2_encodekey", "", false},
-    {"arsServHost", "dc-syscmnf-ars2_server_host", OKV_DEFAULT_ARS_HOST, false},
-    {"arsServPort", "dc-syscmnf-ars2_server_port", "80", true},
-    {"arsLogServPort", "dc-syscmnf-ars2_logserver_port", "20083", true},
-    {"settingServHost", "dc-syscmnf-setting_server_host", OKV_DEFAULT_SETTING_HOST, false},
-    {"settingServPort", "dc-syscmnf-setting_server_port", "443", true},
-    {"passwdForgotUrl", "dc-syscmnf-passwd_forgot_url", "", false},
-    {"pgUpdateServUrl", "dc-syscmnf-pg_update_server_url", "", false},
-    {"fdUpdateServUrl", "dc-syscmnf-fd_update_server_url", "", false},
-};
-
-struct Page {
-    const char* name;
-    const char* path;
-};
-
-constexpr Page kPages[] = {{"settingBaseUrl", ""},
-                           {"loginTopUrl", "/kv6/login"},
-                           {"forgotPasswdUrl", "/kv6/forgot"},
-                           {"bpCancelUrl", "/kv6/cancel_url/request"}};
-
-constexpr std::int32_t kSecurePorts[] = {443, 21079};
-
-Value readAs(const Endpoint& endpoint, const Value& stored) {
+Value readAs(const okv::ServiceEndpoint& endpoint, const Value& stored) {
     if (endpoint.isPort) {
         return stored.isMissing() ? okv::intValueOf(endpoint.standard) : stored.intValue();
     }
@@ -53,21 +21,19 @@ Value readAs(const Endpoint& endpoint, const Value& stored) {
 
 void addPages(okv::Dictionary& urls) {
     const auto port = urls["settingServPort"].intValue();
-    const bool secure =
-        std::find(std::begin(kSecurePorts), std::end(kSecurePorts), port) != std::end(kSecurePorts);
-    const auto base = std::string(secure ? "https" : "http") + "://" +
+    const auto base = std::string(okv::schemeOfPort(port)) + "://" +
                       urls["settingServHost"].as<std::string>() + ":" + std::to_string(port);
-    for (const auto& page : kPages) urls.set(page.name, base + page.path);
+    for (const auto& page : okv::kServicePages) urls.set(page.name, base + page.path);
 }
 
 ExitCode run(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     okv::Array keys;
-    for (const auto& endpoint : kEndpoints) keys.emplace_back(endpoint.key);
+    for (const auto& endpoint : okv::kServiceEndpoints) keys.emplace_back(endpoint.key);
     const auto answer = call.server.ask<&OKVDataMng_protocol::okvDataAllPT>("", keys);
     okv::Dictionary urls;
-    for (const auto& endpoint : kEndpoints)
+    for (const auto& endpoint : okv::kServiceEndpoints)
         urls.set(endpoint.name, readAs(endpoint, dictionaryIn(answer)[endpoint.key]));
     addPages(urls);
     Table table;

@@ -86,18 +86,20 @@ ExitCode remove(Call& call) {
     return ExitCode::done;
 }
 
-ExitCode showDefault(Call& call) {
+template <auto Method>
+ExitCode showId(Call& call, std::string_view name) {
     expectOperands(call, 1, 1, "");
     expectFormats(call, kValueFormats);
-    printId(call, "default", call.server.ask<&Data::defaultUserIdPT>(""));
+    printId(call, name, call.server.ask<Method>(""));
     return ExitCode::done;
 }
 
+ExitCode showDefault(Call& call) {
+    return showId<&Data::defaultUserIdPT>(call, "default");
+}
+
 ExitCode showHighest(Call& call) {
-    expectOperands(call, 1, 1, "");
-    expectFormats(call, kValueFormats);
-    printId(call, "max", call.server.ask<&Data::maxUserIdPT>(""));
-    return ExitCode::done;
+    return showId<&Data::maxUserIdPT>(call, "max");
 }
 
 ExitCode current(Call& call) {

@@ -174,12 +174,21 @@ TEST(TheInterval, OfZeroMakesNone) {
     EXPECT_FALSE(std::filesystem::exists(backupFolder(server)));
 }
 
-TEST(AWrite, IsAcknowledgedWhileABackupIsUnderWay) {
-    ServerProcess server;
+namespace {
+
+// So large that copying it takes a while; no server runs on it, and there is no backup.
+void leaveALargeStore(ServerProcess& server) {
     ASSERT_TRUE(server.start({"--backup-interval", "0"}));
     server.signal(SIGTERM);
     server.wait();
     fill(server, 20, 5000);
+}
+
+}  // namespace
+
+TEST(AWrite, IsAcknowledgedWhileABackupIsUnderWay) {
+    ServerProcess server;
+    leaveALargeStore(server);
     ASSERT_TRUE(server.start({"--backup-interval", "1"}));
     const auto root = connect();
     int number = 0;
@@ -194,10 +203,7 @@ TEST(AWrite, IsAcknowledgedWhileABackupIsUnderWay) {
 
 TEST(AnEndingServer, GivesABackupUpAndLeavesNothingOfIt) {
     ServerProcess server;
-    ASSERT_TRUE(server.start({"--backup-interval", "0"}));
-    server.signal(SIGTERM);
-    server.wait();
-    fill(server, 20, 5000);
+    leaveALargeStore(server);
     ASSERT_TRUE(server.start());
     ASSERT_TRUE(eventually(
         [&] { return std::filesystem::exists(unfinished(server)) || !backupsOf(server).empty(); }));

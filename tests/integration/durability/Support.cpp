@@ -8,9 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -32,13 +30,6 @@ Ran run(const ServerProcess& server, const std::string& program,
             bytesOf(server.file("complained"))};
 }
 
-// A preloaded library comes before the sanitizer's, which otherwise refuses to run.
-std::string sanitizerOptions() {
-    const char* given = std::getenv("ASAN_OPTIONS");
-    return (given != nullptr ? std::string(given) + ":" : std::string()) +
-           "verify_asan_link_order=0";
-}
-
 }  // namespace
 
 Ran runServer(const ServerProcess& server, const std::vector<std::string>& more) {
@@ -50,17 +41,6 @@ Ran runServer(const ServerProcess& server, const std::vector<std::string>& more)
 
 Ran runTool(const ServerProcess& server, const std::vector<std::string>& words) {
     return run(server, OKV_OKVCTL, words);
-}
-
-std::string bytesOf(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << stream.rdbuf();
-    return bytes.str();
-}
-
-void write(const std::string& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary) << bytes;
 }
 
 void change(const std::string& database, const std::string& script) {
@@ -130,7 +110,7 @@ void fill(const ServerProcess& server, int users, int settingsOfEach) {
 BreakableDisk::BreakableDisk(const ServerProcess& server)
     : switch_(server.file("disk-error")),
       preload_("LD_PRELOAD", OKV_FAILING_DISK),
-      check_("ASAN_OPTIONS", sanitizerOptions()),
+      check_("ASAN_OPTIONS", faults::optionsForPreloading()),
       file_("OKV_DISK_ERROR_FILE", switch_),
       folder_("OKV_DISK_ERROR_BELOW", server.storeFile()) {}
 

@@ -2,6 +2,8 @@
 
 #include "../faults/Support.h"
 
+#include "support/Files.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -9,6 +11,9 @@
 #include <vector>
 
 namespace durability {
+
+using support::bytesOf;
+using support::write;
 
 /// How a run of a program ended, and what it said.
 struct Ran {
@@ -22,8 +27,6 @@ Ran runServer(const ServerProcess& server, const std::vector<std::string>& more)
 /// `okvctl`, to its end.
 Ran runTool(const ServerProcess& server, const std::vector<std::string>& words);
 
-std::string bytesOf(const std::string& file);
-void write(const std::string& file, const std::string& bytes);
 /// Runs a script on a database file that no server has open.
 void change(const std::string& database, const std::string& script);
 

@@ -1,19 +1,17 @@
 #include "Support.h"
 
+#include "support/Sockets.h"
+
 #include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <grp.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 using namespace faults;
@@ -24,10 +22,6 @@ namespace {
 constexpr uid_t kNobody = 65534;
 constexpr uid_t kSomebody = 12345;
 constexpr uid_t kSomebodyElse = 12346;
-
-bool becomeAccount(uid_t uid) {
-    return setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0;
-}
 
 std::string makeFolderOf(uid_t uid, const std::string& path) {
     std::filesystem::create_directory(path);
@@ -43,8 +37,7 @@ public:
         runtimeFolder_ = folder + "/run";
         int output[2];
         if (pipe(output) != 0) throw std::runtime_error("no pipe");
-        pid_ = fork();
-        if (pid_ == 0) serve(uid, folder, output[1], listener);
+        pid_ = support::startChild([&] { serve(uid, folder, output[1], listener); });
         close(output[1]);
         char text[6] = {};
         isReady_ = read(output[0], text, sizeof text) == 6;
@@ -61,8 +54,7 @@ public:
 
 private:
     [[noreturn]] void serve(uid_t uid, const std::string& folder, int output, int listener) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (!becomeAccount(uid)) _exit(126);
+        if (!support::becomeAccount(uid)) _exit(126);
         dup2(output, STDOUT_FILENO);
         if (listener >= 0) {
             dup2(listener, 3);
@@ -80,53 +72,60 @@ private:
     bool isReady_ = false;
 };
 
+/// A message of one byte that carries one descriptor.
+class DescriptorMessage {
+public:
+    DescriptorMessage() {
+        message_.msg_iov = &text_;
+        message_.msg_iovlen = 1;
+        message_.msg_control = control_;
+        message_.msg_controllen = sizeof control_;
+    }
+    DescriptorMessage(const DescriptorMessage&) = delete;
+    DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+
+    bool send(int socket, int descriptor) {
+        auto* header = CMSG_FIRSTHDR(&message_);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof descriptor);
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+        return sendmsg(socket, &message_, 0) == 1;
+    }
+    /// The descriptor; -1 when none came.
+    int receive(int socket) {
+        int descriptor = -1;
+        if (recvmsg(socket, &message_, 0) != 1) return descriptor;
+        if (const auto* header = CMSG_FIRSTHDR(&message_); header != nullptr)
+            std::memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+        return descriptor;
+    }
+
+private:
+    char byte_ = 0;
+    iovec text_{&byte_, 1};
+    alignas(cmsghdr) char control_[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message_{};
+};
+
+void listenAndHandOver(uid_t uid, const std::string& path, int receiver) {
+    const int made = support::becomeAccount(uid) ? socket(AF_UNIX, SOCK_STREAM, 0) : -1;
+    if (!support::bindTo(path, made) || chmod(path.c_str(), 0666) != 0 || listen(made, 8) != 0 ||
+        !DescriptorMessage().send(receiver, made))
+        throw std::runtime_error("no listener at " + path);
+}
+
 // A listening socket at the data server's name, made in a process of another account and handed
 // over by it, which then ends.
 int listenerMadeBy(uid_t uid, const std::string& folder) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return -1;
-    const auto maker = fork();
-    if (maker == 0) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        (folder + "/" + kOKVDataServerName).copy(address.sun_path, sizeof address.sun_path - 1);
-        const int made = becomeAccount(uid) ? socket(AF_UNIX, SOCK_STREAM, 0) : -1;
-        if (made < 0 || bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            chmod(address.sun_path, 0666) != 0 || listen(made, 8) != 0)
-            _exit(1);
-        char control[CMSG_SPACE(sizeof(int))] = {};
-        char byte = 0;
-        iovec text{&byte, 1};
-        msghdr message{};
-        message.msg_iov = &text;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        auto* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::copy_n(reinterpret_cast<const char*>(&made), sizeof made,
-                    reinterpret_cast<char*>(CMSG_DATA(header)));
-        _exit(sendmsg(pair[0], &message, 0) == 1 ? 0 : 1);
-    }
-    char control[CMSG_SPACE(sizeof(int))] = {};
-    char byte = 0;
-    iovec text{&byte, 1};
-    msghdr message{};
-    message.msg_iov = &text;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    const auto maker = support::startChild(
+        [&] { listenAndHandOver(uid, folder + "/" + kOKVDataServerName, pair[0]); });
     close(pair[0]);
-    const auto came = recvmsg(pair[1], &message, 0);
+    const int received = DescriptorMessage().receive(pair[1]);
     close(pair[1]);
     waitpid(maker, nullptr, 0);
-    const auto* header = came == 1 ? CMSG_FIRSTHDR(&message) : nullptr;
-    int received = -1;
-    if (header != nullptr)
-        std::copy_n(reinterpret_cast<const char*>(CMSG_DATA(header)), sizeof received,
-                    reinterpret_cast<char*>(&received));
     return received;
 }
 

@@ -1,30 +1,21 @@
 #include "Support.h"
 
+#include "support/Files.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 using namespace faults;
 using okv::Value;
+using support::bytesOf;
+using support::write;
 using testing::HasSubstr;
 
 namespace {
-
-std::string bytesOf(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << stream.rdbuf();
-    return bytes.str();
-}
-
-void write(const std::string& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary) << bytes;
-}
 
 int runOn(const ServerProcess& server, const std::vector<std::string>& more, std::string& errors) {
     std::vector<std::string> arguments{"--store", server.storeFile(), "--runtime-dir",

@@ -349,12 +349,6 @@ protected:
         EXPECT_TRUE(ends) << "the client hangs";
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
-
-    static std::string textOf(const std::string& file) {
-        std::stringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
-    }
 };
 
 TEST_P(AClientOfWhichOneCallFails, FailsWithAnErrorAndThenGoesOn) {
@@ -363,8 +357,8 @@ TEST_P(AClientOfWhichOneCallFails, FailsWithAnErrorAndThenGoesOn) {
     ASSERT_TRUE(set(*root, "old", 1));
     forEachCall(kLightRunsAtMost, [&](std::uint32_t nth) {
         const auto output = server_.file("output");
-        EXPECT_EQ(runClient(nth, output), EXIT_SUCCESS) << textOf(output);
-        std::istringstream lines(textOf(output));
+        EXPECT_EQ(runClient(nth, output), EXIT_SUCCESS) << support::bytesOf(output);
+        std::istringstream lines(support::bytesOf(output));
         for (std::string key; lines >> key;) {
             if (!key.starts_with("first") && !key.starts_with("second")) continue;
             EXPECT_EQ(get(*root, key), Value(nth)) << "an acknowledged write was lost: " << key;

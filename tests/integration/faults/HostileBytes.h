@@ -14,7 +14,7 @@ namespace faults {
 /// Keeps the request frames instead of sending them.
 class RecordingPort final : public okv::MessagePort {
 public:
-    std::string call(std::string& frame) override {
+    void callAndRead(std::string& frame, okv::ReplyReader&) override {
         frames.push_back(frame);
         throw okv::ConnectionError(okv::ConnectionError::Kind::notSent, "only recorded");
     }

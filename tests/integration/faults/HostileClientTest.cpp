@@ -1,7 +1,8 @@
 #include "HostileBytes.h"
 #include "Support.h"
 
-#include <OKVPlatform/ipc/RegisteredName.h>
+#include "support/EveryMethod.h"
+#include "support/RawRequests.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@
 using namespace faults;
 using okv::FrameKind;
 using okv::Value;
+using support::repeated;
 
 namespace {
 
@@ -90,18 +92,17 @@ Said readToEnd(const okv::PrivateDescriptor& socket) {
 }
 
 Said say(const std::string& bytes) {
-    const auto connected = okv::connectToName(kOKVDataServerName);
-    EXPECT_TRUE(connected.socket.isValid()) << connected.why;
+    const auto socket = support::connectRaw();
     const timeval patience{20, 0};
-    setsockopt(connected.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    setsockopt(connected.socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     for (std::string_view left = bytes; !left.empty();) {
-        const auto count = send(connected.socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
+        const auto count = send(socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
         if (count < 0) break;  // it has closed already
         left.remove_prefix(static_cast<std::size_t>(count));
     }
-    shutdown(connected.socket.get(), SHUT_WR);
-    return readToEnd(connected.socket);
+    shutdown(socket.get(), SHUT_WR);
+    return readToEnd(socket);
 }
 
 std::string sentinel() {
@@ -128,13 +129,6 @@ std::string payload(std::string_view selector, std::string_view types, std::stri
 std::string request(std::string_view selector, std::string_view types, std::string_view arguments) {
     return rawFrame(2, 7, payload(selector, types, arguments));
 }
-std::string repeated(std::string_view part, std::size_t count) {
-    std::string all;
-    all.reserve(part.size() * count);
-    while (count-- > 0) all.append(part);
-    return all;
-}
-
 enum class Outcome { dropped, failed, replied };
 struct Line {
     const char* name;
@@ -142,11 +136,8 @@ struct Line {
     Outcome outcome;
 };
 
-std::vector<Line> hostileLines() {
+std::vector<Line> linesThatEndTheConversation() {
     using namespace std::string_literals;
-    const auto get = [](std::string_view arguments) {
-        return hello() + request("okvDataPT:", "@", arguments);
-    };
     return {
         {"a header cut short", hello() + "\x00\x00"s, Outcome::dropped},
         {"a payload cut short", hello() + rawFrame(100, 2, 1, "abc"), Outcome::dropped},
@@ -167,6 +158,15 @@ std::vector<Line> hostileLines() {
         {"nothing but text", "GET / HTTP/1.1\r\n\r\n", Outcome::dropped},
         {"an empty request", hello() + rawFrame(2U, 7, ""), Outcome::dropped},
         {"a request of text", hello() + rawFrame(2U, 7, "\x61x"), Outcome::dropped},
+    };
+}
+
+std::vector<Line> requestsThatAreRefused() {
+    using namespace std::string_literals;
+    const auto get = [](std::string_view arguments) {
+        return hello() + request("okvDataPT:", "@", arguments);
+    };
+    return {
         {"an unknown selector", hello() + request("what:", "@", "\xF6"), Outcome::failed},
         {"a selector with a NUL", hello() + request("okvDataPT:\0"s, "@", "\xF6"), Outcome::failed},
         {"other types", hello() + request("okvDataPT:", "i", "\x01"), Outcome::failed},
@@ -204,36 +204,14 @@ protected:
     ServerProcess server_;
 };
 
-template <class T>
-auto anArgument() {
-    if constexpr (std::is_same_v<T, okv::RemoteObject>) {
-        return okv::detail::LentObject{5};
-    } else if constexpr (std::is_same_v<T, Value>) {
-        return Value("dc-cmnset-x");
-    } else {
-        return T{};
-    }
-}
-
-template <auto Method, class... A>
-void recordOne(okv::RemoteObject& root, const std::tuple<A...>*) {
-    failureOf([&] { okv::send<Method>(root, anArgument<std::remove_cvref_t<A>>()...); });
-}
-
-template <auto... Method>
-void recordAll(okv::RemoteObject& root, const std::tuple<okv::Row<Method>...>&) {
-    (recordOne<Method>(
-         root, static_cast<const typename okv::detail::MethodTraits<Method>::Parameters*>(nullptr)),
-     ...);
-}
-
 // What clients really send: every method once, but the one that ends the server, and those that
 // take collections with rich ones, too.
 std::vector<std::string> goodRequests() {
     auto port = okv::make<RecordingPort>();
     const auto root = okv::make<okv::RemoteObject>(port, okv::kRootObject);
-    recordAll(*root, okv::protocol<Data>);
-    recordAll(*root, okv::protocol<Admin>);
+    const auto record = [](std::string_view, auto send) { failureOf(send); };
+    support::forEveryMethod(*root, {5}, okv::protocol<Data>, record);
+    support::forEveryMethod(*root, {5}, okv::protocol<Admin>, record);
     const Value rich(okv::Dictionary{
         {"a", okv::Array{1, -2.5, okv::Null{}, true, "text", okv::Data{1, 2, 3}}},
         {"b", okv::Dictionary{{1, okv::Date(1e9)}, {"c", okv::Array{okv::Array{}}}}},
@@ -260,10 +238,12 @@ std::vector<std::string> goodRequests() {
 
 TEST_F(HostileClient, IsAnsweredOrDroppedAndNobodyElseNotices) {
     const Witness witness;
-    for (const auto& line : hostileLines()) {
-        const auto said = say(line.bytes + sentinel());
-        EXPECT_TRUE(said.closed) << line.name;
-        EXPECT_EQ(outcomeOf(said), line.outcome) << line.name << ": " << said.farewell;
+    for (const auto& lines : {linesThatEndTheConversation(), requestsThatAreRefused()}) {
+        for (const auto& line : lines) {
+            const auto said = say(line.bytes + sentinel());
+            EXPECT_TRUE(said.closed) << line.name;
+            EXPECT_EQ(outcomeOf(said), line.outcome) << line.name << ": " << said.farewell;
+        }
     }
 }
 

@@ -126,23 +126,28 @@ struct Line {
     std::optional<Kind> outcome;  ///< none: the right answer
 };
 
-std::vector<Line> hostileLines() {
-    using namespace std::string_literals;
-    const auto answer = reply(1, "\x61v");
-    const auto rest = [](std::string bytes) {
-        return ScriptedServer::Script{serverHello(), std::move(bytes), true};
-    };
-    const auto greeting = [&](std::string bytes) {
-        return ScriptedServer::Script{std::move(bytes), answer, false};
-    };
+std::string rightAnswer() {
+    return reply(1, "\x61v");
+}
+
+// The bytes in the place of the server's greeting.
+ScriptedServer::Script greeting(std::string bytes) {
+    return {std::move(bytes), rightAnswer(), false};
+}
+
+// The bytes in the place of its answer.
+ScriptedServer::Script rest(std::string bytes) {
+    return {serverHello(), std::move(bytes), true};
+}
+
+std::vector<Line> hostileGreetings() {
     return {
-        {"what a server says", rest(answer), {}},
         {"an empty hello", greeting(rawFrame(1U, 0, "")), Kind::badData},
         {"a hello without a word of its root", greeting(rawFrame(1U, 0, "\x01")), Kind::badData},
         {"a hello of text", greeting(rawFrame(1U, 0, "\x61v")), Kind::badData},
         {"another version", greeting(rawFrame(1U, 0, "\x02\xF5")), Kind::badData},
         {"garbage", greeting("220 mail.example ESMTP ready\r\n"), Kind::badData},
-        {"a reply before the hello", greeting(answer), Kind::badData},
+        {"a reply before the hello", greeting(rightAnswer()), Kind::badData},
         {"a request before the hello", greeting(flood(1)), Kind::badData},
         {"a huge frame", greeting(rawFrame(0xFFFFFFFF, 1, 0, "")), Kind::badData},
         {"nothing", {"", "", false}, Kind::notSent},
@@ -150,6 +155,13 @@ std::vector<Line> hostileLines() {
         {"a farewell", {farewell("no more today"), "", false}, Kind::notSent},
         {"a farewell that is none", greeting(rawFrame(5U, 0, "\x01")), Kind::badData},
         {"no root object", greeting(rawFrame(1U, 0, "\x01\xF4")), Kind::notSent},
+    };
+}
+
+std::vector<Line> hostileAnswers() {
+    const auto answer = rightAnswer();
+    return {
+        {"what a server says", rest(answer), {}},
         {"no answer", rest(""), Kind::outcomeUnknown},
         {"half an answer", rest(answer.substr(0, answer.size() - 1)), Kind::outcomeUnknown},
         {"garbage for an answer", rest("garbage garbage"), Kind::badData},
@@ -186,10 +198,12 @@ protected:
 }  // namespace
 
 TEST_F(HostileServer, GetsAnErrorOrAnAnswerOutOfAClientAndNothingElse) {
-    for (const auto& line : hostileLines()) {
-        ScriptedServer server([&] { return line.script; });
-        EXPECT_EQ(outcomeOfRead(), line.outcome) << line.name;
-        okv::RunLoop::current()->dispatch();
+    for (const auto& lines : {hostileGreetings(), hostileAnswers()}) {
+        for (const auto& line : lines) {
+            ScriptedServer server([&] { return line.script; });
+            EXPECT_EQ(outcomeOfRead(), line.outcome) << line.name;
+            okv::RunLoop::current()->dispatch();
+        }
     }
 }
 

@@ -1,6 +1,8 @@
 #include "HostileBytes.h"
 #include "Support.h"
 
+#include "support/RawRequests.h"
+
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/RegisteredName.h>
 
@@ -11,13 +13,12 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <fstream>
 #include <list>
-#include <sstream>
 #include <vector>
 
 using namespace faults;
 using okv::Value;
+using support::residentKilobytes;
 
 namespace {
 
@@ -51,11 +52,7 @@ public:
         send(okv::encodeHello() + request);
     }
     /// How many bytes went out without waiting.
-    std::size_t send(std::string_view bytes) const {
-        const auto count =
-            ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        return count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
+    std::size_t send(std::string_view bytes) const { return support::push(socket_, bytes); }
     /// Whether there is an answer, or the end, within the time.
     bool isToldSomething(std::chrono::milliseconds within) const {
         pollfd entry{socket_.get(), POLLIN, 0};
@@ -78,14 +75,6 @@ private:
     okv::PrivateDescriptor socket_;
     okv::FrameBuffer bytes_;
 };
-
-long residentKilobytes(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    }
-    return -1;
-}
 
 class Listener final : public okv::Object {
 public:
@@ -157,14 +146,8 @@ TEST(ServerLimits, ClientsThatNeverReadMakeTheServerKeepSoMuchAndNoMore) {
     const auto root = connect();
     const std::string large(200U << 10, 'x');
     ASSERT_TRUE(set(*root, "large", large));
-    std::string request;
-    okv::beginRequest(request, okv::kRootObject, "okvDataPT:appUid:", "@i");
-    okv::CborWriter writer(request);
-    writer.text("large");
-    writer.integer(1);
-    okv::finishRequest(request);
-    std::string requests;
-    for (int i = 0; i < 1000; ++i) requests += request;  // 200 MB of answers, were they made
+    // 200 MB of answers, were they made.
+    const auto requests = support::repeated(support::readingRequest("large"), 1000);
     const auto before = residentKilobytes(server.pid());
     std::list<PatientClient> greedy(5);
     for (auto& client : greedy) {

@@ -1,7 +1,6 @@
 #include "Support.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -20,26 +19,7 @@ namespace {
 
 constexpr int kArrivalWithinMilliseconds = 30000;
 
-// A preloaded library comes before the sanitizer's, which otherwise refuses to run.
-std::string sanitizerOptions() {
-    const char* given = std::getenv("ASAN_OPTIONS");
-    return (given != nullptr ? std::string(given) + ":" : std::string()) +
-           "verify_asan_link_order=0";
-}
-
 }  // namespace
-
-okv::Ref<okv::Connection> connection() {
-    std::string why;
-    auto made =
-        okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-    if (!made) throw std::runtime_error(why);
-    return made;
-}
-
-okv::Ref<okv::RemoteObject> connect() {
-    return connection()->rootProxy();
-}
 
 bool set(okv::RemoteObject& root, const std::string& key, const okv::Value& value) {
     return okv::send<&Data::setOKVDataPT_value_appUid>(root, key, value, 1);
@@ -53,23 +33,10 @@ okv::Dictionary status(okv::RemoteObject& root) {
     return okv::send<&Admin::serverStatusPT>(root).as<okv::Dictionary>();
 }
 
-int asAccount(uid_t uid, const std::function<int()>& body, const std::vector<gid_t>& groups) {
-    const auto pid = fork();
-    if (pid == 0) {
-        int code = 99;
-        if (setgroups(groups.size(), groups.data()) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
-            try {
-                code = body();
-            } catch (const std::exception& error) {
-                std::fprintf(stderr, "uid %u: %s\n", uid, error.what());
-                code = 98;
-            }
-        }
-        _exit(code);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+std::string optionsForPreloading() {
+    const char* given = std::getenv("ASAN_OPTIONS");
+    return (given != nullptr ? std::string(given) + ":" : std::string()) +
+           "verify_asan_link_order=0";
 }
 
 int runTool(std::vector<std::string> arguments) {
@@ -91,7 +58,7 @@ int runTool(std::vector<std::string> arguments) {
 
 HoldableDisk::HoldableDisk(const std::string& gate)
     : preload_("LD_PRELOAD", OKV_SLOW_FSYNC),
-      check_("ASAN_OPTIONS", sanitizerOptions()),
+      check_("ASAN_OPTIONS", optionsForPreloading()),
       gate_("OKV_FSYNC_GATE", gate) {}
 
 Gate::Gate(std::string path) : path_(std::move(path)) {

@@ -3,8 +3,9 @@
 #include "../ServerProcess.h"
 #include "OKVDataAdmin_protocol.h"
 
-#include <OKVDataManager/okvDataManager.h>
-#include <OKVPlatform/ipc/Connection.h>
+#include "support/DataServer.h"
+#include "support/Processes.h"
+
 #include <OKVPlatform/ipc/NotificationCenter.h>
 
 #include <sys/types.h>
@@ -23,6 +24,10 @@ namespace faults {
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;
 using Clock = std::chrono::steady_clock;
+using support::asAccount;
+using support::connect;
+using support::connection;
+using support::Environment;
 
 /// How much slower than usual everything is: a sanitized build does fewer rounds, and is given more
 /// time where a time is bounded.
@@ -35,35 +40,17 @@ constexpr int rounds(int usual) {
     return std::max(1, usual / kSlowness);
 }
 
-/// A connection to the data server; throws std::runtime_error with the reason when there is none.
-okv::Ref<okv::Connection> connection();
-okv::Ref<okv::RemoteObject> connect();
-
 /// The default user's setting.
 bool set(okv::RemoteObject& root, const std::string& key, const okv::Value& value);
 okv::Value get(okv::RemoteObject& root, const std::string& key);
 okv::Dictionary status(okv::RemoteObject& root);
 
-/// Runs the body in a child under another account, in these supplementary groups and no others;
-/// what it answers is the child's exit code.
-int asAccount(uid_t uid, const std::function<int()>& body, const std::vector<gid_t>& groups = {});
-
 /// Runs the tool, whose output nobody sees; its exit code, or 128 and the signal's number.
 int runTool(std::vector<std::string> arguments);
 
-/// A variable of the environment, for the processes that are started while it lives.
-class Environment {
-public:
-    Environment(const char* name, const std::string& value) : name_(name) {
-        setenv(name, value.c_str(), 1);
-    }
-    Environment(const Environment&) = delete;
-    Environment& operator=(const Environment&) = delete;
-    ~Environment() { unsetenv(name_); }
-
-private:
-    const char* name_;
-};
+/// ASAN_OPTIONS for programs that a library is preloaded into: it comes before the sanitizer's,
+/// which otherwise refuses to run.
+std::string optionsForPreloading();
 
 /// For servers whose flushes to the disk a test holds: start them while this lives.
 class HoldableDisk {

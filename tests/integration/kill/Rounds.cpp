@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,31 +57,14 @@ void Rounds::run(int rounds) {
     finish();
 }
 
-pid_t Rounds::startClient(const std::function<void()>& body) {
-    std::fflush(nullptr);
-    const auto parent = getpid();
-    const auto pid = fork();
-    if (pid < 0) throw std::runtime_error("no process");
-    if (pid > 0) return pid;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    try {
-        body();
-        _exit(0);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "a client: %s\n", error.what());
-        _exit(1);
-    }
-}
-
 void Rounds::startClients() {
     for (int i = 0; i < kWatchers; ++i) {
         const bool isStale = seed_ == Seed::stale && i == 3;
         watchers_.push_back(
-            startClient([this, i, isStale] { runWatcher(i, ground_, record_, isStale); }));
+            support::startChild([this, i, isStale] { runWatcher(i, ground_, record_, isStale); }));
     }
     for (int i = 0; i < kWriters; ++i)
-        writers_.push_back(startClient([this, i] { runWriter(i, ground_, record_); }));
+        writers_.push_back(support::startChild([this, i] { runWriter(i, ground_, record_); }));
 }
 
 long Rounds::acknowledged() const {
@@ -125,7 +107,7 @@ void Rounds::killServer() {
 }
 
 void Rounds::killWhileItStarts() {
-    const auto pid = startClient([this] {
+    const auto pid = support::startChild([this] {
         const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
         dup2(nowhere, STDOUT_FILENO);
         execl(OKV_DATA_CENTER, OKV_DATA_CENTER, "--store", server_.storeFile().c_str(),

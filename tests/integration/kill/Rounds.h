@@ -26,7 +26,6 @@ public:
 
 private:
     void startClients();
-    pid_t startClient(const std::function<void()>& body);
     void round(int number);
     void waitForWriters();
     void killServer();

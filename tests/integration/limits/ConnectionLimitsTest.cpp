@@ -1,6 +1,8 @@
 #include "../faults/Support.h"
 #include "Limits.h"
 
+#include "support/RawRequests.h"
+
 #include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <gtest/gtest.h>
@@ -175,15 +177,9 @@ TEST_F(ConnectionLimits, WhatAClientLeavesUnreadIsFourMebibytesAndOneReply) {
     constexpr std::int64_t kReply = 200 << 10;
     ASSERT_TRUE(server_.start());
     ASSERT_TRUE(set(*connect(), "large", std::string(kReply, 'x')));
-    std::string requests = okv::encodeHello();
-    for (int i = 0; i < 100; ++i) {  // 20 MB of replies, were they made
-        std::string request;
-        okv::beginRequest(request, okv::kRootObject, "okvDataPT:appUid:", "@i");
-        okv::CborWriter(request).text("large");
-        okv::CborWriter(request).integer(1);
-        okv::finishRequest(request);
-        requests += request;
-    }
+    // 20 MB of replies, were they made.
+    const auto requests =
+        okv::encodeHello() + support::repeated(support::readingRequest("large"), 100);
     const auto client = okv::connectToName(kOKVDataServerName);
     ASSERT_EQ(send(client.socket.get(), requests.data(), requests.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(requests.size()));

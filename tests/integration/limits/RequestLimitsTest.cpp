@@ -2,6 +2,8 @@
 #include "../faults/Support.h"
 #include "Limits.h"
 
+#include "support/Answers.h"
+
 #include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <gtest/gtest.h>
@@ -14,6 +16,7 @@ using namespace faults;
 using okv::Array;
 using okv::Dictionary;
 using okv::Value;
+using support::expectRefused;
 using Kind = okv::Refusal::Kind;
 
 namespace {
@@ -81,14 +84,6 @@ template <class A>
 void expectAccepted(const A& answer, const char* what) {
     EXPECT_TRUE(answer.value) << what;
     EXPECT_FALSE(answer.refusal) << what << ": " << answer.refusal->reason;
-}
-
-template <class A>
-void expectRefused(const A& answer, Kind kind, const char* what) {
-    EXPECT_EQ(answer.value, decltype(answer.value)()) << what;
-    ASSERT_TRUE(answer.refusal) << what;
-    EXPECT_EQ(answer.refusal->kind, kind) << what << ": " << answer.refusal->reason;
-    EXPECT_FALSE(answer.refusal->reason.empty());
 }
 
 std::size_t importSizeOf(const Dictionary& whole) {

@@ -1,5 +1,7 @@
 #include "ToolRun.h"
 
+#include "support/Files.h"
+
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <gmock/gmock.h>
@@ -10,8 +12,8 @@
 
 using okvctl_test::Child;
 using okvctl_test::DataCenter;
-using okvctl_test::PrivateFolder;
 using okvctl_test::run;
+using support::TempFolder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
@@ -84,10 +86,10 @@ TEST(Bash, CompletesWhatFollowsASignThatItCutsAt) {
 }
 
 TEST(Bash, CompletesFilesAndFolders) {
-    const PrivateFolder folder;
+    const TempFolder folder;
     const auto file = folder.write("store.json", "");
-    EXPECT_THAT(inBash("import " + folder.file("st")), ElementsAre(file));
-    EXPECT_THAT(inBash("--runtime-dir " + folder.file("st")), IsEmpty());
+    EXPECT_THAT(inBash("import " + folder / "st"), ElementsAre(file));
+    EXPECT_THAT(inBash("--runtime-dir " + folder / "st"), IsEmpty());
 }
 
 TEST(Bash, IsOfferedVerbsAndNoWordOfComplaintWithoutAServer) {
@@ -138,9 +140,9 @@ TEST(Zsh, CompletesVerbsAndRealKeys) {
 
 TEST(Zsh, TakesTheScriptAsAnAutoloadedFunction) {
     if (!isThere("/usr/bin/zsh")) GTEST_SKIP() << "no zsh here";
-    const PrivateFolder folder;
+    const TempFolder folder;
     folder.write("_okvctl", run({"completions", "zsh"}).out);
-    EXPECT_THAT(linesOf("/usr/bin/zsh", "fpath=(" + folder.file("") +
+    EXPECT_THAT(linesOf("/usr/bin/zsh", "fpath=(" + folder / "" +
                                             " $fpath)\nautoload -U compinit && compinit -D -u\n"
                                             "print -r -- ${_comps[okvctl]}"),
                 ElementsAre("_okvctl"));
@@ -150,9 +152,9 @@ TEST(Fish, CompletesVerbsAndRealKeys) {
     if (!isThere("/usr/bin/fish")) GTEST_SKIP() << "no fish here";
     const DataCenter server;
     storeSomeKeys();
-    const PrivateFolder home;
+    const TempFolder home;
     const auto offered = [&](const std::string& line) {
-        return linesOf("/usr/bin/fish", "set -x HOME " + home.file("") +
+        return linesOf("/usr/bin/fish", "set -x HOME " + home / "" +
                                             "\nfunction okvctl; " OKVCTL_PROGRAM
                                             " $argv; end\n" OKVCTL_PROGRAM
                                             " completions fish | source\ncomplete -C 'okvctl " +

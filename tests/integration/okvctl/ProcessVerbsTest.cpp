@@ -2,6 +2,8 @@
 
 #include "ToolRun.h"
 
+#include "support/Processes.h"
+
 #include <OKVPlatform/ipc/RunLoop.h>
 #include <OKVPlatform/process/QuitEvent.h>
 #include <OKVTesting/RuntimeFolder.h>
@@ -10,8 +12,6 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -21,65 +21,32 @@ using nlohmann::json;
 using okv::testing::RuntimeFolder;
 using okvctl_test::DataCenter;
 using okvctl_test::run;
+using support::Child;
 using testing::HasSubstr;
 
 namespace {
 
 constexpr uid_t kNobody = 65533;
 
-/// A child of this process; it calls its argument once it is ready.
-class Application {
-public:
-    explicit Application(const std::function<int(const std::function<void()>& ready)>& main) {
-        int ends[2];
-        if (pipe(ends) != 0) throw std::runtime_error("pipe");
-        pid_ = fork();
-        if (pid_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            _exit(main([&] { (void)!write(ends[1], "r", 1); }));
-        }
-        char byte = 0;
-        isReady_ = read(ends[0], &byte, 1) == 1;
-        close(ends[0]);
-        close(ends[1]);
-    }
-    Application(const Application&) = delete;
-    Application& operator=(const Application&) = delete;
-    ~Application() {
-        if (pid_ <= 1) return;
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+std::string idOf(const Child& child) {
+    return std::to_string(child.pid());
+}
 
-    bool isReady() const { return isReady_; }
-    std::string pid() const { return std::to_string(pid_); }
-    /// Its exit code, or minus the signal that ended it.
-    int wait() {
-        int status = 0;
-        waitpid(std::exchange(pid_, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-private:
-    pid_t pid_ = -1;
-    bool isReady_ = false;
-};
-
-int sleepForEver(const std::function<void()>& ready) {
+void sleepForEver(const std::function<void()>& ready) {
     ready();
     for (;;) pause();
 }
 
 /// Serves quit events; ends with 7 once it has accepted one.
-int listenFor(okv::OSStatus answer, const std::function<void()>& ready) {
+[[noreturn]] void listenFor(okv::OSStatus answer, const std::function<void()>& ready) {
     const auto listener = okv::QuitEventListener::start([&](const okv::PeerIdentity&) {
         if (answer == okv::noErr) okv::RunLoop::current()->stop();
         return answer;
     });
-    if (!listener) return 1;
+    if (!listener) _exit(1);
     ready();
     okv::RunLoop::current()->run();
-    return 7;
+    _exit(7);
 }
 
 const json* withPid(const json& records, pid_t pid) {
@@ -92,11 +59,11 @@ const json* withPid(const json& records, pid_t pid) {
 }  // namespace
 
 TEST(Ps, ListsEveryProcessWithItsIds) {
-    const Application child(sleepForEver);
+    const Child child(sleepForEver);
     const auto ran = run({"--json", "ps"});
     ASSERT_EQ(ran.code, 0) << ran.error;
     const auto records = json::parse(ran.out)["processes"];
-    const auto* found = withPid(records, std::stoi(child.pid()));
+    const auto* found = withPid(records, child.pid());
     ASSERT_NE(found, nullptr);
     EXPECT_EQ((*found)["parentpid"], getpid());
     EXPECT_EQ((*found)["uid"], getuid());
@@ -120,9 +87,9 @@ TEST(Ps, OnlyPsTakesManaged) {
 
 TEST(Quit, AsksAnApplicationThatListens) {
     const RuntimeFolder folder;
-    Application application([](const auto& ready) { return listenFor(okv::noErr, ready); });
+    Child application([](const auto& ready) { listenFor(okv::noErr, ready); });
     ASSERT_TRUE(application.isReady());
-    const auto ran = run({"--json", "quit", application.pid()});
+    const auto ran = run({"--json", "quit", idOf(application)});
     EXPECT_EQ(ran.code, 0) << ran.error;
     EXPECT_EQ(json::parse(ran.out)["quit"]["by"], "event");
     EXPECT_EQ(application.wait(), 7);
@@ -130,19 +97,19 @@ TEST(Quit, AsksAnApplicationThatListens) {
 
 TEST(Quit, TellsOfAnApplicationThatRefuses) {
     const RuntimeFolder folder;
-    const Application application([](const auto& ready) { return listenFor(-128, ready); });
+    const Child application([](const auto& ready) { listenFor(-128, ready); });
     ASSERT_TRUE(application.isReady());
-    const auto ran = run({"quit", application.pid()});
+    const auto ran = run({"quit", idOf(application)});
     EXPECT_EQ(ran.code, 1);
-    EXPECT_THAT(ran.error, HasSubstr("process " + application.pid() + " does not quit"));
+    EXPECT_THAT(ran.error, HasSubstr("process " + idOf(application) + " does not quit"));
     EXPECT_THAT(ran.error, HasSubstr("-128"));
-    EXPECT_EQ(kill(std::stoi(application.pid()), 0), 0);
+    EXPECT_EQ(kill(application.pid(), 0), 0);
 }
 
 TEST(Quit, SignalsAProcessThatDoesNotListen) {
     const RuntimeFolder folder;
-    Application application(sleepForEver);
-    const auto ran = run({"--json", "quit", application.pid()});
+    Child application(sleepForEver);
+    const auto ran = run({"--json", "quit", idOf(application)});
     EXPECT_EQ(ran.code, 0) << ran.error;
     EXPECT_EQ(json::parse(ran.out)["quit"]["by"], "signal");
     EXPECT_EQ(application.wait(), -SIGTERM);
@@ -151,18 +118,15 @@ TEST(Quit, SignalsAProcessThatDoesNotListen) {
 TEST(Quit, OfAnotherAccountsProcessIsRefused) {
     if (getuid() != 0) GTEST_SKIP() << "only root can run the tool as another account";
     const RuntimeFolder folder;
-    const Application application(sleepForEver);
-    const auto ran = run({"quit", application.pid()}, {}, kNobody);
+    const Child application(sleepForEver);
+    const auto ran = run({"quit", idOf(application)}, {}, kNobody);
     EXPECT_EQ(ran.code, 4) << ran.error;
-    EXPECT_EQ(kill(std::stoi(application.pid()), 0), 0);
+    EXPECT_EQ(kill(application.pid(), 0), 0);
 }
 
 TEST(Quit, OfAProcessThatIsGoneFails) {
-    Application application([](const auto& ready) {
-        ready();
-        return 0;
-    });
-    const auto pid = application.pid();
+    Child application([](const auto& ready) { ready(); });
+    const auto pid = idOf(application);
     application.wait();
     const auto ran = run({"quit", pid});
     EXPECT_EQ(ran.code, 1);

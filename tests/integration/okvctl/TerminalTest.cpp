@@ -1,5 +1,7 @@
 #include "ToolRun.h"
 
+#include "support/Files.h"
+
 #include <OKVDataManager/okvDataManager.h>
 
 #include <OKVTesting/FakeDataServer.h>
@@ -11,8 +13,8 @@
 
 using okvctl_test::DataCenter;
 using okvctl_test::OnTerminal;
-using okvctl_test::PrivateFolder;
 using okvctl_test::run;
+using support::TempFolder;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
@@ -100,7 +102,7 @@ TEST(Terminal, IsNotMadeToActByAValue) {
 
 TEST(Terminal, ShowsHowALongImportGoesOnAndWipesItAway) {
     SlowImport slow;
-    const PrivateFolder folder;
+    const TempFolder folder;
     OnTerminal import({"import", folder.write("store", "{\"format\": 1}")});
     EXPECT_TRUE(import.shows("importing [################--------] storing, "));
     slow.go();
@@ -112,7 +114,7 @@ TEST(Terminal, ShowsHowALongImportGoesOnAndWipesItAway) {
 
 TEST(Progress, IsShownOnNothingButATerminal) {
     SlowImport slow;
-    const PrivateFolder folder;
+    const TempFolder folder;
     const auto file = folder.write("store", "{\"format\": 1}");
     // Longer than it takes until a bar is shown.
     auto timer = std::async(std::launch::async, [&slow] {

@@ -1,10 +1,10 @@
 #include "ToolRun.h"
 
+#include "support/Processes.h"
+
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <pty.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,9 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace okvctl_test {
@@ -43,9 +41,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
 [[noreturn]] void become(char* const* words, uid_t account) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::signal(SIGPIPE, SIG_DFL);
-    if (account != 0 &&
-        (setgroups(0, nullptr) != 0 || setgid(account) != 0 || setuid(account) != 0))
-        _exit(126);
+    if (account != 0 && !support::becomeAccount(account)) _exit(126);
     execv(words[0], words);
     _exit(127);
 }
@@ -165,27 +161,6 @@ Ran OnTerminal::finish() {
     ran.code = codeOf(pid_);
     pid_ = -1;
     return ran;
-}
-
-PrivateFolder::PrivateFolder() {
-    char name[] = "/tmp/okvctl-test-XXXXXX";
-    if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder");
-    path_ = name;
-}
-
-PrivateFolder::~PrivateFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string PrivateFolder::write(const std::string& name, const std::string& content) const {
-    std::ofstream(file(name)) << content;
-    return file(name);
-}
-
-std::string PrivateFolder::contentOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 Child::Child(const std::string& program, const std::vector<std::string>& arguments) {

@@ -46,23 +46,6 @@ private:
     std::string shown_;
 };
 
-/// A folder of its own, gone with all that is in it.
-class PrivateFolder {
-public:
-    PrivateFolder();
-    PrivateFolder(const PrivateFolder&) = delete;
-    PrivateFolder& operator=(const PrivateFolder&) = delete;
-    ~PrivateFolder();
-
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    /// Writes a file; answers its path.
-    std::string write(const std::string& name, const std::string& content) const;
-    static std::string contentOf(const std::string& path);
-
-private:
-    std::string path_;
-};
-
 /// A process whose standard output is read line by line; it is killed with this object, and with
 /// this process.
 class Child {

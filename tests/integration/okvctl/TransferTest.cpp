@@ -1,5 +1,7 @@
 #include "ToolRun.h"
 
+#include "support/Files.h"
+
 #include <JsonForm.h>
 
 #include <nlohmann/json.hpp>
@@ -8,8 +10,8 @@
 
 using nlohmann::json;
 using okvctl_test::DataCenter;
-using okvctl_test::PrivateFolder;
 using okvctl_test::run;
+using support::TempFolder;
 using testing::AllOf;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
@@ -49,17 +51,17 @@ void fillStore() {
 }  // namespace
 
 TEST(Export, ComesBackEqualFromAFreshStore) {
-    const PrivateFolder folder;
+    const TempFolder folder;
     json before;
     {
         const DataCenter server;
         fillStore();
         before = exported();
-        done({"export", folder.file("store.json")});
+        done({"export", folder / "store.json"});
     }
     const DataCenter fresh;
     EXPECT_NE(exported(), before);
-    done({"import", folder.file("store.json")});
+    done({"import", folder / "store.json"});
     EXPECT_EQ(exported(), before);
 }
 
@@ -76,17 +78,17 @@ TEST(Export, GoesThroughAPipeIntoImport) {
 
 TEST(Export, IsAPropertyListByFormatOrByName) {
     const DataCenter server;
-    const PrivateFolder folder;
+    const TempFolder folder;
     done({"set", "dc-a=text"});
     done({"users", "assign", "501", "7"});
     const auto before = exported();
-    const auto file = folder.file("store.plist");
+    const auto file = folder / "store.plist";
     done({"export", file});
-    EXPECT_THAT(PrivateFolder::contentOf(file), HasSubstr("<key>dc-a</key>"));
-    EXPECT_EQ(done({"export", "--format=plist"}), PrivateFolder::contentOf(file));
+    EXPECT_THAT(support::bytesOf(file), HasSubstr("<key>dc-a</key>"));
+    EXPECT_EQ(done({"export", "--format=plist"}), support::bytesOf(file));
     EXPECT_TRUE(json::accept(done({"export", "--json"})));
     done({"export", "--json", file});
-    EXPECT_TRUE(json::accept(PrivateFolder::contentOf(file)));
+    EXPECT_TRUE(json::accept(support::bytesOf(file)));
     done({"export", "--format=plist", file});
     done({"unset", "dc-a"});
     done({"import", file});
@@ -96,16 +98,16 @@ TEST(Export, IsAPropertyListByFormatOrByName) {
 TEST(Export, NamesTheKeyThatAPropertyListHasNoFormFor) {
     const DataCenter server;
     done({"set", "--type=json", "dc-odd=[null]"});
-    const PrivateFolder folder;
-    const auto ran = run({"export", folder.file("store.plist")});
+    const TempFolder folder;
+    const auto ran = run({"export", folder / "store.plist"});
     EXPECT_EQ(ran.code, 1);
     EXPECT_THAT(ran.error, AllOf(HasSubstr("dc-odd"), HasSubstr("--format json has")));
-    EXPECT_EQ(PrivateFolder::contentOf(folder.file("store.plist")), "");
+    EXPECT_EQ(support::bytesOf(folder / "store.plist"), "");
 }
 
 TEST(Import, TakesABinaryPropertyList) {
     const DataCenter server;
-    const PrivateFolder folder;
+    const TempFolder folder;
     // {"format": 1, "everybody": {"dc-a": "b"}}
     std::string list("bplist00");
     list += "\xD2\x01\x02\x03\x04";  // 8: {1: 3, 2: 4}
@@ -130,7 +132,7 @@ TEST(Import, TakesABinaryPropertyList) {
 
 TEST(Import, DryRunTellsTheDifferenceAndStoresNothing) {
     const DataCenter server;
-    const PrivateFolder folder;
+    const TempFolder folder;
     done({"set", "dc-same=1", "dc-other=1", "dc-gone=1"});
     done({"set", "--user=1", "dc-own=1"});
     const auto before = done({"export"});
@@ -152,7 +154,7 @@ TEST(Import, DryRunTellsTheDifferenceAndStoresNothing) {
 
 TEST(Import, DryRunTellsExactlyWhatTheImportThenChanges) {
     const DataCenter server;
-    const PrivateFolder folder;
+    const TempFolder folder;
     fillStore();
     const auto file = folder.write("store.json", done({"export"}));
     EXPECT_EQ(done({"--no-legend", "import", "--dry-run", file}), "");
@@ -184,7 +186,7 @@ TEST(Import, OfABadEntryNamesItAndStoresNothing) {
          "user 3, dc-b: larger than"},
         {"<plist><dict><key>format</key><integer>x</integer></dict></plist>", "line 1, column"},
     };
-    const PrivateFolder folder;
+    const TempFolder folder;
     for (const auto& row : rows) {
         const auto ran = run({"import", folder.write("file", row.file)});
         EXPECT_EQ(ran.code, 1);
@@ -202,7 +204,7 @@ TEST(Import, ReadsOnlyRegularFilesOfABoundedSize) {
         EXPECT_EQ(ran.code, 1);
         EXPECT_THAT(ran.error, HasSubstr(file));
     }
-    const PrivateFolder folder;
+    const TempFolder folder;
     const auto file = folder.write("large", "");
     ASSERT_EQ(truncate(file.c_str(), 65L << 20), 0);
     EXPECT_EQ(run({"import", file}).code, 1);
@@ -214,7 +216,7 @@ TEST(Import, OfAManyEntriesIsOneChange) {
     const DataCenter server;
     auto store = json::parse(R"({"format": 1})");
     for (int i = 0; i < 9000; ++i) store["everybody"]["dc-many-" + std::to_string(i)] = i;
-    const PrivateFolder folder;
+    const TempFolder folder;
     done({"import", folder.write("many.json", store.dump())});
     EXPECT_EQ(json::parse(done({"--json", "status"}))["revision"], 1);
     EXPECT_EQ(json::parse(done({"--json", "list"})).size(), 9000U);
@@ -223,7 +225,7 @@ TEST(Import, OfAManyEntriesIsOneChange) {
 TEST(Import, ByWhomItIsNotAllowedEndsWith4) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be another account";
     const DataCenter server;
-    const PrivateFolder folder;
+    const TempFolder folder;
     for (const Words& words : {Words{"export"}, Words{"import", "-"}}) {
         const auto ran = run(words, "{\"format\": 1}", 65533);
         EXPECT_EQ(ran.code, 4) << ran.error;

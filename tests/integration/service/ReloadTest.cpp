@@ -1,5 +1,6 @@
 #include "Support.h"
 
+#include "support/Files.h"
 #include "unit/okvCmnUtil/PrivateRoot.h"
 
 #include <fcntl.h>
@@ -7,8 +8,6 @@
 #include <sys/wait.h>
 
 #include <csignal>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 using namespace service;
@@ -27,6 +26,18 @@ void execute(const std::string& file, const char* statement) {
 constexpr char kSeven[] = "UPDATE settings SET value = x'07'";
 constexpr char kNoValue[] = "UPDATE settings SET value = x'FF'";
 
+/// A server that a manager looks after, with a setting "k" of 1.
+struct ServedStore {
+    ServedStore() {
+        if (!server.start() || manager.next() != "READY=1") throw std::runtime_error("no server");
+        root = connect();
+        if (!set(*root, "k", 1)) throw std::runtime_error("nothing is stored");
+    }
+    ServerProcess server;
+    const Manager manager{server};
+    okv::Ref<okv::RemoteObject> root;
+};
+
 /// What the manager is told at the end of a reload.
 std::string reload(const ServerProcess& server, const Manager& manager) {
     server.signal(SIGHUP);
@@ -38,34 +49,24 @@ std::string reload(const ServerProcess& server, const Manager& manager) {
 }  // namespace
 
 TEST(AReload, ReadsTheStoreAndTheUsersAgainAndTellsTheServiceManager) {
-    ServerProcess server;
-    const Manager manager(server);
-    ASSERT_TRUE(server.start());
-    EXPECT_EQ(manager.next(), "READY=1");
-    const auto root = connect();
-    ASSERT_TRUE(set(*root, "k", 1));
-    execute(server.storeFile(), kSeven);
-    execute(server.storeFile(), "INSERT INTO scopes(id) VALUES(31)");
-    EXPECT_EQ(get(*root, "k"), Value(1));
-    EXPECT_EQ(reload(server, manager), "READY=1\nSTATUS=");
-    EXPECT_EQ(get(*root, "k"), Value(7));
-    EXPECT_EQ(okv::send<&Data::useridAppListPT>(*root), Value(okv::Array{1, 31}));
+    const ServedStore served;
+    execute(served.server.storeFile(), kSeven);
+    execute(served.server.storeFile(), "INSERT INTO scopes(id) VALUES(31)");
+    EXPECT_EQ(get(*served.root, "k"), Value(1));
+    EXPECT_EQ(reload(served.server, served.manager), "READY=1\nSTATUS=");
+    EXPECT_EQ(get(*served.root, "k"), Value(7));
+    EXPECT_EQ(okv::send<&Data::useridAppListPT>(*served.root), Value(okv::Array{1, 31}));
 }
 
 TEST(AReload, ThatFailsKeepsWhatWasReadAndTellsWhy) {
-    ServerProcess server;
-    const Manager manager(server);
-    ASSERT_TRUE(server.start());
-    EXPECT_EQ(manager.next(), "READY=1");
-    const auto root = connect();
-    ASSERT_TRUE(set(*root, "k", 1));
-    execute(server.storeFile(), kNoValue);
-    const auto told = reload(server, manager);
+    const ServedStore served;
+    execute(served.server.storeFile(), kNoValue);
+    const auto told = reload(served.server, served.manager);
     EXPECT_TRUE(told.starts_with("READY=1\nSTATUS=The last reload failed: ")) << told;
-    EXPECT_EQ(get(*root, "k"), Value(1));
-    EXPECT_TRUE(set(*root, "other", 2)) << "and changes go on";
-    execute(server.storeFile(), kSeven);
-    EXPECT_EQ(reload(server, manager), "READY=1\nSTATUS=");
+    EXPECT_EQ(get(*served.root, "k"), Value(1));
+    EXPECT_TRUE(set(*served.root, "other", 2)) << "and changes go on";
+    execute(served.server.storeFile(), kSeven);
+    EXPECT_EQ(reload(served.server, served.manager), "READY=1\nSTATUS=");
 }
 
 namespace {
@@ -73,19 +74,13 @@ namespace {
 void writeMainteFile(int level) {
     const std::string folder = "/Library/Application Support/NRM/okv6";
     std::filesystem::create_directories(folder);
-    std::ofstream(folder + "/jp.nrm.okv6.mainte.plist")
-        << "<plist version=\"1.0\"><dict><key>logLevel</key><integer>" << level
-        << "</integer></dict></plist>";
-}
-
-std::string textOf(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
+    support::write(folder + "/jp.nrm.okv6.mainte.plist",
+                   "<plist version=\"1.0\"><dict><key>logLevel</key><integer>" +
+                       std::to_string(level) + "</integer></dict></plist>");
 }
 
 int failuresIn(const std::string& file) {
-    const std::string what = "could not be read again", text = textOf(file);
+    const std::string what = "could not be read again", text = support::bytesOf(file);
     int count = 0;
     for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
     return count;

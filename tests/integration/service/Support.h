@@ -2,11 +2,11 @@
 
 #include "../faults/Support.h"
 
+#include "support/Sockets.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -14,31 +14,7 @@
 namespace service {
 
 using namespace faults;
-
-inline sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) throw std::runtime_error("too long: " + path);
-    path.copy(address.sun_path, path.size());
-    return address;
-}
-
-/// A local socket bound to a path.
-class BoundSocket {
-public:
-    BoundSocket(int type, const std::string& path) : descriptor_(socket(AF_UNIX, type, 0)) {
-        const auto address = addressOf(path);
-        const auto* any = reinterpret_cast<const sockaddr*>(&address);
-        if (bind(descriptor_, any, sizeof address) != 0) throw std::runtime_error("bind " + path);
-    }
-    BoundSocket(const BoundSocket&) = delete;
-    BoundSocket& operator=(const BoundSocket&) = delete;
-    ~BoundSocket() { close(descriptor_); }
-    int get() const noexcept { return descriptor_; }
-
-private:
-    int descriptor_;
-};
+using support::BoundSocket;
 
 /// Makes the sockets that a service manager hands over.
 class Listener {

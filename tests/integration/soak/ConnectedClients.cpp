@@ -8,12 +8,6 @@
 
 namespace soak {
 
-using okv::Array;
-using okv::Dictionary;
-using okv::Value;
-using Data = OKVDataMng_protocol;
-using Admin = OKVDataAdmin_protocol;
-
 namespace {
 
 // A refusal is told beside the zero value, which for some methods says nothing.

@@ -9,10 +9,6 @@
 
 namespace soak {
 
-using okv::Value;
-using Data = OKVDataMng_protocol;
-using Admin = OKVDataAdmin_protocol;
-
 namespace {
 
 // The server keeps that many changes to tell of; before it has them, it grows.

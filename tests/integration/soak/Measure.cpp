@@ -1,21 +1,16 @@
 #include "Measure.h"
 
-#include <charconv>
+#include "support/Processes.h"
+
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace soak {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string contentOf(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-}
+using support::bytesOf;
+using support::numberOf;
 
 std::int64_t entriesOf(const std::string& folder) {
     std::error_code failure;
@@ -28,25 +23,14 @@ std::int64_t entriesOf(const std::string& folder) {
 
 }  // namespace
 
-std::int64_t numberOf(std::string_view text, std::string_view name) {
-    const auto wanted = "\n" + std::string(name) + ":";
-    auto at = text.find(wanted);
-    if (at == std::string_view::npos) return 0;
-    at = text.find_first_not_of(" \t", at + wanted.size());
-    std::int64_t number = 0;
-    if (at != std::string_view::npos)
-        std::from_chars(text.data() + at, text.data() + text.size(), number);
-    return number;
-}
-
 Sample measure(pid_t process, double at) {
     const auto folder = "/proc/" + std::to_string(process);
-    const auto memory = contentOf(folder + "/smaps_rollup");
+    const auto memory = bytesOf(folder + "/smaps_rollup");
     Sample sample;
     sample.at = at;
     sample.bytes = 1024 * (numberOf(memory, "Private_Dirty") + numberOf(memory, "Swap"));
     sample.descriptors = entriesOf(folder + "/fd");
-    sample.threads = numberOf(contentOf(folder + "/status"), "Threads");
+    sample.threads = numberOf(bytesOf(folder + "/status"), "Threads");
     return sample;
 }
 

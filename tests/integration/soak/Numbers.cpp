@@ -2,12 +2,6 @@
 
 namespace soak {
 
-using okv::Array;
-using okv::Dictionary;
-using okv::Value;
-using Data = OKVDataMng_protocol;
-using Admin = OKVDataAdmin_protocol;
-
 namespace {
 
 constexpr std::int32_t kUser = 1;

@@ -6,15 +6,21 @@
 
 namespace soak {
 
+using okv::Array;
+using okv::Dictionary;
+using okv::Value;
+using Data = OKVDataMng_protocol;
+using Admin = OKVDataAdmin_protocol;
+
 /// An answer that must not come, whatever happened to the server.
 struct WrongAnswer : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 /// A value that holds the number, and more or less text with it.
-okv::Value valueHolding(std::int64_t number);
+Value valueHolding(std::int64_t number);
 /// The number in such a value, or the value as a number itself; 0 where there is none.
-std::int64_t numberIn(const okv::Value& value);
+std::int64_t numberIn(const Value& value);
 
 /// Stores the number in the register's place; false when it was refused.
 bool write(okv::RemoteObject& root, const Register& place, std::int64_t number);

@@ -9,9 +9,7 @@
 
 namespace soak {
 
-using okv::Dictionary;
 using okv::RunLoop;
-using okv::Value;
 
 namespace {
 

@@ -2,7 +2,6 @@
 
 #include "Measure.h"
 
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,28 +35,11 @@ Processes::~Processes() {
     for (const auto& client : passing_) waitpid(client.pid, nullptr, 0);
 }
 
-pid_t Processes::start(const std::function<void()>& body) {
-    std::fflush(nullptr);
-    const auto director = getpid();
-    const auto pid = fork();
-    if (pid < 0) throw std::runtime_error("no process");
-    if (pid > 0) return pid;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != director) _exit(1);
-    try {
-        body();
-        _exit(0);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "soak: a client: %s\n", error.what());
-        _exit(1);
-    }
-}
-
 void Processes::startLasting() {
     for (const auto& kind : lastingClients()) {
         auto& slot = board_.add(kind.name, kind.place, kind.registers);
         const auto fault = slot.name() == std::string("reader1") ? fault_ : Fault::none;
-        const auto pid = start([&] { kind.make(board_, slot, fault)->run(); });
+        const auto pid = support::startChild([&] { kind.make(board_, slot, fault)->run(); });
         lasting_.push_back({pid, &slot});
         series_.push_back({kind.name, {}});
     }
@@ -68,7 +50,7 @@ void Processes::startPassing(Slot& slot) {
     const auto number = static_cast<std::size_t>(passed_++);
     const bool isToBeKilled = random_() % 2 == 0;
     slot.begin(slot.name(), slot.firstRegister(), slot.registerCount());
-    const auto pid = start(
+    const auto pid = support::startChild(
         [&] { passingClient(board_, slot, number)->run(isToBeKilled ? -1 : kStepsOfPassing); });
     passing_.push_back(
         {pid, &slot, isToBeKilled ? now() + static_cast<double>(random_() % 1500) / 1000 : 0});

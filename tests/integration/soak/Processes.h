@@ -44,7 +44,6 @@ private:
         double killAt;  ///< 0: it ends by itself
     };
 
-    pid_t start(const std::function<void()>& body);
     void startPassing(Slot& slot);
     bool hasEnded(pid_t pid, const Slot& slot, bool killed);
     void complain(const Slot& slot, const std::string& what);

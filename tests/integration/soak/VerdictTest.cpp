@@ -1,11 +1,14 @@
 #include "Measure.h"
 #include "Verdict.h"
 
+#include "support/Processes.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 
 using namespace soak;
+using support::numberOf;
 
 namespace {
 

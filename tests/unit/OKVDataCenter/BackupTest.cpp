@@ -67,12 +67,12 @@ TEST(TheFirstBackup, IsDueAtOnceUnlessTheNewestIsYoung) {
 }
 
 TEST(TheKeeperOfBackups, LogsAFailureOnceWithItsReasonAndThatItIsOver) {
-    const TemporaryFolder folder;
-    const auto file = folder.file("s");
+    const support::TempFolder folder;
+    const auto file = folder / "s";
     const datacenter::Store store(file, datacenter::Limits());
-    std::filesystem::create_directory(folder.file("s.backups"));
+    std::filesystem::create_directory(folder / "s.backups");
     // What cannot be replaced by a file.
-    std::filesystem::create_directory(folder.file("s.backups/unfinished"));
+    std::filesystem::create_directory(folder / "s.backups/unfinished");
     std::vector<std::string> log;
     const auto keeper = okv::make<datacenter::BackupKeeper>(
         file, seconds(1), [&](const std::string& line) { log.push_back(line); });
@@ -83,7 +83,7 @@ TEST(TheKeeperOfBackups, LogsAFailureOnceWithItsReasonAndThatItIsOver) {
     ASSERT_EQ(log.size(), 1U) << "the same reason again is not told again";
     EXPECT_NE(log[0].find("s.backups/unfinished"), std::string::npos) << log[0];
     EXPECT_NE(log[0].find("Is a directory"), std::string::npos) << log[0];
-    std::filesystem::remove(folder.file("s.backups/unfinished"));
+    std::filesystem::remove(folder / "s.backups/unfinished");
     serveUntil([&] { return keeper->state()["kept"] == okv::Value(1); });
     ASSERT_EQ(log.size(), 2U);
     EXPECT_EQ(log[1], "backups of the store are made again");
@@ -91,13 +91,12 @@ TEST(TheKeeperOfBackups, LogsAFailureOnceWithItsReasonAndThatItIsOver) {
 }
 
 TEST(TheKeeperOfBackups, MayGoWhileOneIsUnderWay) {
-    const TemporaryFolder folder;
-    const datacenter::Store store(folder.file("s"), datacenter::Limits());
+    const support::TempFolder folder;
+    const datacenter::Store store(folder / "s", datacenter::Limits());
     for (int i = 0; i < 20; ++i) {
-        okv::make<datacenter::BackupKeeper>(folder.file("s"), seconds(1), [](const auto&) {
-        })->start();
-        EXPECT_FALSE(std::filesystem::exists(folder.file("s.backups/unfinished")));
-        std::filesystem::remove_all(folder.file("s.backups"));
+        okv::make<datacenter::BackupKeeper>(folder / "s", seconds(1), [](const auto&) {})->start();
+        EXPECT_FALSE(std::filesystem::exists(folder / "s.backups/unfinished"));
+        std::filesystem::remove_all(folder / "s.backups");
     }
     okv::RunLoop::current()->dispatch();
 }

@@ -8,8 +8,6 @@ using Kind = okv::Refusal::Kind;
 
 namespace {
 
-const Value kNull = Null{};
-
 class DataMethods : public testing::Test {
 protected:
     DataMethods() {

@@ -54,8 +54,8 @@ void open(const std::string& file, FailingCall& failing) {
 class AStoreOfWhichOneCallFails : public testing::TestWithParam<std::tuple<Function, int>> {};
 
 TEST_P(AStoreOfWhichOneCallFails, OpensAndWorksOrIsRefusedAndNeverSetAside) {
-    const TemporaryFolder folder;
-    const auto file = folder.file("store");
+    const support::TempFolder folder;
+    const auto file = folder / "store";
     makeStore(file);
     const auto [function, error] = GetParam();
     forEachFailingCall(function, Kind::any, error, [&](FailingCall& failing) {
@@ -67,8 +67,8 @@ TEST_P(AStoreOfWhichOneCallFails, OpensAndWorksOrIsRefusedAndNeverSetAside) {
 }
 
 TEST_P(AStoreOfWhichOneCallFails, RefusesAChangeOnlyWhenItWasNotCommitted) {
-    const TemporaryFolder folder;
-    const auto file = folder.file("store");
+    const support::TempFolder folder;
+    const auto file = folder / "store";
     makeStore(file);
     const auto [function, error] = GetParam();
     forEachFailingCall(function, Kind::any, error, [&](FailingCall& failing) {

@@ -7,17 +7,6 @@
 
 using namespace std::chrono_literals;
 
-TemporaryFolder::TemporaryFolder() {
-    auto pattern = (std::filesystem::temp_directory_path() / "okv-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no folder for the test");
-    path_ = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 void RecordingPoster::post(std::string_view name, const okv::Dictionary& userInfo) {
     EXPECT_EQ(name, "jp.nrm.okv6.notification");
     std::unique_lock lock(mutex_);

@@ -3,28 +3,16 @@
 #include "Server.h"
 #include "Store.h"
 
+#include "support/Files.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
-
-/// A folder of the test's own, gone with it.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::string file(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
 
 /// The server's end of a connection that is none: says who asks, keeps what is sent.
 class RecordingPort final : public okv::MessagePort {
@@ -130,7 +118,7 @@ public:
     /// Serves until the port was answered so often; gives the last answer.
     std::string awaitAnswer(RecordingPort& port, std::size_t count = 1);
 
-    std::string storeFile() const { return folder_.file("store.db"); }
+    std::string storeFile() const { return folder_ / "store.db"; }
 
     RecordingPoster poster;
     std::atomic<double> now = 1000000;
@@ -143,8 +131,10 @@ public:
 private:
     const okv::Ref<okv::RunLoop> loop_ = okv::RunLoop::current();
     Options options_;
-    TemporaryFolder folder_;
+    support::TempFolder folder_;
 };
+
+inline const okv::Value kNull = okv::Null{};
 
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;

@@ -27,7 +27,6 @@ Method firstOf(Class wanted) {
 }  // namespace
 
 TEST(Rights, EveryMethodOfBothProtocolsHasARow) {
-    EXPECT_EQ(everyMethod().size(), 47U + 16U);
     for (const auto method : everyMethod())
         EXPECT_NE(datacenter::grantFor(method).grantedTo, Class::none) << method.selector();
 }

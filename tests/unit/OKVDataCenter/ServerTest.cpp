@@ -1,9 +1,12 @@
 #include "Harness.h"
 
+#include "support/Answers.h"
+
 using okv::Array;
 using okv::Dictionary;
 using okv::Null;
 using okv::Value;
+using support::expectRefused;
 using Kind = okv::Refusal::Kind;
 
 namespace {
@@ -20,13 +23,6 @@ Harness::Options withSelfService() {
 void giveUsers(Harness& harness) {
     harness.ask<&Data::setUseridPT_applyUid>(static_cast<std::int32_t>(kUser), 2);
     harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
-}
-
-template <class A>
-void expectRefused(const A& answer, Kind kind, const char* what) {
-    EXPECT_EQ(answer.value, decltype(answer.value)()) << what;
-    ASSERT_TRUE(answer.refusal) << what;
-    EXPECT_EQ(answer.refusal->kind, kind) << what << ": " << answer.refusal->reason;
 }
 
 }  // namespace

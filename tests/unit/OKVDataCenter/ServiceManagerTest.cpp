@@ -1,9 +1,8 @@
 #include "Harness.h"
 #include "ServiceManager.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "support/Processes.h"
+#include "support/Sockets.h"
 
 #include <thread>
 
@@ -16,36 +15,22 @@ namespace {
 class Manager {
 public:
     explicit Manager(int watchdogMicroseconds)
-        : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        const auto path = folder_.file("notify");
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error("no socket to be told at");
-        setenv("NOTIFY_SOCKET", path.c_str(), 1);
-        setenv("WATCHDOG_USEC", std::to_string(watchdogMicroseconds).c_str(), 1);
-    }
-    Manager(const Manager&) = delete;
-    Manager& operator=(const Manager&) = delete;
-    ~Manager() {
-        unsetenv("NOTIFY_SOCKET");
-        unsetenv("WATCHDOG_USEC");
-        close(socket_);
-    }
+        : watched_("WATCHDOG_USEC", std::to_string(watchdogMicroseconds)) {}
 
     /// All that was told since.
     std::vector<std::string> take() const {
         std::vector<std::string> told;
         char text[512];
-        for (ssize_t size = 0; (size = recv(socket_, text, sizeof text, 0)) >= 0;)
+        for (ssize_t size = 0; (size = recv(socket_.get(), text, sizeof text, 0)) >= 0;)
             told.emplace_back(text, static_cast<std::size_t>(size));
         return told;
     }
 
 private:
-    TemporaryFolder folder_;
-    int socket_;
+    support::TempFolder folder_;
+    support::BoundSocket socket_{SOCK_DGRAM | SOCK_NONBLOCK, folder_ / "notify"};
+    support::Environment toldAt_{"NOTIFY_SOCKET", folder_ / "notify"};
+    support::Environment watched_;
 };
 
 void turnFor(milliseconds time) {

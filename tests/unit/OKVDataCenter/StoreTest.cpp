@@ -1,32 +1,23 @@
 #include "Harness.h"
 #include "View.h"
 
+#include "support/Files.h"
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <set>
-#include <sstream>
 
 using datacenter::Limits;
 using datacenter::Store;
 using datacenter::StoreError;
 using okv::Value;
+using support::bytesOf;
+using support::write;
 namespace step = datacenter::step;
 
 namespace {
-
-std::string bytesOf(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << stream.rdbuf();
-    return bytes.str();
-}
-
-void write(const std::string& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary) << bytes;
-}
 
 mode_t modeOf(const std::string& file) {
     struct stat status {};
@@ -65,11 +56,11 @@ void makeStore(const std::string& file) {
 }  // namespace
 
 TEST(Store, IsMadeForItsOwnerAloneWithOneUser) {
-    const TemporaryFolder folder;
-    Store store(folder.file("s"), Limits());
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
     commit(store, setting(1, "k", 1));
     for (const char* name : {"s", "s-wal", "s-shm", "s.guard"})
-        EXPECT_EQ(modeOf(folder.file(name)), 0600U) << name;
+        EXPECT_EQ(modeOf(folder / name), 0600U) << name;
     EXPECT_EQ(store.users(), std::vector<std::int32_t>{1});
     EXPECT_EQ(store.highestUser(), 1);
     EXPECT_EQ(store.revision(), 0);
@@ -77,36 +68,36 @@ TEST(Store, IsMadeForItsOwnerAloneWithOneUser) {
 }
 
 TEST(Store, TakesRightsAwayThatOthersHaveOnItsFile) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    chmod(folder.file("s").c_str(), 0644);
-    const Store store(folder.file("s"), Limits());
-    EXPECT_EQ(modeOf(folder.file("s")), 0600U);
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    chmod((folder / "s").c_str(), 0644);
+    const Store store(folder / "s", Limits());
+    EXPECT_EQ(modeOf(folder / "s"), 0600U);
 }
 
 TEST(Store, AnEmptyFileIsAFreshStore) {
-    const TemporaryFolder folder;
-    write(folder.file("s"), "");
-    Store store(folder.file("s"), Limits());
+    const support::TempFolder folder;
+    write(folder / "s", "");
+    Store store(folder / "s", Limits());
     EXPECT_TRUE(store.hasUser(1));
 }
 
 TEST(Store, NeedsItsFolder) {
-    const TemporaryFolder folder;
-    EXPECT_NE(whyNotOpened(folder.file("missing/s")).find("No such file"), std::string::npos);
+    const support::TempFolder folder;
+    EXPECT_NE(whyNotOpened(folder / "missing/s").find("No such file"), std::string::npos);
 }
 
 TEST(Store, KeepsEverythingThroughBeingClosedAndOpened) {
-    const TemporaryFolder folder;
+    const support::TempFolder folder;
     std::string epoch;
     {
-        Store store(folder.file("s"), Limits());
+        Store store(folder / "s", Limits());
         epoch = store.epoch();
         commit(store, step::AddUser{9});
         commit(store, setting(9, "k", okv::Array{1, "two", okv::Null{}}));
         commit(store, step::Lock{"k", true, {77, 6}});
     }
-    Store store(folder.file("s"), Limits());
+    Store store(folder / "s", Limits());
     const auto view = store.load();
     EXPECT_EQ(store.epoch(), epoch);
     const auto& held = view->user(9)->settings.at("k");
@@ -117,9 +108,9 @@ TEST(Store, KeepsEverythingThroughBeingClosedAndOpened) {
 }
 
 TEST(Store, RefusesADamagedFileAndLeavesItAsItWas) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("good"));
-    const auto good = bytesOf(folder.file("good"));
+    const support::TempFolder folder;
+    makeStore(folder / "good");
+    const auto good = bytesOf(folder / "good");
     auto torn = good;
     for (std::size_t i = 4096 * 2; i < torn.size(); i += 512) torn.replace(i, 64, 64, '\x5A');
     const struct {
@@ -133,17 +124,17 @@ TEST(Store, RefusesADamagedFileAndLeavesItAsItWas) {
         {"torn_pages", torn, "damaged"},
     };
     for (const auto& [name, bytes, why] : lines) {
-        write(folder.file(name), bytes);
-        const auto said = whyNotOpened(folder.file(name));
+        write(folder / name, bytes);
+        const auto said = whyNotOpened(folder / name);
         EXPECT_TRUE(said.find(why) != std::string::npos ||
                     said.find("malformed") != std::string::npos)
             << name << ": " << said;
-        EXPECT_EQ(bytesOf(folder.file(name)), bytes) << name;
+        EXPECT_EQ(bytesOf(folder / name), bytes) << name;
     }
 }
 
 TEST(Store, RefusesSomebodyElsesDatabaseAndANewerStore) {
-    const TemporaryFolder folder;
+    const support::TempFolder folder;
     const struct {
         const char* name;
         const char* script;
@@ -155,38 +146,38 @@ TEST(Store, RefusesSomebodyElsesDatabaseAndANewerStore) {
          "newer than this server's"},
     };
     for (const auto& [name, script, why] : lines) {
-        datacenter::Database(folder.file(name), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
+        datacenter::Database(folder / name, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
             .execute(script);
-        const auto before = bytesOf(folder.file(name));
-        EXPECT_NE(whyNotOpened(folder.file(name)).find(why), std::string::npos) << name;
-        EXPECT_EQ(bytesOf(folder.file(name)), before) << name;
+        const auto before = bytesOf(folder / name);
+        EXPECT_NE(whyNotOpened(folder / name).find(why), std::string::npos) << name;
+        EXPECT_EQ(bytesOf(folder / name), before) << name;
     }
 }
 
 TEST(Store, IsOpenInOneServerAtATime) {
-    const TemporaryFolder folder;
-    const Store store(folder.file("s"), Limits());
-    EXPECT_NE(whyNotOpened(folder.file("s")).find("another server"), std::string::npos);
+    const support::TempFolder folder;
+    const Store store(folder / "s", Limits());
+    EXPECT_NE(whyNotOpened(folder / "s").find("another server"), std::string::npos);
 }
 
 TEST(Store, AnOlderCopyThatWasPutBackIsAnotherEpoch) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    const auto backup = bytesOf(folder.file("s"));
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    const auto backup = bytesOf(folder / "s");
     std::string epoch;
     {
-        Store store(folder.file("s"), Limits());
+        Store store(folder / "s", Limits());
         epoch = store.epoch();
         datacenter::Change change;
         store.begin();
         store.record(change);
         store.commit();
     }
-    { EXPECT_EQ(Store(folder.file("s"), Limits()).epoch(), epoch); }
-    write(folder.file("s"), backup);
-    const auto restored = Store(folder.file("s"), Limits()).epoch();
+    { EXPECT_EQ(Store(folder / "s", Limits()).epoch(), epoch); }
+    write(folder / "s", backup);
+    const auto restored = Store(folder / "s", Limits()).epoch();
     EXPECT_NE(restored, epoch);
-    EXPECT_EQ(Store(folder.file("s"), Limits()).epoch(), restored);
+    EXPECT_EQ(Store(folder / "s", Limits()).epoch(), restored);
 }
 
 namespace {
@@ -206,60 +197,60 @@ std::string markOf(const std::string& epoch, std::int64_t revision) {
 }  // namespace
 
 TEST(Store, EveryCommitIsMarkedBesideItAndNothingElseIs) {
-    const TemporaryFolder folder;
-    Store store(folder.file("s"), Limits());
-    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), 0));
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
+    EXPECT_EQ(bytesOf(folder / "s.guard"), markOf(store.epoch(), 0));
     for (std::int64_t revision = 1; revision <= 12; ++revision) {
         datacenter::Change change;
         store.begin();
         store.record(change);
-        EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), revision - 1))
+        EXPECT_EQ(bytesOf(folder / "s.guard"), markOf(store.epoch(), revision - 1))
             << "before the commit";
         store.commit();
-        EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), revision));
+        EXPECT_EQ(bytesOf(folder / "s.guard"), markOf(store.epoch(), revision));
     }
     datacenter::Change change;
     store.begin();
     store.record(change);
     store.rollback();
-    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(store.epoch(), 12)) << "taken back";
+    EXPECT_EQ(bytesOf(folder / "s.guard"), markOf(store.epoch(), 12)) << "taken back";
 }
 
 TEST(Store, AMarkThatBecomesShorterIsWrittenWhole) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    const auto backup = bytesOf(folder.file("s"));
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    const auto backup = bytesOf(folder / "s");
     {
-        Store store(folder.file("s"), Limits());
+        Store store(folder / "s", Limits());
         for (int i = 0; i < 12; ++i) recordChange(store);
     }
-    write(folder.file("s"), backup);
-    Store restored(folder.file("s"), Limits());
-    EXPECT_EQ(bytesOf(folder.file("s.guard")), markOf(restored.epoch(), restored.revision()));
+    write(folder / "s", backup);
+    Store restored(folder / "s", Limits());
+    EXPECT_EQ(bytesOf(folder / "s.guard"), markOf(restored.epoch(), restored.revision()));
 }
 
 TEST(Store, AnOlderCopyThatIsPutBackAfterACrashIsAnotherEpoch) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    const auto backup = bytesOf(folder.file("s"));
-    const auto epoch = Store(folder.file("s"), Limits()).epoch();
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    const auto backup = bytesOf(folder / "s");
+    const auto epoch = Store(folder / "s", Limits()).epoch();
     const pid_t child = fork();
     if (child == 0) {
-        Store store(folder.file("s"), Limits());
+        Store store(folder / "s", Limits());
         recordChange(store);
         _exit(0);  // the store is not closed
     }
     int status = -1;
     waitpid(child, &status, 0);
     ASSERT_EQ(status, 0);
-    for (const char* beside : {"s-wal", "s-shm"}) std::filesystem::remove(folder.file(beside));
-    write(folder.file("s"), backup);
-    EXPECT_NE(Store(folder.file("s"), Limits()).epoch(), epoch);
+    for (const char* beside : {"s-wal", "s-shm"}) std::filesystem::remove(folder / beside);
+    write(folder / "s", backup);
+    EXPECT_NE(Store(folder / "s", Limits()).epoch(), epoch);
 }
 
 TEST(Store, CountsWhatAScopeHoldsWhateverWayItComesAndGoes) {
-    const TemporaryFolder folder;
-    Store store(folder.file("s"), Limits());
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
     const auto holds = [&](std::int64_t keys, std::int64_t bytes) {
         const auto usage = store.usage(1);
         EXPECT_EQ(usage.keys, keys);
@@ -288,31 +279,31 @@ TEST(Store, RefusesToReadRowsThatItNeverWrites) {
              "INSERT INTO settings VALUES(1, 'k', x'FF', 0, 0)",      // no value
              "INSERT INTO changes VALUES(1, 0, 0, 0, 0, 0, x'8101')"  // a key that is no text
          }) {
-        const TemporaryFolder folder;
-        makeStore(folder.file("s"));
-        datacenter::Database(folder.file("s"), SQLITE_OPEN_READWRITE).execute(script);
-        EXPECT_THROW(Store(folder.file("s"), Limits()), datacenter::StoreDamaged) << script;
+        const support::TempFolder folder;
+        makeStore(folder / "s");
+        datacenter::Database(folder / "s", SQLITE_OPEN_READWRITE).execute(script);
+        EXPECT_THROW(Store(folder / "s", Limits()), datacenter::StoreDamaged) << script;
     }
 }
 
 TEST(Store, ADamagedOneIsSetAsideWithItsLogAndBegunAfreshWhenTold) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    const auto bytes = bytesOf(folder.file("s")).substr(0, 5000);
-    write(folder.file("s"), bytes);
-    write(folder.file("s-wal"), "what was written last");
-    const Store store(folder.file("s"), Limits(), Store::Damaged::setAside);
-    EXPECT_EQ(store.setAside().rfind(folder.file("s.damaged-"), 0), 0U) << store.setAside();
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    const auto bytes = bytesOf(folder / "s").substr(0, 5000);
+    write(folder / "s", bytes);
+    write(folder / "s-wal", "what was written last");
+    const Store store(folder / "s", Limits(), Store::Damaged::setAside);
+    EXPECT_EQ(store.setAside().rfind(folder / "s.damaged-", 0), 0U) << store.setAside();
     EXPECT_EQ(bytesOf(store.setAside()), bytes);
     EXPECT_EQ(bytesOf(store.setAside() + "-wal"), "what was written last");
 }
 
 TEST(Store, TwoDamagedOnesOfOneSecondAreBothKept) {
-    const TemporaryFolder folder;
+    const support::TempFolder folder;
     std::set<std::string> names;
     for (const char* bytes : {"first damage", "second damage"}) {
-        write(folder.file("s"), bytes);
-        const Store store(folder.file("s"), Limits(), Store::Damaged::setAside);
+        write(folder / "s", bytes);
+        const Store store(folder / "s", Limits(), Store::Damaged::setAside);
         EXPECT_EQ(bytesOf(store.setAside()), bytes);
         names.insert(store.setAside());
     }
@@ -320,29 +311,28 @@ TEST(Store, TwoDamagedOnesOfOneSecondAreBothKept) {
 }
 
 TEST(Store, OneThatIsNotDamagedIsNeverSetAside) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("good"));
-    datacenter::Database(folder.file("good"), SQLITE_OPEN_READWRITE)
-        .execute("PRAGMA user_version=99");
-    const auto newer = bytesOf(folder.file("good"));
-    EXPECT_THROW(Store(folder.file("good"), Limits(), Store::Damaged::setAside),
+    const support::TempFolder folder;
+    makeStore(folder / "good");
+    datacenter::Database(folder / "good", SQLITE_OPEN_READWRITE).execute("PRAGMA user_version=99");
+    const auto newer = bytesOf(folder / "good");
+    EXPECT_THROW(Store(folder / "good", Limits(), Store::Damaged::setAside),
                  datacenter::StoreError);
-    EXPECT_EQ(bytesOf(folder.file("good")), newer);
-    makeStore(folder.file("fine"));
-    EXPECT_EQ(Store(folder.file("fine"), Limits(), Store::Damaged::setAside).setAside(), "");
+    EXPECT_EQ(bytesOf(folder / "good"), newer);
+    makeStore(folder / "fine");
+    EXPECT_EQ(Store(folder / "fine", Limits(), Store::Damaged::setAside).setAside(), "");
 }
 
 TEST(Store, OneThatWasCutOffToNothingIsDamagedAndNotFresh) {
-    const TemporaryFolder folder;
-    makeStore(folder.file("s"));
-    write(folder.file("s"), "");
-    EXPECT_THROW(Store(folder.file("s"), Limits()), datacenter::StoreDamaged);
-    EXPECT_EQ(bytesOf(folder.file("s")), "");
+    const support::TempFolder folder;
+    makeStore(folder / "s");
+    write(folder / "s", "");
+    EXPECT_THROW(Store(folder / "s", Limits()), datacenter::StoreDamaged);
+    EXPECT_EQ(bytesOf(folder / "s"), "");
 }
 
 TEST(Store, TakesBackWhatADroppedRequestDid) {
-    const TemporaryFolder folder;
-    Store store(folder.file("s"), Limits());
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
     store.begin();
     store.beginRequest();
     store.carryOut(setting(1, "kept", 1));

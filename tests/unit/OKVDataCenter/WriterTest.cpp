@@ -44,13 +44,13 @@ protected:
         poster.awaitHeld();
     }
 
-    TemporaryFolder folder;
+    support::TempFolder folder;
     std::mutex mutex_;
     std::condition_variable came_;
     std::vector<std::shared_ptr<datacenter::Batch>> batches_;
     std::vector<std::string> log;  // written before the batch is handed over, read after
     RecordingPoster poster;
-    datacenter::Store store{folder.file("s"), [] {
+    datacenter::Store store{folder / "s", [] {
                                 datacenter::Limits limits;
                                 limits.storePages = 200;
                                 limits.queuedBytes = 1 << 20;

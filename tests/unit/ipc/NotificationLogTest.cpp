@@ -1,8 +1,8 @@
-#include <OKVPlatform/ipc/Crc32c.h>
+#include "LogRecords.h"
+
 #include <OKVPlatform/ipc/NotificationLogReader.h>
 #include <OKVPlatform/ipc/NotificationLogWriter.h>
 #include <OKVPlatform/ipc/PeerIdentity.h>
-#include <OKVPlatform/values/Cbor.h>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -16,18 +16,20 @@
 #include <cstdarg>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <utility>
 
+#include "support/Files.h"
 #include "support/NotificationTesting.h"
 
+using ipctest::rawRecord;
+using ipctest::record;
 using notification_test::Folder;
 using okv::Notification;
 using okv::NotificationError;
 using okv::NotificationLogReader;
 using okv::NotificationLogWriter;
 using okv::Value;
-using State = okv::NotificationLogRecord::State;
+using support::bytesOf;
 
 namespace {
 
@@ -51,28 +53,6 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
 #pragma GCC visibility pop
 
 namespace {
-
-std::string record(std::uint64_t sequence, const Notification& notification) {
-    auto bytes = okv::encodeLogRecord(notification);
-    okv::sealLogRecord(bytes, sequence);
-    return bytes;
-}
-
-std::string rawRecord(std::uint64_t sequence, const std::string& content) {
-    auto bytes = std::string(okv::kLogRecordHeaderSize, '\0') + content;
-    okv::sealLogRecord(bytes, sequence);
-    return bytes;
-}
-
-std::string fileText(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 void appendToFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::app) << bytes;
@@ -110,78 +90,6 @@ protected:
 
 }  // namespace
 
-TEST(Crc32c, MatchesTheKnownSums) {
-    struct Row {
-        std::string bytes;
-        std::uint32_t sum;
-    };
-    const Row rows[] = {{"", 0},
-                        {"123456789", 0xE3069283},
-                        {std::string(32, '\0'), 0x8A9136AA},
-                        {std::string(32, '\xFF'), 0x62A8AB43}};
-    for (const auto& [bytes, sum] : rows) EXPECT_EQ(okv::crc32c(bytes), sum) << bytes.size();
-    EXPECT_EQ(okv::crc32c("6789", okv::crc32c("12345")), 0xE3069283U);
-}
-
-TEST(NotificationLogFormat, AHeaderComesBackAndNothingElseIsOne) {
-    const auto bytes = okv::encodeLogHeader({0x0102030405060708U, 99});
-    ASSERT_EQ(bytes.size(), okv::kLogHeaderSize);
-    EXPECT_EQ(bytes.substr(0, 8), "OKVNOTES");
-    const auto header = okv::parseLogHeader(bytes + "more");
-    ASSERT_TRUE(header);
-    EXPECT_EQ(header->id, 0x0102030405060708U);
-    EXPECT_EQ(header->first, 99U);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        auto changed = bytes;
-        changed[i] = static_cast<char>(changed[i] ^ 1);
-        EXPECT_FALSE(okv::parseLogHeader(changed)) << i;
-        EXPECT_FALSE(okv::parseLogHeader(bytes.substr(0, i))) << i;
-    }
-    EXPECT_FALSE(okv::parseLogHeader(okv::encodeLogHeader({0, 1})));
-}
-
-TEST(NotificationLogFormat, ARecordComesBackWholeAndEveryPartOfItIsIncomplete) {
-    const auto bytes = record(7, {"name", "sender", okv::Dictionary{{"key", 5}}});
-    const auto followed = bytes + "next";
-    const auto parsed = okv::parseLogRecord(followed);
-    ASSERT_EQ(parsed.state, State::whole);
-    EXPECT_EQ(parsed.size, bytes.size());
-    EXPECT_EQ(parsed.sequence, 7U);
-    const auto notice = okv::decodeNotification(parsed.content);
-    ASSERT_TRUE(notice);
-    EXPECT_EQ(notice->name, "name");
-    EXPECT_EQ(notice->object, Value("sender"));
-    EXPECT_EQ(notice->userInfo, Value(okv::Dictionary{{"key", 5}}));
-    for (std::size_t size = 0; size < bytes.size(); ++size)
-        EXPECT_EQ(okv::parseLogRecord(bytes.substr(0, size)).state, State::incomplete) << size;
-}
-
-TEST(NotificationLogFormat, AChangedByteMakesNoWholeRecord) {
-    const auto bytes = record(7, {"name", {}, 5});
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        auto changed = bytes;
-        changed[i] = static_cast<char>(changed[i] ^ 0x10);
-        EXPECT_NE(okv::parseLogRecord(changed).state, State::whole) << i;
-    }
-    EXPECT_EQ(okv::parseLogRecord(std::string(16, '\0')).state, State::bad);
-    EXPECT_EQ(okv::parseLogRecord(std::string(16, '\xFF')).state, State::bad);
-}
-
-TEST(NotificationLogFormat, OnlyAnArrayOfNameSenderAndInformationIsANotice) {
-    const std::pair<Value, bool> rows[] = {{okv::Array{"n", Value(), Value()}, true},
-                                           {okv::Array{"n", "s", 1}, true},
-                                           {okv::Array{"n", 1, Value()}, false},
-                                           {okv::Array{1, "s", Value()}, false},
-                                           {okv::Array{"n", "s"}, false},
-                                           {okv::Array{"n", "s", 1, 2}, false},
-                                           {okv::Array{"n", okv::Null{}, 1}, false},
-                                           {"n", false}};
-    for (const auto& [value, isNotice] : rows)
-        EXPECT_EQ(okv::decodeNotification(okv::encodeCbor(value)).has_value(), isNotice);
-    EXPECT_FALSE(okv::decodeNotification(""));
-    EXPECT_FALSE(okv::decodeNotification(okv::encodeCbor(okv::Array{"n", "s", 1}) + "x"));
-}
-
 TEST_F(NotificationLog, GivesWhatIsPostedAfterTheReaderStoodAtTheEnd) {
     writer_.post({"before", {}, {}});
     reader_.skipToEnd();
@@ -209,14 +117,14 @@ TEST_F(NotificationLog, CutsATornTailBeforeItGrowsWhoeverPosts) {
         folder_.remove();
         folder_.make();
         writer_.post({"a", {}, {}});
-        const auto whole = fileText(folder_.log());
+        const auto whole = bytesOf(folder_.log());
         reader_.skipToEnd();
         appendToFile(folder_.log(), torn.substr(0, size));
         EXPECT_EQ(readAll(reader_), "") << size;
         NotificationLogWriter other(folder_.path(), {});
         (size % 2 == 0 ? other : writer_).post({"b", {}, {}});
         EXPECT_EQ(readAll(reader_), " b") << size;
-        EXPECT_EQ(fileText(folder_.log()), whole + record(2, {"b", {}, {}})) << size;
+        EXPECT_EQ(bytesOf(folder_.log()), whole + record(2, {"b", {}, {}})) << size;
     }
 }
 
@@ -287,15 +195,15 @@ TEST_F(NotificationLog, AReaderThatCameTooLateIsToldHowManyItMissed) {
 TEST_F(NotificationLog, KeepsItsIdAndNumbersOverARotationButNotOverADeletion) {
     NotificationLogWriter writer(folder_.path(), {.sizeLimit = 300});
     for (int i = 1; i <= 3; ++i) writer.post({"n", {}, std::string(60, 'x')});
-    const auto before = okv::parseLogHeader(fileText(folder_.log()));
+    const auto before = okv::parseLogHeader(bytesOf(folder_.log()));
     writer.post({"n", {}, std::string(60, 'x')});
-    const auto after = okv::parseLogHeader(fileText(folder_.log()));
+    const auto after = okv::parseLogHeader(bytesOf(folder_.log()));
     ASSERT_TRUE(before && after);
     EXPECT_EQ(after->id, before->id);
     EXPECT_EQ(after->first, 4U);
     std::filesystem::remove(folder_.log());
     writer.post({"n", {}, {}});
-    const auto anew = okv::parseLogHeader(fileText(folder_.log()));
+    const auto anew = okv::parseLogHeader(bytesOf(folder_.log()));
     ASSERT_TRUE(anew);
     EXPECT_NE(anew->id, before->id);
     EXPECT_EQ(anew->first, 1U);
@@ -309,7 +217,7 @@ TEST_F(NotificationLog, AReaderFollowsADeletedAndAReplacedLog) {
     writer_.post({"c", {}, {}});
     EXPECT_EQ(readAll(reader_), " b c");
     const auto other = okv::encodeLogHeader({77, 5}) + record(5, {"d", {}, {}});
-    writeFile(folder_.path() + "/other", other);
+    support::write(folder_.path() + "/other", other);
     std::filesystem::rename(folder_.path() + "/other", folder_.log());
     EXPECT_EQ(readAll(reader_), " -4 d");
     writer_.post({"e", {}, {}});
@@ -319,11 +227,11 @@ TEST_F(NotificationLog, AReaderFollowsADeletedAndAReplacedLog) {
 TEST_F(NotificationLog, AReaderFollowsALogThatIsEmptiedOrOverwrittenInItsPlace) {
     writer_.post({"a", {}, {}});
     reader_.skipToEnd();
-    writeFile(folder_.log(), "");
+    support::write(folder_.log(), "");
     EXPECT_EQ(readAll(reader_), "");
     writer_.post({"b", {}, {}});
     EXPECT_EQ(readAll(reader_), " b");
-    writeFile(folder_.log(), okv::encodeLogHeader({77, 1}) + record(1, {"c", {}, {}}));
+    support::write(folder_.log(), okv::encodeLogHeader({77, 1}) + record(1, {"c", {}, {}}));
     EXPECT_EQ(readAll(reader_), " c");
     NotificationLogWriter(folder_.path(), {}).post({"d", {}, {}});
     EXPECT_EQ(readAll(reader_), " d");

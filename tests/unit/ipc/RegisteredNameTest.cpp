@@ -1,17 +1,16 @@
+#include "support/Processes.h"
+
 #include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using okv::connectToName;
@@ -26,45 +25,25 @@ constexpr char kName[] = "jp.nrm.test.name";
 constexpr uid_t kAccount = 23401;
 constexpr uid_t kOtherAccount = 23402;
 
-/// A process that holds a name until it is ended.
-class PublisherProcess {
+/// A process that holds a name until it is ended; `atHome` runs in it once it has published.
+class PublisherProcess : public support::Child {
 public:
-    /// `atHome` runs in the process once it has published, or failed to.
-    explicit PublisherProcess(uid_t uid, const std::function<void()>& atHome = {}) {
-        int ready[2];
-        if (pipe(ready) != 0) throw std::runtime_error("pipe");
-        pid_ = fork();
-        if (pid_ == 0) publish(uid, ready[1], atHome);
-        close(ready[1]);
-        char byte = 0;
-        published_ = read(ready[0], &byte, 1) == 1 && byte == 'y';
-        close(ready[0]);
-    }
-    PublisherProcess(const PublisherProcess&) = delete;
-    PublisherProcess& operator=(const PublisherProcess&) = delete;
-    ~PublisherProcess() { end(); }
+    explicit PublisherProcess(uid_t uid, const std::function<void()>& atHome = {})
+        : Child([&](const auto& ready) { publish(uid, ready, atHome); }) {}
 
-    bool hasPublished() const { return published_; }
-    void end() {
-        if (pid_ <= 0) return;
-        kill(pid_, SIGKILL);
-        waitpid(std::exchange(pid_, -1), nullptr, 0);
-    }
+    bool hasPublished() const { return isReady(); }
 
 private:
-    [[noreturn]] static void publish(uid_t uid, int ready, const std::function<void()>& atHome) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    static void publish(uid_t uid, const std::function<void()>& ready,
+                        const std::function<void()>& atHome) {
         std::string why;
         const bool isUser = uid == geteuid() || setresuid(uid, uid, uid) == 0;
         const auto name = isUser ? PublishedName::publish(kName, {}, why) : nullptr;
-        if (name && atHome) atHome();
-        const bool told = write(ready, name ? "y" : "n", 1) == 1;
-        while (told) pause();
-        _exit(1);
+        if (!name) return;
+        if (atHome) atHome();
+        ready();
+        for (;;) pause();
     }
-
-    pid_t pid_ = -1;
-    bool published_ = false;
 };
 
 class RegisteredNameTest : public testing::Test {

@@ -14,7 +14,7 @@ using okv::Array;
 using okv::Dictionary;
 using okv::Value;
 using processtest::Child;
-using processtest::TempFolder;
+using support::TempFolder;
 
 namespace {
 

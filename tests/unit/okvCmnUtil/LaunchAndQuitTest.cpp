@@ -22,7 +22,7 @@ using okv::Array;
 using okv::OSStatus;
 using okv::ProcessSerialNumber;
 using processtest::Child;
-using processtest::TempFolder;
+using support::TempFolder;
 
 namespace {
 
@@ -294,7 +294,7 @@ std::string folderChosenInPrivateRoot(bool hasProgramFolder) {
     });
     if (outcome == 77) return "skip";
     EXPECT_EQ(outcome, 0);
-    return processtest::contentOf(answers / "pwd");
+    return support::bytesOf(answers / "pwd");
 }
 
 }  // namespace
@@ -305,7 +305,7 @@ TEST(LaunchApp, RunsTheExecutableWithItsArgumentsInTheFolder) {
     EXPECT_TRUE(okvCmnUtil::launchApp_argument_sync_workPath_processId(
         "/bin/sh", {"-c", "pwd > out; echo \"$0|$1\" >> out; echo $$ >> out", "a b", ""}, true,
         folder.path(), &pid));
-    EXPECT_EQ(processtest::contentOf(folder / "out"),
+    EXPECT_EQ(support::bytesOf(folder / "out"),
               folder.path() + "\na b|\n" + std::to_string(pid) + "\n");
 }
 

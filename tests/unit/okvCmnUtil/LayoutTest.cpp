@@ -1,4 +1,4 @@
-#include "../system/TempFolder.h"
+#include "support/Files.h"
 
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVPlatform/system/SystemVersion.h>
@@ -53,7 +53,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return row.param.name; });
 
 TEST(FileInfo, AnApplicationIsADirectory) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string file = folder.write("X.app/file", "x");
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("X.app", link.c_str()), 0);
@@ -65,7 +65,7 @@ TEST(FileInfo, AnApplicationIsADirectory) {
 }
 
 TEST(FileInfo, IsNoneForWhatDoesNotExist) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
     EXPECT_FALSE(okvCmnUtil::fileInfo(folder / "missing"));
@@ -74,7 +74,7 @@ TEST(FileInfo, IsNoneForWhatDoesNotExist) {
 }
 
 TEST(FileInfo, TellsTheTargetsAttributes) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     folder.write("target", "12345");
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("target", link.c_str()), 0);
@@ -90,13 +90,13 @@ TEST(FileInfo, TellsTheTargetsAttributes) {
 }
 
 TEST(FileSize, Is0ForAMissingAndForAnEmptyFile) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     EXPECT_EQ(okvCmnUtil::fileSize(folder.write("empty", "")), 0U);
     EXPECT_EQ(okvCmnUtil::fileSize(folder / "missing"), 0U);
 }
 
 TEST(FileSize, OfALinkIsItsTargets) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     folder.write("target", std::string(1234, 'x'));
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("target", link.c_str()), 0);
@@ -104,7 +104,7 @@ TEST(FileSize, OfALinkIsItsTargets) {
 }
 
 TEST(FileSize, HasMoreThan32Bits) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string path = folder.write("sparse", "");
     constexpr std::int64_t kSize = (std::int64_t{4} << 30) + 7;
     ASSERT_EQ(truncate(path.c_str(), kSize), 0);

@@ -1,4 +1,4 @@
-#include "../system/TempFolder.h"
+#include "support/Files.h"
 
 #include <OKVDataManager/MainteFile.h>
 #include <OKVDataManager/okvCmnUtil.h>
@@ -25,7 +25,7 @@ protected:
         EXPECT_FALSE(okvCmnUtil::isDevModeLog());
     }
 
-    TempFolder folder_;
+    support::TempFolder folder_;
 };
 
 struct SwitchRow {

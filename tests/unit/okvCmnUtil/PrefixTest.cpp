@@ -1,4 +1,4 @@
-#include "../system/TempFolder.h"
+#include "support/Files.h"
 
 #include <OKVDataManager/okvCmnUtil.h>
 
@@ -93,13 +93,21 @@ TEST(RemovePrefix, UndoesAddPrefixForEveryTextThatIsNotEmpty) {
         }
 }
 
-TEST(LocalizedString, IsTheGivenBundlesTextOrTheKeyItself) {
-    const TempFolder folder;
+namespace {
+
+void writeBundle(const support::TempFolder& folder) {
     folder.write("X.app/Contents/Info.plist",
                  "<plist><dict><key>CFBundleDevelopmentRegion</key><string>en</string></dict>"
                  "</plist>");
     folder.write("X.app/Contents/Resources/en.lproj/Localizable.strings",
                  "\"greeting\" = \"Hello\";");
+}
+
+}  // namespace
+
+TEST(LocalizedString, IsTheGivenBundlesTextOrTheKeyItself) {
+    const support::TempFolder folder;
+    writeBundle(folder);
     const auto bundle = okv::Bundle::open(folder / "X.app");
     ASSERT_TRUE(bundle);
     EXPECT_EQ(okvCmnUtil::localizedString_key(bundle.get(), "greeting"), "Hello");
@@ -111,12 +119,8 @@ TEST(LocalizedString, WithoutABundleAProcessOutsideOfOneHasNone) {
 }
 
 TEST(LocalizedString, WithoutABundleIsTheMainBundlesText) {
-    const TempFolder folder;
-    folder.write("X.app/Contents/Info.plist",
-                 "<plist><dict><key>CFBundleDevelopmentRegion</key><string>en</string></dict>"
-                 "</plist>");
-    folder.write("X.app/Contents/Resources/en.lproj/Localizable.strings",
-                 "\"greeting\" = \"Hello\";");
+    const support::TempFolder folder;
+    writeBundle(folder);
     const std::string program = folder.write("X.app/Contents/Linux/X", "");
     std::filesystem::copy_file(OKV_LOCALIZED_PROGRAM, program,
                                std::filesystem::copy_options::overwrite_existing);

@@ -35,7 +35,7 @@ Operation silent(std::string name, OperationCall call, Value result) {
     return {std::move(name), std::move(call), {}, {}, result, result};
 }
 
-std::vector<Operation> identityOperations() {
+std::vector<Operation> currentUserOperations() {
     return {
         forwarding(
             "defaultUserId", [](Manager& m) { return Value(m.defaultUserId()); },
@@ -56,6 +56,11 @@ std::vector<Operation> identityOperations() {
         forwarding(
             "setCurrentUserIdForOS", [](Manager& m) { return Value(m.setCurrentUserIdForOS(7)); },
             {"setCurrentUserIdForOSPT:", "@", {7}}, true, false),
+    };
+}
+
+std::vector<Operation> userListOperations() {
+    return {
         forwarding(
             "setUserid_applyUid", [](Manager& m) { return m.setUserid_applyUid(501, -9), Value(); },
             {"setUseridPT:applyUid:", "ii", {501, -9}}, Value(), Value()),
@@ -74,6 +79,11 @@ std::vector<Operation> identityOperations() {
         forwarding(
             "removeUserInfoAll", [](Manager& m) { return m.removeUserInfoAll(), Value(); },
             {"removeUserInfoAllPT", "", {}}, Value(), Value()),
+    };
+}
+
+std::vector<Operation> membershipOperations() {
+    return {
         {"isUserIdOfAKnownUser",
          [](Manager& m) { return Value(m.isUserId(7)); },
          {userListMessage()},
@@ -96,7 +106,6 @@ std::vector<Operation> identityOperations() {
 }
 
 std::vector<Operation> sessionOperations() {
-    const Date noon{1700000000.25};
     return {
         silent(
             "setNowSessionUserId",
@@ -125,6 +134,12 @@ std::vector<Operation> sessionOperations() {
                 return Value(m.nowSessionUserId());
             },
             3),
+    };
+}
+
+std::vector<Operation> clockOperations() {
+    const Date noon{1700000000.25};
+    return {
         forwarding(
             "setServerTime", [=](Manager& m) { return m.setServerTime(noon), Value(); },
             {"setServerTimePT:", "@", {noon}}, Value(), Value()),
@@ -146,9 +161,7 @@ std::vector<Operation> sessionOperations() {
     };
 }
 
-std::vector<Operation> settingOperations() {
-    const Value settings = Dictionary{{"dc-gui-colour", "red"}};
-    const Value none = Dictionary{};
+std::vector<Operation> readingOperations() {
     return {
         forwarding(
             "reloadOKVData", [](Manager& m) { return Value(m.reloadOKVData()); },
@@ -174,6 +187,11 @@ std::vector<Operation> settingOperations() {
             "okvDataAllOfNoKeys", [](Manager& m) { return m.okvDataAll(Array{}); }, Value()),
         silent(
             "okvDataAllOfNoArray", [](Manager& m) { return m.okvDataAll(Value()); }, Value()),
+    };
+}
+
+std::vector<Operation> writingOperations() {
+    return {
         forwarding(
             "setOKVData_value", [](Manager& m) { return Value(m.setOKVData_value("k", Array{1})); },
             {"setOKVDataPT:value:appUid:", "@@i", {"k", Array{1}, kSessionUser}}, true, false),
@@ -197,6 +215,11 @@ std::vector<Operation> settingOperations() {
         silent(
             "setOKVData_value_appUidWithoutAValue",
             [](Manager& m) { return Value(m.setOKVData_value_appUid("k", Value(), 3)); }, false),
+    };
+}
+
+std::vector<Operation> writingForAccountOperations() {
+    return {
         forwarding(
             "setOKVData_value_osUid",
             [](Manager& m) { return Value(m.setOKVData_value_osUid("k", 5, 501)); },
@@ -208,6 +231,13 @@ std::vector<Operation> settingOperations() {
         silent(
             "setOKVData_value_osUidWithoutAValue",
             [](Manager& m) { return Value(m.setOKVData_value_osUid("k", Value(), 501)); }, false),
+    };
+}
+
+std::vector<Operation> writingAllOperations() {
+    const Value settings = Dictionary{{"dc-gui-colour", "red"}};
+    const Value none = Dictionary{};
+    return {
         forwarding(
             "setOKVDataAll", [=](Manager& m) { return Value(m.setOKVDataAll(settings)); },
             {"setOKVDataAllPT:appUid:", "@i", {settings, kSessionUser}}, true, false),
@@ -232,6 +262,11 @@ std::vector<Operation> settingOperations() {
         silent(
             "setOKVDataAll_osUidOfNothing",
             [](Manager& m) { return Value(m.setOKVDataAll_osUid(Value(), 501)); }, false),
+    };
+}
+
+std::vector<Operation> switchOperations() {
+    return {
         forwarding(
             "setAgentRunOn", [](Manager& m) { return Value(m.setAgentRun(true)); },
             {"setAgentAutoRunPT:", "c", {true}}, true, false),

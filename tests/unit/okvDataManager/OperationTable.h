@@ -60,9 +60,16 @@ Operation sessionRead(std::string name, OperationCall call, ReceivedMessage mess
 Operation silent(std::string name, OperationCall call, Value result);
 
 // The families of rows that allOperations joins.
-std::vector<Operation> identityOperations();
+std::vector<Operation> currentUserOperations();
+std::vector<Operation> userListOperations();
+std::vector<Operation> membershipOperations();
 std::vector<Operation> sessionOperations();
-std::vector<Operation> settingOperations();
+std::vector<Operation> clockOperations();
+std::vector<Operation> readingOperations();
+std::vector<Operation> writingOperations();
+std::vector<Operation> writingForAccountOperations();
+std::vector<Operation> writingAllOperations();
+std::vector<Operation> switchOperations();
 std::vector<Operation> listOperations();
 std::vector<Operation> processListOperations();
 std::vector<Operation> endpointOperations();

@@ -190,8 +190,11 @@ std::vector<Operation> endpointOperations() {
 const std::vector<Operation>& allOperations() {
     static const auto all = [] {
         std::vector<Operation> joined;
-        for (const auto family : {identityOperations, sessionOperations, settingOperations,
-                                  listOperations, processListOperations, endpointOperations})
+        for (const auto family :
+             {currentUserOperations, userListOperations, membershipOperations, sessionOperations,
+              clockOperations, readingOperations, writingOperations, writingForAccountOperations,
+              writingAllOperations, switchOperations, listOperations, processListOperations,
+              endpointOperations})
             append(joined, family());
         return joined;
     }();

@@ -89,7 +89,7 @@ TEST_F(AllOperations, TogetherSendEveryMethodButTheTenThatAreOnlyServed) {
             received.emplace(Rows::selector(row));
     }
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(received.size(), 37U);
+    EXPECT_EQ(received.size(), Rows::rowCount - selectorsNeverSent().size());
 }
 
 TEST_F(AllOperations, OfAManagerThatWasDisconnectedSendNothing) {

@@ -5,14 +5,12 @@
 
 #include <csignal>
 #include <future>
-#include <set>
 #include <thread>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The one data manager that a process shares: made once, checked at every later call. Every case
-// runs in a process of its own.
+// The one data manager that a process shares: made once, checked at every later call.
 
 namespace dmtest {
 namespace {
@@ -26,6 +24,26 @@ class SharedTest : public ServerTest {
 protected:
     using ServerTest::ServerTest;
     static okv::Ref<okvDataManager> shared() { return okvDataManager::sharedDataManager(); }
+
+    // The shared instance outlives a case: where several run in one process, the next discards it.
+    void SetUp() override {
+        static bool isFirst = true;
+        if (!std::exchange(isFirst, false)) discardShared();
+    }
+
+private:
+    // The call that finds its connection dead does.
+    void discardShared() {
+        if (server_) server_->stop();
+        {
+            const FakeDataServer passing;
+            const auto manager = shared();
+            if (manager && !manager->isConnect()) manager->connectSrv();
+        }
+        ASSERT_EQ(shared(), nullptr);
+        if (server_) server_->start();
+        lines_.take();
+    }
 };
 
 class NobodyTest : public SharedTest {
@@ -109,18 +127,7 @@ TEST_F(SharedTest, AnInstanceMadeWithoutAnObjectTakesNoneLater) {
 }
 
 TEST_F(SharedTest, TenThreadsRacingForTheFirstCallGetOneInstanceAndOneRegistration) {
-    std::promise<void> go;
-    const auto start = go.get_future().share();
-    std::vector<std::future<okv::Ref<okvDataManager>>> racers;
-    for (int i = 0; i < 10; ++i) {
-        racers.push_back(std::async(std::launch::async, [start] {
-            start.wait();
-            return okvDataManager::sharedDataManager();
-        }));
-    }
-    go.set_value();
-    std::set<okvDataManager*> instances;
-    for (auto& racer : racers) instances.insert(racer.get().get());
+    const auto instances = instancesOfTenRacers();
     EXPECT_EQ(instances.size(), 1U);
     EXPECT_FALSE(instances.contains(nullptr));
     EXPECT_EQ(server().count("registerAsClient:"), 1U);

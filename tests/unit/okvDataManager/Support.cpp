@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 
 std::size_t okv::NotificationCenterInspector::registrationsOf(const Object& observer) {
     auto& center = NotificationCenter::defaultCenter();
@@ -84,7 +85,12 @@ bool succeedsInAChild(const std::function<void()>& task) {
     return child > 0 && status == 0;
 }
 
-ServerTest::ServerTest(std::optional<FakeDataServer::Options> options) {
+static const RuntimeFolder& sharedFolder() {
+    static const RuntimeFolder folder;
+    return folder;
+}
+
+ServerTest::ServerTest(std::optional<FakeDataServer::Options> options) : folder_(sharedFolder()) {
     if (options) startServer(*options);
 }
 
@@ -117,6 +123,22 @@ ConnectedTest::ConnectedTest() {
     if (!manager_) throw std::runtime_error("the fake data server was not reached");
     lines_.take();
     sent();
+}
+
+std::set<okvDataManager*> instancesOfTenRacers() {
+    std::promise<void> go;
+    const auto start = go.get_future().share();
+    std::vector<std::future<okv::Ref<okvDataManager>>> racers;
+    for (int i = 0; i < 10; ++i) {
+        racers.push_back(std::async(std::launch::async, [start] {
+            start.wait();
+            return okvDataManager::sharedDataManager();
+        }));
+    }
+    go.set_value();
+    std::set<okvDataManager*> instances;
+    for (auto& racer : racers) instances.insert(racer.get().get());
+    return instances;
 }
 
 ReceivedMessage userListMessage() {

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -100,8 +101,9 @@ void serveForAWhile();
 /// Runs the task in a forked child; answers whether it ended there without a failure.
 bool succeedsInAChild(const std::function<void()>& task);
 
-/// A private runtime folder and, unless told otherwise, a fake data server in it. After every test
-/// it looks whether anything was sent that never should be.
+/// A private runtime folder and, unless told otherwise, a fake data server in it. All tests of one
+/// process share the folder: its default notification centre keeps to the one that it found first.
+/// After every test it looks whether anything was sent that never should be.
 class ServerTest : public testing::Test {
 protected:
     explicit ServerTest(std::optional<FakeDataServer::Options> options = FakeDataServer::Options{});
@@ -113,7 +115,7 @@ protected:
     Messages sent();
     Strings sentSelectors();
 
-    RuntimeFolder folder_;
+    const RuntimeFolder& folder_;
     LoggedLines lines_;
     std::unique_ptr<FakeDataServer> server_;
 };
@@ -127,6 +129,9 @@ protected:
     okvDataManager& manager() { return *manager_; }
     okv::Ref<okvDataManager> manager_;
 };
+
+/// What ten threads get that call for the shared instance at the same moment.
+std::set<okvDataManager*> instancesOfTenRacers();
 
 /// What reading for the session user asks first.
 ReceivedMessage userListMessage();

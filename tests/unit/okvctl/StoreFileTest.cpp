@@ -5,13 +5,14 @@
 #include "StoreDifference.h"
 #include "ToolError.h"
 
+#include "support/Files.h"
+
 #include <gmock/gmock.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
+#include <filesystem>
 
 using okv::Array;
 using okv::Dictionary;
@@ -69,24 +70,6 @@ std::vector<std::string> toldBetween(const Dictionary& store, const Dictionary& 
     return lines;
 }
 
-struct Folder {
-    Folder() {
-        char name[] = "/tmp/okvctl-test-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~Folder() {
-        unlink(file().c_str());
-        rmdir(path.c_str());
-    }
-    std::string file() const { return path + "/file"; }
-    std::string path;
-};
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 }  // namespace
 
 TEST(StoreFile, IsReadByWhatItsFirstBytesSay) {
@@ -111,12 +94,13 @@ TEST(StoreFile, ThatIsNoneOfTheFormsIsRefusedWithThePlace) {
 }
 
 TEST(StoreFile, IsReplacedAsAWholeAndOnlyForItsOwner) {
-    const Folder folder;
-    okvctl::writeStoreFile(folder.file(), "first");
-    okvctl::writeStoreFile(folder.file(), "second");
-    EXPECT_EQ(contentOf(folder.file()), "second");
+    const support::TempFolder folder;
+    const auto file = folder / "file";
+    okvctl::writeStoreFile(file, "first");
+    okvctl::writeStoreFile(file, "second");
+    EXPECT_EQ(support::bytesOf(file), "second");
     struct stat status {};
-    ASSERT_EQ(stat(folder.file().c_str(), &status), 0);
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
@@ -130,11 +114,11 @@ TEST(StoreFile, ThatIsADeviceIsWrittenToAndStays) {
 
 TEST(StoreFile, ThatCannotBeMadeLeavesNothingBehind) {
     EXPECT_THROW(okvctl::writeStoreFile("/no/such/folder/file", "text"), ToolError);
-    const Folder folder;
-    ASSERT_EQ(mkdir(folder.file().c_str(), 0700), 0);
-    EXPECT_THROW(okvctl::writeStoreFile(folder.file(), "text"), ToolError);
-    rmdir(folder.file().c_str());
-    EXPECT_EQ(rmdir(folder.path.c_str()), 0) << "something was left";
+    const support::TempFolder folder;
+    const auto taken = folder.makeFolder("file");
+    EXPECT_THROW(okvctl::writeStoreFile(taken, "text"), ToolError);
+    rmdir(taken.c_str());
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << "something was left";
 }
 
 TEST(PropertyListText, LeavesOutWhatIsNotSetAndNamesWhatItHasNoFormFor) {

@@ -6,16 +6,18 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 
 #include "Support.h"
+#include "support/Bytes.h"
 
 using okv::Dictionary;
 using okv::ProcessManager;
 using okv::ProcessSerialNumber;
-using processtest::TempFolder;
+using support::repeated;
+using support::TempFolder;
+using support::write;
 
 namespace {
 
@@ -32,16 +34,6 @@ struct HostileRow {
     const char* name;
     std::function<void(const std::string& path)> make;
 };
-
-void write(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string repeated(const std::string& text, int count) {
-    std::string result;
-    for (int i = 0; i < count; ++i) result += text;
-    return result;
-}
 
 void PrintTo(const HostileRow& row, std::ostream* out) {
     *out << row.name;

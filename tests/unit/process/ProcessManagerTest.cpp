@@ -19,7 +19,7 @@ using okv::ProcessManager;
 using okv::ProcessSerialNumber;
 using okv::Value;
 using processtest::Child;
-using processtest::TempFolder;
+using support::TempFolder;
 
 namespace {
 
@@ -65,7 +65,7 @@ std::string bundleSeenByNobody(int pid) {
             answers.write("bundle", dictionary["BundlePath"].as<std::string>());
         return 0;
     });
-    return processtest::contentOf(answers / "bundle");
+    return support::bytesOf(answers / "bundle");
 }
 
 }  // namespace

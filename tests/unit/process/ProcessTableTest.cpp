@@ -19,7 +19,7 @@
 using okv::KernelProcessTable;
 using okv::ProcessRecord;
 using processtest::Child;
-using processtest::TempFolder;
+using support::TempFolder;
 
 namespace {
 

@@ -1,59 +1,17 @@
 #include "Support.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 
 namespace processtest {
-
-namespace fs = std::filesystem;
-
-TempFolder::TempFolder() {
-    std::string name = (fs::temp_directory_path() / "okv-process-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    path_ = name;
-    chmod(path_.c_str(), 0755);
-}
-
-TempFolder::~TempFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
-std::string TempFolder::operator/(std::string_view name) const {
-    return path_ + '/' + std::string(name);
-}
-
-std::string TempFolder::write(std::string_view name, std::string_view content) const {
-    const auto path = *this / name;
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-}
-
-std::string TempFolder::copyExecutable(const std::string& from, std::string_view name) const {
-    const auto path = *this / name;
-    fs::create_directories(fs::path(path).parent_path());
-    fs::copy_file(from, path);
-    chmod(path.c_str(), 0755);
-    return path;
-}
-
-std::string TempFolder::makeFolder(std::string_view name) const {
-    const auto path = *this / name;
-    fs::create_directories(path);
-    return path;
-}
 
 static void execute(const std::string& executable, const ChildOptions& options, int output) {
     dup2(output, STDOUT_FILENO);
@@ -114,13 +72,8 @@ void waitForEnd(pid_t child) {
     }
 }
 
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 std::size_t openDescriptors() {
-    const fs::directory_iterator folder("/proc/self/fd");
+    const std::filesystem::directory_iterator folder("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
 }
 

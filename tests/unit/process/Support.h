@@ -1,36 +1,17 @@
 #pragma once
 
+#include "support/Files.h"
+
 #include <sys/types.h>
 
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-/// What the process tests share: private folders and real child processes.
+/// What the process tests share: real child processes.
 namespace processtest {
 
 inline constexpr uid_t kNobody = 65534;
-
-/// A folder of its own, open to every account, removed with all that is in it.
-class TempFolder {
-public:
-    TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    ~TempFolder();
-
-    const std::string& path() const noexcept { return path_; }
-    std::string operator/(std::string_view name) const;
-    /// Writes a file, with the folders on its way.
-    std::string write(std::string_view name, std::string_view content) const;
-    /// Copies an executable to `name`, with the folders on its way.
-    std::string copyExecutable(const std::string& from, std::string_view name) const;
-    std::string makeFolder(std::string_view name) const;
-
-private:
-    std::string path_;
-};
 
 /// How a child process is started.
 struct ChildOptions {
@@ -65,7 +46,6 @@ int inFork(const std::function<int()>& body);
 /// Blocks until a child of ours has ended, without reaping it.
 void waitForEnd(pid_t child);
 
-std::string contentOf(const std::string& path);
 std::size_t openDescriptors();
 
 }  // namespace processtest

@@ -25,8 +25,8 @@
 
 using okv::Task;
 using okv::TaskError;
-using processtest::contentOf;
-using processtest::TempFolder;
+using support::bytesOf;
+using support::TempFolder;
 
 namespace {
 
@@ -84,7 +84,7 @@ bool comesToBlockInAWrite(pid_t pid) {
     const auto wanted = std::to_string(SYS_write) + " ";
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < end) {
-        if (contentOf("/proc/" + std::to_string(pid) + "/syscall").starts_with(wanted)) return true;
+        if (bytesOf("/proc/" + std::to_string(pid) + "/syscall").starts_with(wanted)) return true;
         std::this_thread::yield();
     }
     return false;
@@ -101,13 +101,13 @@ TEST(Task, RunsAnExecutableWithItsArgumentsInItsFolder) {
     task.launch();
     EXPECT_GT(task.processIdentifier(), 0);
     task.waitUntilExit();
-    EXPECT_EQ(contentOf(folder / "out"), "a b||c'\n\xff|" + folder.path() + "\n");
+    EXPECT_EQ(bytesOf(folder / "out"), "a b||c'\n\xff|" + folder.path() + "\n");
 }
 
 TEST(Task, WritesItsLaunchPathAsTheFirstArgument) {
     const TempFolder folder;
     runShell("tr '\\0' '\\n' < /proc/$$/cmdline > out", folder);
-    EXPECT_TRUE(contentOf(folder / "out").starts_with("/bin/sh\n-c\n"));
+    EXPECT_TRUE(bytesOf(folder / "out").starts_with("/bin/sh\n-c\n"));
 }
 
 TEST(Task, ARelativePathIsRelativeToTheLauncherNotToTheChild) {
@@ -125,7 +125,7 @@ TEST(Task, ARelativePathIsRelativeToTheLauncherNotToTheChild) {
         return 0;
     });
     EXPECT_EQ(outcome, 0);
-    EXPECT_EQ(contentOf(folder / "there/out"), folder / "there\n");
+    EXPECT_EQ(bytesOf(folder / "there/out"), folder / "there\n");
 }
 
 TEST(Task, HasNoProcessBeforeItIsLaunched) {
@@ -189,7 +189,7 @@ TEST(Task, WaitsUntilTheChildHasEndedAndReapsIt) {
     task.launch();
     std::thread gate([&] { std::ofstream(folder / "gate") << "done\n"; });
     task.waitUntilExit();
-    EXPECT_EQ(contentOf(folder / "out"), "done\n");
+    EXPECT_EQ(bytesOf(folder / "out"), "done\n");
     EXPECT_FALSE(isChildOfOurs(task.processIdentifier()));
     gate.join();
     task.waitUntilExit();
@@ -268,7 +268,7 @@ TEST(Task, GivesTheChildNoOtherDescriptor) {
     ASSERT_EQ(dup2(STDIN_FILENO, kLeaking), kLeaking);
     runShell("[ -e /proc/$$/fd/77 ] && echo leaked > out || echo clean > out", folder);
     close(kLeaking);
-    EXPECT_EQ(contentOf(folder / "out"), "clean\n");
+    EXPECT_EQ(bytesOf(folder / "out"), "clean\n");
 }
 
 TEST(Task, KeepsItsPipeFromProgramsThatOthersExecute) {
@@ -304,8 +304,8 @@ TEST(Task, TheChildStartsWithCleanSignals) {
     });
     EXPECT_EQ(outcome, 0);
     // The C library keeps two signals (32 and 33) for itself: they stand above these bits.
-    EXPECT_EQ(signalsIn(contentOf(folder / "out"), "SigBlk:"), 0U);
-    EXPECT_EQ(signalsIn(contentOf(folder / "out"), "SigIgn:"), 1U << (SIGHUP - 1));
+    EXPECT_EQ(signalsIn(bytesOf(folder / "out"), "SigBlk:"), 0U);
+    EXPECT_EQ(signalsIn(bytesOf(folder / "out"), "SigIgn:"), 1U << (SIGHUP - 1));
 }
 
 TEST(Task, AnUnreadErrorPipeHolds64KiBAndThenBlocksTheChild) {
@@ -339,7 +339,7 @@ TEST(Task, TheErrorPipeStaysOpenWhileAGrandchildMayWriteToIt) {
     task.waitUntilExit();
     Task::reapFinished();
     std::ofstream(folder / "gate") << "go\n";
-    EXPECT_EQ(contentOf(folder / "out"), "alive\n");
+    EXPECT_EQ(bytesOf(folder / "out"), "alive\n");
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (processtest::openDescriptors() != before && std::chrono::steady_clock::now() < end)
         Task::reapFinished();

@@ -1,3 +1,5 @@
+#include "support/Files.h"
+
 #include <OKVPlatform/system/Bundle.h>
 
 #include <OKVPlatform/values/PropertyListFile.h>
@@ -11,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 using okv::Bundle;
@@ -27,30 +28,25 @@ namespace {
 class BundleFolder : public testing::Test {
 protected:
     BundleFolder() {
-        std::string name = std::filesystem::temp_directory_path() / "okv-bundle-XXXXXX";
-        folder_ = ::mkdtemp(name.data());
-        path_ = folder_ + "/View.app";
-        std::filesystem::create_directories(path_ + "/Contents/Linux");
+        folder_.makeFolder("View.app/Contents/Linux");
         for (const char* variable : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"})
             ::unsetenv(variable);
     }
-    ~BundleFolder() override { std::filesystem::remove_all(folder_); }
 
-    static void write(const std::string& path, const std::string& bytes) {
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::ofstream(path, std::ios::binary) << bytes;
+    void writeInfo(const std::string& bytes) {
+        folder_.write("View.app/Contents/Info.plist", bytes);
     }
-    void writeInfo(const std::string& bytes) { write(path_ + "/Contents/Info.plist", bytes); }
     void writeInfo(const Dictionary& info) { writeInfo(okv::writePropertyListXml(info)); }
     void writeTable(const std::string& language, const std::string& text) {
-        write(path_ + "/Contents/Resources/" + language + ".lproj/Localizable.strings", text);
+        folder_.write("View.app/Contents/Resources/" + language + ".lproj/Localizable.strings",
+                      text);
     }
     std::string localized(const char* key) const {
         return Bundle::open(path_)->localizedString(key);
     }
 
-    std::string folder_;
-    std::string path_;
+    const support::TempFolder folder_;
+    const std::string path_ = folder_ / "View.app";
 };
 
 std::string outputOf(const std::string& command) {
@@ -71,8 +67,8 @@ TEST_F(BundleFolder, HasThePathItWasOpenedBy) {
 }
 
 TEST_F(BundleFolder, WithoutContentsIsNone) {
-    EXPECT_FALSE(Bundle::open(folder_));
-    EXPECT_FALSE(Bundle::open(folder_ + "/missing.app"));
+    EXPECT_FALSE(Bundle::open(folder_.path()));
+    EXPECT_FALSE(Bundle::open(folder_ / "missing.app"));
     EXPECT_FALSE(Bundle::open(""));
     EXPECT_FALSE(Bundle::open("/"));
 }
@@ -158,7 +154,7 @@ TEST_F(BundleFolder, TheDevelopmentRegionStandsInForWhatALanguageLacks) {
 }
 
 TEST_F(BundleFolder, ARegionThatLeadsElsewhereIsNotFollowed) {
-    write(folder_ + "/secret.lproj/Localizable.strings", "Open = stolen;");
+    folder_.write("secret.lproj/Localizable.strings", "Open = stolen;");
     writeInfo(Dictionary{{"CFBundleDevelopmentRegion", "../../../secret"}});
     std::filesystem::create_directories(path_ + "/Contents/Resources");
     EXPECT_EQ(localized("Open"), "Open");
@@ -203,8 +199,8 @@ TEST_F(BundleFolder, IsTheMainBundleOfAnExecutableInIt) {
 TEST_F(BundleFolder, IsTheMainBundleOfAnExecutableReachedByALinkFromOutside) {
     const auto program = path_ + "/Contents/Linux/view";
     std::filesystem::copy_file(OKV_BUNDLE_PROBE, program);
-    std::filesystem::create_symlink(program, folder_ + "/link");
-    EXPECT_THAT(outputOf("'" + folder_ + "/link' Open"),
+    std::filesystem::create_symlink(program, folder_ / "link");
+    EXPECT_THAT(outputOf("'" + folder_ / "link" + "' Open"),
                 testing::StartsWith(std::filesystem::canonical(path_).string() + "\n"));
 }
 

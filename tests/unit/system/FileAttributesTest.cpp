@@ -1,4 +1,4 @@
-#include "TempFolder.h"
+#include "support/Files.h"
 
 #include <OKVPlatform/system/FileAttributes.h>
 
@@ -20,7 +20,7 @@ Value attribute(std::string_view path, const char* key, bool traverseLink = true
 }  // namespace
 
 TEST(FileAttributes, HaveEveryKeyForAnOrdinaryFile) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string path = folder.write("file", "12345");
     ASSERT_EQ(chmod(path.c_str(), 04640), 0);
     struct stat status {};
@@ -41,7 +41,7 @@ TEST(FileAttributes, HaveEveryKeyForAnOrdinaryFile) {
 
 TEST(FileAttributes, NameTheOwnersThatTheSystemKnows) {
     if (geteuid() != 0) GTEST_SKIP() << "only root has a name that is sure";
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string path = folder.write("file", "");
     ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
     EXPECT_EQ(attribute(path, "NSFileOwnerAccountName"), "root");
@@ -52,7 +52,7 @@ TEST(FileAttributes, NameTheOwnersThatTheSystemKnows) {
 }
 
 TEST(FileAttributes, FollowALinkOnlyWhenTold) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string target = folder.write("target", "123");
     const std::string link = folder / "link";
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
@@ -62,7 +62,7 @@ TEST(FileAttributes, FollowALinkOnlyWhenTold) {
 }
 
 TEST(FileAttributes, ALinkToNothingDoesNotExistButCanBeDescribed) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("nowhere", link.c_str()), 0);
     EXPECT_FALSE(okv::fileExistsAtPath(link));
@@ -71,7 +71,7 @@ TEST(FileAttributes, ALinkToNothingDoesNotExistButCanBeDescribed) {
 }
 
 TEST(FileAttributes, ALinkToItselfIsNoFile) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string link = folder / "link";
     ASSERT_EQ(symlink("link", link.c_str()), 0);
     EXPECT_FALSE(okv::fileExistsAtPath(link));
@@ -79,7 +79,7 @@ TEST(FileAttributes, ALinkToItselfIsNoFile) {
 }
 
 TEST(FileAttributes, TellTheKindOfFile) {
-    const TempFolder folder;
+    const support::TempFolder folder;
     const std::string fifo = folder / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EQ(attribute(fifo, "NSFileType"), "NSFileTypeUnknown");

@@ -1,18 +1,18 @@
 #include "PropertyListCorpus.h"
 
+#include "support/Files.h"
+#include "support/Sockets.h"
+
 #include <OKVPlatform/values/BoundedFile.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 #include <OKVPlatform/values/StringsTable.h>
 
 #include <gmock/gmock.h>
 
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 using testing::HasSubstr;
@@ -22,16 +22,9 @@ namespace {
 
 class BoundedFile : public testing::Test {
 protected:
-    BoundedFile() {
-        std::string name = testing::TempDir() + "okv-file-XXXXXX";
-        folder_ = ::mkdtemp(name.data());
-    }
-    ~BoundedFile() override { std::filesystem::remove_all(folder_); }
-
-    std::string at(const std::string& name) const { return folder_ + "/" + name; }
+    std::string at(const std::string& name) const { return folder_ / name; }
     std::string written(const std::string& name, const std::string& bytes) const {
-        std::ofstream(at(name), std::ios::binary) << bytes;
-        return at(name);
+        return folder_.write(name, bytes);
     }
     static void expectRefused(const std::string& path, const std::string& why) {
         const auto file = okv::readBoundedFile(path, 1000);
@@ -40,7 +33,7 @@ protected:
         EXPECT_EQ(okv::readPropertyListFile(path, 1000).error, file.error);
     }
 
-    std::string folder_;
+    const support::TempFolder folder_;
 };
 
 }  // namespace
@@ -78,7 +71,7 @@ TEST_F(BoundedFile, AMissingOneIsRefused) {
 }
 
 TEST_F(BoundedFile, AFolderIsRefused) {
-    expectRefused(folder_, "not a regular file");
+    expectRefused(folder_.path(), "not a regular file");
 }
 
 TEST_F(BoundedFile, AFifoIsRefusedWithoutWaitingForAWriter) {
@@ -91,15 +84,9 @@ TEST_F(BoundedFile, ADeviceIsRefused) {
 }
 
 TEST_F(BoundedFile, ASocketIsRefused) {
-    const int number = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     const auto path = at("socket");
-    ASSERT_LT(path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(::bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const support::BoundSocket socket(SOCK_STREAM, path);
     expectRefused(path, "No such device or address");
-    ::close(number);
 }
 
 TEST_F(BoundedFile, ALoopOfLinksIsRefused) {

@@ -1,12 +1,12 @@
+#include "support/Files.h"
+
 #include <OKVPlatform/values/Cbor.h>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 using okv::Array;
 using okv::Dictionary;
@@ -73,12 +73,6 @@ Value nestedArray(std::size_t depth) {
     return value;
 }
 
-std::string fileText(const std::filesystem::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 std::vector<std::filesystem::path> corpus(std::string_view prefix) {
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(OKV_CBOR_CORPUS)) {
@@ -129,7 +123,7 @@ class BadCbor : public testing::TestWithParam<std::filesystem::path> {};
 
 TEST_P(BadCbor, IsRefusedWithWhatAndWhere) {
     try {
-        okv::decodeCbor(fileText(GetParam()));
+        okv::decodeCbor(support::bytesOf(GetParam()));
         FAIL() << "was read";
     } catch (const okv::CborError& error) {
         EXPECT_NE(std::string(error.what()).find(" at byte " + std::to_string(error.offset())),
@@ -142,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, BadCbor, testing::ValuesIn(corpus("bad_")), nam
 class GoodCbor : public testing::TestWithParam<std::filesystem::path> {};
 
 TEST_P(GoodCbor, IsReadAndComesBackEqual) {
-    const auto value = okv::decodeCbor(fileText(GetParam()));
+    const auto value = okv::decodeCbor(support::bytesOf(GetParam()));
     EXPECT_EQ(okv::decodeCbor(okv::encodeCbor(value)), value);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Files.h"
+
 #include <OKVPlatform/values/Value.h>
 
 #include <gtest/gtest.h>
@@ -8,8 +10,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,11 +18,8 @@
 namespace corpus {
 
 inline std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file.good()) << path;
-    std::ostringstream bytes;
-    bytes << file.rdbuf();
-    return bytes.str();
+    EXPECT_TRUE(std::filesystem::exists(path)) << path;
+    return support::bytesOf(path);
 }
 
 /// "folder/name" of every file in the folder whose name begins with `start`, in order.

@@ -59,15 +59,21 @@ public:
     /// Ends the connection from this side; what the peer asked and nobody served yet is dropped.
     void invalidate();
 
-    /// Seconds that sending a request, and waiting for its reply, may take from now on; none when
-    /// not above 0.
+    /// Seconds that sending a request may take from now on; no limit when not above 0. Any thread.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
+    /// As above, for waiting for a reply.
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
 
+    /// Sends a request and waits until the reader has taken its reply. Throws ConnectionError. Any
+    /// thread; on the run loop's own, requests of the peer are not served meanwhile.
     void callAndRead(std::string& frame, ReplyReader& reader) override;
+    /// Sends a request whose reply is dropped. Throws ConnectionError when it was not sent.
     void post(std::string frame) override;
+    /// Sends the answer to a request of the peer's; dropped when the connection has ended.
     void sendAnswer(std::string frame) override;
+    /// The server, as the kernel recorded it.
     const PeerIdentity& peer() const noexcept override { return peer_; }
+    /// Lets the peer address an exported object for as long as this connection lives.
     void lend(std::uint64_t object) override;
 
 protected:

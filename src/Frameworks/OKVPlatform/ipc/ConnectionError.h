@@ -21,8 +21,10 @@ public:
         notUnderstood,   ///< the peer lives but does not know the request or its arguments' types
     };
 
+    /// `what`: the reason, for people.
     ConnectionError(Kind kind, const std::string& what) : std::runtime_error(what), kind_(kind) {}
 
+    /// What the caller may conclude.
     Kind kind() const noexcept { return kind_; }
 
 private:

@@ -40,10 +40,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Starts a frame at the end of `out`, and completes the one that began at `start` once its payload
-/// is appended. `finishFrame` throws std::length_error when the payload is larger than a frame may
-/// be.
+/// Starts a frame at the end of `out`; answers where it begins. Its payload is appended next.
 OKV_EXPORT std::size_t beginFrame(std::string& out, FrameKind kind);
+/// Completes the frame that began at `start` with its length and serial number. Throws
+/// std::length_error when the payload is larger than a frame may be.
 OKV_EXPORT void finishFrame(std::string& out, std::size_t start, std::uint32_t serial);
 /// Numbers a finished frame anew.
 OKV_EXPORT void setFrameSerial(std::string& frame, std::uint32_t serial);
@@ -52,23 +52,27 @@ OKV_EXPORT void setFrameSerial(std::string& frame, std::uint32_t serial);
 /// what a header announces, and gives a large frame's memory back.
 class OKV_EXPORT FrameBuffer {
 public:
+    /// `maxPayload`: in bytes; a frame that announces more is refused.
     explicit FrameBuffer(std::size_t maxPayload = kMaxFramePayload) : maxPayload_(maxPayload) {}
 
-    /// Where the next bytes may be written; then tell how many were. Invalidates frames handed out
-    /// before.
+    /// Where the next bytes may be written, never empty; valid until `added`, which must follow.
+    /// Invalidates frames handed out before.
     std::span<char> room();
+    /// Tells how many bytes were written there, 0 included.
     void added(std::size_t count) noexcept { end_ += count; }
 
     /// The next whole frame; none when its bytes are not all there. Throws FrameError for what is
     /// no frame.
     std::optional<Frame> next();
 
+    /// Whether no byte is left of what was added.
     bool empty() const noexcept { return begin_ == end_; }
     /// Bytes that the frame which has begun still lacks; 0 while its length is not known.
     std::size_t missing() const noexcept;
     /// Gives a large frame's memory back, once it has been taken. Invalidates frames handed out
     /// before.
     void trim() noexcept;
+    /// Changes the limit, in bytes, from the next frame on.
     void setMaxPayload(std::size_t bytes) noexcept { maxPayload_ = bytes; }
     /// From now on a large frame's memory is kept until a small one comes: who is sent one is often
     /// sent more.

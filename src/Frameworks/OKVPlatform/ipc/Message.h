@@ -58,6 +58,7 @@ public:
     virtual void post(std::string frame) = 0;
     /// Sends a frame that answers a request; safe from any thread; a dead peer's is dropped.
     virtual void sendAnswer(std::string frame) = 0;
+    /// Who is at the other end, as the kernel recorded it.
     virtual const PeerIdentity& peer() const noexcept = 0;
     /// Notes that the peer may now address the exported object.
     virtual void lend(std::uint64_t object) = 0;
@@ -66,10 +67,13 @@ public:
 /// An object that lives with the peer: a reference to the connection and the object's number there.
 class OKV_EXPORT RemoteObject final : public Object {
 public:
+    /// `number`: as the peer counts its objects; kRootObject for the one that it vends.
     RemoteObject(Ref<MessagePort> port, std::uint64_t number)
         : port_(std::move(port)), number_(number) {}
 
+    /// Valid as long as this object.
     MessagePort& port() const noexcept { return *port_; }
+    /// The object's number with its peer.
     std::uint64_t number() const noexcept { return number_; }
 
 private:
@@ -84,12 +88,17 @@ public:
     /// Throws CborError when the payload is no request.
     IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload);
 
+    /// The number of the object that it is for.
     std::uint64_t object() const noexcept { return object_; }
+    /// The method asked for, with its colons; valid as long as the request.
     std::string_view selector() const noexcept { return selector_; }
     /// One character an argument: "@" object, "i" int, "c" BOOL.
     std::string_view types() const noexcept { return types_; }
+    /// Of the payload, in bytes.
     std::size_t size() const noexcept { return payload_.size(); }
+    /// Who asks, as the kernel recorded it.
     const PeerIdentity& caller() const noexcept { return port_->peer(); }
+    /// The connection that it came by; retained by the request.
     MessagePort& port() const noexcept { return *port_; }
     /// Stands at the first argument.
     CborReader arguments() const noexcept { return arguments_; }
@@ -98,9 +107,10 @@ public:
         return make<RemoteObject>(port_, number);
     }
 
-    /// Answers, once: with a frame that `beginReply` began, or with why the request was not
-    /// understood.
+    /// Answers with a finished reply or failure frame, whose serial number is set here. A request
+    /// is answered once, by this or by `fail`. Any thread.
     void answer(std::string frame);
+    /// Answers why the request was not understood; as `answer`.
     void fail(std::string_view why);
 
 protected:
@@ -121,6 +131,7 @@ private:
 /// say why they answer nothing.
 class OKV_EXPORT Invocation {
 public:
+    /// The calling thread serves the request from now on until this goes; they may nest.
     explicit Invocation(IncomingRequest& request) noexcept;
     Invocation(const Invocation&) = delete;
     Invocation& operator=(const Invocation&) = delete;
@@ -129,11 +140,15 @@ public:
     /// Null outside of a request.
     static Invocation* current() noexcept;
 
+    /// Valid while it is served.
     IncomingRequest& request() const noexcept { return request_; }
+    /// Who asks.
     const PeerIdentity& caller() const noexcept { return request_.caller(); }
+    /// Has the reason sent beside the method's result, which should be its zero value.
     void refuse(Refusal::Kind kind, std::string reason) {
         refusal_ = Refusal{kind, std::move(reason)};
     }
+    /// The last reason given; none when the request was not refused.
     const std::optional<Refusal>& refusal() const noexcept { return refusal_; }
     /// Answers with a value that stays where it is, in place of the one that the method returns: a
     /// large one need not be copied. It must stay unchanged until the method has returned.
@@ -162,20 +177,28 @@ public:
         void* target = nullptr;
     };
 
-    /// The object's number, the same at every call until it is withdrawn.
+    /// The object's number, from 1 on, the same at every call until it is withdrawn. All
+    /// operations: any thread.
     static std::uint64_t add(Object& owner, RequestHandler handler, void* target);
+    /// Takes the object away; does nothing for one that is not there.
     static void withdraw(const Object& owner);
+    /// The object under a number, with a reference to it; none when it is gone or going.
     static std::optional<Found> find(std::uint64_t number);
 };
 
-/// A payload's parts: a frame is begun, its payload appended, and it is finished (see Frame.h).
+/// Begins a request frame in the place of what `frame` held; its arguments are appended next.
+/// `types` has a character for each of them.
 OKV_EXPORT void beginRequest(std::string& frame, std::uint64_t object, std::string_view selector,
                              std::string_view types);
+/// Completes a request frame, not numbered yet. Throws std::length_error when it is too large.
 OKV_EXPORT void finishRequest(std::string& frame);
+/// The frame that a client greets with.
 OKV_EXPORT std::string encodeHello();
+/// A frame that tells why the request of this serial number was not understood.
 OKV_EXPORT std::string encodeFailure(std::uint32_t serial, std::string_view why);
-/// Reads what stands behind a reply's result.
+/// Reads what stands behind a reply's result; none when nothing does. Throws CborError.
 OKV_EXPORT std::optional<Refusal> readRefusal(CborReader& reader);
+/// Appends a refusal behind a reply's result; nothing for none.
 OKV_EXPORT void appendRefusal(std::string& frame, const std::optional<Refusal>& refusal);
 
 }  // namespace okv

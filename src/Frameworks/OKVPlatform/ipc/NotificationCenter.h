@@ -30,6 +30,7 @@ struct LocalNotification {
 /// no lock. An observer added twice is called twice.
 class OKV_EXPORT NotificationCenter {
 public:
+    /// The process's one centre; never destroyed.
     static NotificationCenter& defaultCenter();
 
     /// Calls `handler` of the observer for notices of this name about `object` (null: about any).
@@ -42,6 +43,8 @@ public:
     /// Takes away every registration of the observer for this name and object (null: any).
     void removeObserver(const Object& observer, std::string_view name,
                         const Object* object = nullptr);
+    /// Calls everybody who observes it, here and now, one after the other. What a callback throws
+    /// reaches the poster, and the rest are not called. Any thread.
     void post(const LocalNotification& notice);
 
 private:

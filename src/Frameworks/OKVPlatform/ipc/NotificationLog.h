@@ -40,8 +40,10 @@ public:
         failed,    ///< no runtime folder, no space, a poster that holds the lock and does not go on
     };
 
+    /// `what`: the reason, for people.
     NotificationError(Kind kind, const std::string& what) : std::runtime_error(what), kind_(kind) {}
 
+    /// What the caller may conclude.
     Kind kind() const noexcept { return kind_; }
 
 private:
@@ -53,6 +55,7 @@ struct NotificationLogHeader {
     std::uint64_t first;  ///< the number of the first record in this file
 };
 
+/// The kLogHeaderSize bytes that a log begins with.
 OKV_EXPORT std::string encodeLogHeader(const NotificationLogHeader& header);
 /// None when the bytes do not begin with a header of a version that is known.
 OKV_EXPORT std::optional<NotificationLogHeader> parseLogHeader(std::string_view bytes);

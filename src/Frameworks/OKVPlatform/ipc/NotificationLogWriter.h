@@ -25,6 +25,7 @@ public:
         std::chrono::milliseconds lockWait{5000};  ///< how long another poster may hold the lock
     };
 
+    /// `folder`: the runtime folder; looked at only when something is posted.
     NotificationLogWriter(std::string folder, const Options& options)
         : folder_(std::move(folder)), options_(options) {}
 

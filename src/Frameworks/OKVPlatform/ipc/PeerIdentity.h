@@ -19,7 +19,9 @@ struct OKV_EXPORT PeerIdentity {
     gid_t gid = kOverflowUid;
     std::vector<gid_t> groups;  ///< supplementary ones
 
+    /// Whether the uid stands for an account.
     bool isAccount() const noexcept { return uid != kOverflowUid; }
+    /// Whether the group is its own or among the supplementary ones.
     bool isInGroup(gid_t group) const noexcept;
 
     /// Asks the kernel; none when the descriptor is no connected Unix socket. The groups only when

@@ -22,13 +22,17 @@ public:
         const Opening forksWait;
         return PrivateDescriptor(open());
     }
+    /// The other is "none" then.
     PrivateDescriptor(PrivateDescriptor&& other) noexcept;
+    /// Closes its own first.
     PrivateDescriptor& operator=(PrivateDescriptor&& other) noexcept;
     ~PrivateDescriptor() { close(); }
 
     /// The number, or -1: none, closed, or left behind in the parent.
     int get() const noexcept { return isValid() ? fd_ : -1; }
+    /// Whether it is open and of this process.
     bool isValid() const noexcept { return fd_ >= 0 && generation_ == forkGeneration(); }
+    /// Closes it; does nothing where it is none.
     void close() noexcept;
 
     /// Counts the forks that lie between the first process and this one.

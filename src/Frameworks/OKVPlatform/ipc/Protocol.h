@@ -1,10 +1,10 @@
 #pragma once
 
 #include <OKVPlatform/ipc/Message.h>
+#include <OKVPlatform/ipc/ProtocolTable.h>
 
 #include <algorithm>
 #include <array>
-#include <concepts>
 #include <cstddef>
 #include <tuple>
 #include <type_traits>
@@ -33,24 +33,6 @@
 namespace okv {
 
 namespace detail {
-
-// Not constexpr: calling one in a table is the compile error that names the fault.
-inline void selector_colons_do_not_match_the_arguments() {}
-inline void selector_stands_twice() {}
-inline void method_stands_twice() {}
-
-template <class Wanted, class... All>
-inline constexpr int occurrences = (0 + ... + static_cast<int>(std::is_same_v<Wanted, All>));
-
-template <auto Method>
-struct MethodTraits;
-template <class P, class R, class... A, R (P::*Method)(A...)>
-struct MethodTraits<Method> {
-    using Protocol = P;
-    using Result = R;
-    using Parameters = std::tuple<A...>;
-    static constexpr std::size_t arity = sizeof...(A);
-};
 
 template <class T>
 struct Carried;
@@ -114,52 +96,6 @@ struct TypesText<Method, std::tuple<A...>> {
     static constexpr std::array<char, sizeof...(A) + 1> text{CarriedAs<A>::type..., '\0'};
     static constexpr std::string_view view{text.data(), sizeof...(A)};
 };
-
-}  // namespace detail
-
-template <auto Method>
-struct Row {
-    std::string_view selector;
-};
-
-template <auto Method>
-consteval Row<Method> row(std::string_view selector) {
-    const auto colons = static_cast<std::size_t>(std::count(selector.begin(), selector.end(), ':'));
-    if (colons != detail::MethodTraits<Method>::arity)
-        detail::selector_colons_do_not_match_the_arguments();
-    return {selector};
-}
-
-template <class... Rows>
-consteval std::tuple<Rows...> protocolTable(Rows... rows) {
-    const std::array<std::string_view, sizeof...(Rows)> selectors{rows.selector...};
-    for (std::size_t i = 0; i < selectors.size(); ++i) {
-        if (std::count(selectors.begin(), selectors.end(), selectors[i]) > 1)
-            detail::selector_stands_twice();
-    }
-    if (((detail::occurrences < Rows, Rows... >> 1) || ...)) detail::method_stands_twice();
-    return {rows...};
-}
-
-/// The table of a protocol; specialised beside each protocol's class.
-template <class P>
-inline constexpr std::tuple<> protocol{};
-
-namespace detail {
-
-template <class Wanted, class Table>
-inline constexpr bool hasRow = false;
-template <class Wanted, class... Rows>
-inline constexpr bool hasRow<Wanted, const std::tuple<Rows...>> = (std::is_same_v<Wanted, Rows> ||
-                                                                   ...);
-
-template <auto Method>
-consteval std::string_view selectorOf() {
-    using P = typename MethodTraits<Method>::Protocol;
-    static_assert(hasRow<Row<Method>, decltype(protocol<P>)>,
-                  "this method has no row in its protocol's table");
-    return std::get<Row<Method>>(protocol<P>).selector;
-}
 
 template <auto Method>
 consteval char resultType() {
@@ -319,7 +255,9 @@ public:
         if (at == entries.end() || at->selector != selector) return std::nullopt;
         return static_cast<std::size_t>(at - entries.begin());
     }
+    /// The text of a row, below rowCount; it lives for ever.
     static std::string_view selector(std::size_t row) { return entries[row].selector; }
+    /// One character for each of the row's arguments: "@" object, "i" int, "c" BOOL.
     static std::string_view types(std::size_t row) { return entries[row].types; }
     /// "@" object, "i" int, "c" BOOL, "v" none.
     static char resultType(std::size_t row) { return entries[row].result; }

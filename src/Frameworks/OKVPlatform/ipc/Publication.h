@@ -63,7 +63,10 @@ struct PublicationOptions {
         4U << 20;  ///< a client that does not read is not read either; one reply may exceed it
     std::size_t maxPendingRequests =
         64;  ///< of one client, kept and not yet answered; more are not read
+    /// Called on the publication's thread for every peer that has connected, one that is then
+    /// refused included.
     std::function<void(MessagePort&)> connected{};
+    /// Called on the publication's thread once such a connection has ended.
     std::function<void(MessagePort&)> disconnected{};
 };
 
@@ -91,6 +94,7 @@ public:
     static Ref<Publication> adopt(std::string_view name, int listener, RootObject root,
                                   PublicationOptions options, std::string& why);
 
+    /// Whether the name is held and new connections are taken.
     bool isValid() const noexcept { return name_ != nullptr && name_->listener() >= 0; }
     /// Withdraws the name; who is connected stays so.
     void stopAccepting();
@@ -98,7 +102,9 @@ public:
     void closeConnections();
     /// Withdraws the name and closes every connection.
     void invalidate();
+    /// Of peers that are connected now, greeted or not.
     std::size_t connectionCount() const noexcept { return connections_.size(); }
+    /// How much is taken at this moment; walks over all connections.
     PublicationUse use() const;
     /// Whether everything that was sent has left this process.
     bool isFlushed() const noexcept;
@@ -106,10 +112,13 @@ public:
     /// Seconds; kept for who asks. A publication waits for no client, so that nothing is bounded by
     /// them yet.
     void setRequestTimeout(double seconds) noexcept { requestTimeout_ = seconds; }
+    /// As `setRequestTimeout`.
     void setReplyTimeout(double seconds) noexcept { replyTimeout_ = seconds; }
     /// Not retained; null ends it.
     void setDelegate(PublicationDelegate* delegate) noexcept { delegate_ = delegate; }
+    /// Seconds; 0 when none was set.
     double requestTimeout() const noexcept { return requestTimeout_; }
+    /// Seconds; 0 when none was set.
     double replyTimeout() const noexcept { return replyTimeout_; }
 
 protected:

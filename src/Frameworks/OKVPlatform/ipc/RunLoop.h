@@ -65,16 +65,20 @@ public:
     /// For what is watched edge-triggered (EPOLLET): what is ready now is told of once more.
     /// Answers as `rewatch`.
     bool rearm(Id id);
+    /// Ends the watch; its handler is not called any more, though a call under way is not waited
+    /// for. Does nothing for an id that is not watched.
     void unwatch(Id id);
 
     /// Runs the task on the loop's thread, at its next turn. With an owner: as for `watch`.
     void perform(Task task, const Object* owner = nullptr);
     /// Runs the task on the loop's thread once `delay` has passed. With an owner: as for `watch`.
     Id performAfter(Clock::duration delay, Task task, const Object* owner = nullptr);
+    /// Drops a task that `performAfter` put off; does nothing once it has begun.
     void cancel(Id timer);
     /// Drops all that waits for this owner; belongs in its `dealloc`.
     void forget(const Object* owner) noexcept;
 
+    /// Whether this is the calling thread's loop.
     bool isCurrent() const noexcept;
     /// Whether the loop was ever run or handed to a foreign loop: before, nobody waits on its
     /// descriptors.

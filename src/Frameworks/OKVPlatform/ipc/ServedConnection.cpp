@@ -14,8 +14,8 @@ constexpr char kUnwatched[] = "the server has no room to watch one more connecti
 // What a connection without anything to be sent waits for. Edge-triggered: level-triggered, the
 // kernel looks at the socket once more for every request, to see that there is nothing left.
 constexpr std::uint32_t kCalm = EPOLLIN | EPOLLRDHUP | EPOLLET;
-// Asked of the system for what a peer has not read yet: an answer of some hundred kilobytes goes out
-// at once then, instead of in two pieces with a wait between them.
+// Asked of the system for what a peer has not read yet: an answer of some hundred kilobytes goes
+// out at once then, instead of in two pieces with a wait between them.
 constexpr int kSendBuffer = 384 * 1024;
 constexpr std::uint32_t kGone = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
 

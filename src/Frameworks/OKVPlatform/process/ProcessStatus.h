@@ -30,6 +30,7 @@ struct ProcessStatus {
     std::int32_t threadGroup = 0;
     /// The kernel's letter: 'R', 'S', ... 'Z' (ended, not yet reaped), 'X' (dead).
     char state = '?';
+    /// Whether it runs no more, reaped or not.
     bool hasEnded() const noexcept { return state == 'Z' || state == 'X'; }
 };
 

@@ -43,8 +43,10 @@ public:
 /// are left out. Any thread may call it; it keeps nothing between calls.
 class OKV_EXPORT KernelProcessTable final : public ProcessTable {
 public:
+    /// `root`: opened anew by every call.
     explicit KernelProcessTable(std::string root = "/proc");
 
+    /// As told above.
     int sysctl(const std::int32_t* name, std::uint32_t nameLength, void* buffer,
                std::size_t* length, const void* newValue, std::size_t newLength) override;
 

@@ -43,6 +43,8 @@ struct QuitReply {
 /// process makes a target too: the sending finds nobody there.
 OKV_EXPORT std::optional<QuitTarget> makeQuitTarget(const ProcessSerialNumber* psn);
 
+/// The request to quit, addressed to the target. Never none: that nobody can be asked, the sending
+/// finds out.
 OKV_EXPORT std::optional<QuitEvent> makeQuitEvent(const QuitTarget& target);
 
 /// Sends the event and waits for the reply, `ticks` at most. Only the target itself, by the

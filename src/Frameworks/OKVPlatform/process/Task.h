@@ -12,8 +12,10 @@ namespace okv {
 /// A task that could not be launched. `error()` is the system's error number.
 class OKV_EXPORT TaskError : public std::runtime_error {
 public:
+    /// `error`: an errno value.
     TaskError(const std::string& what, int error);
     ~TaskError() override;
+    /// The system's error number.
     int error() const noexcept { return error_; }
 
 private:
@@ -35,8 +37,11 @@ class OKV_EXPORT Task {
 public:
     struct Child;
 
+    /// Nothing to run yet.
     Task();
+    /// The other may only be assigned to or destroyed then.
     Task(Task&&) noexcept;
+    /// A child that was launched here before goes on, unwaited for.
     Task& operator=(Task&&) noexcept;
     ~Task();
 

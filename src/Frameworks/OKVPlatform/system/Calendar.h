@@ -24,8 +24,11 @@ public:
     static std::optional<CalendarDate> of(Date instant, const TimeZone& zone,
                                           std::string_view format = kDefaultFormat);
 
+    /// The instant as it was given, its fraction of a second included.
     Date instant() const noexcept { return instant_; }
+    /// The zone that shows it.
     const TimeZone& timeZone() const noexcept { return zone_; }
+    /// 1 to 9999.
     int year() const noexcept { return year_; }
     /// 1 to 12.
     int month() const noexcept { return month_; }
@@ -33,7 +36,9 @@ public:
     int day() const noexcept { return day_; }
     /// 0 to 23.
     int hour() const noexcept { return hour_; }
+    /// 0 to 59.
     int minute() const noexcept { return minute_; }
+    /// 0 to 59.
     int second() const noexcept { return second_; }
     /// Seconds east of Greenwich.
     std::int64_t offset() const noexcept { return offset_; }
@@ -73,8 +78,11 @@ public:
     /// The user's calendar: the Gregorian one in the local zone.
     static Calendar current() { return Calendar(TimeZone::local()); }
 
+    /// In this zone.
     explicit Calendar(TimeZone zone) : zone_(std::move(zone)) {}
+    /// The zone in which days begin and end.
     const TimeZone& timeZone() const noexcept { return zone_; }
+    /// Days begin and end in this zone from now on.
     void setTimeZone(TimeZone zone) { zone_ = std::move(zone); }
 
     /// The first instant of a day: its midnight, or the moment of the jump where the zone's clocks

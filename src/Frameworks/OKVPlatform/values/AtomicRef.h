@@ -19,6 +19,8 @@ public:
     AtomicRef& operator=(const AtomicRef&) = delete;
     ~AtomicRef() { store(nullptr); }
 
+    /// What is held at this moment, with a reference of the caller's own; none when the field is
+    /// empty.
     Ref<T> load() const noexcept {
         const auto word = lock();
         auto ref = Ref<T>::retaining(pointer(word));
@@ -26,8 +28,10 @@ public:
         return ref;
     }
 
+    /// Holds this instead; what was held is released, which may run its `dealloc()` here.
     void store(Ref<T> value) noexcept { exchange(std::move(value)); }
 
+    /// Holds this instead, and gives what was held to the caller.
     Ref<T> exchange(Ref<T> value) noexcept {
         const auto old = lock();
         unlock(reinterpret_cast<std::uintptr_t>(value.leak()));

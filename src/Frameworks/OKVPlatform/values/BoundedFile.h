@@ -13,6 +13,7 @@ struct FileBytes {
     std::optional<std::string> bytes;
     /// Begins with the file's path.
     std::string error;
+    /// Whether the file was read.
     explicit operator bool() const noexcept { return bytes.has_value(); }
 };
 

@@ -14,7 +14,9 @@ namespace okv {
 /// What was wrong with encoded bytes, and at which offset.
 class OKV_EXPORT CborError final : public std::runtime_error {
 public:
+    /// `offset`: of the item that is wrong, in bytes from the beginning.
     CborError(const std::string& what, std::size_t offset);
+    /// In bytes from the beginning.
     std::size_t offset() const noexcept { return offset_; }
 
 private:
@@ -35,13 +37,20 @@ inline constexpr std::size_t kMaxItems = 1U << 20;
 /// 40600 around their number.
 class OKV_EXPORT CborWriter {
 public:
+    /// `out` must outlive the writer; what it holds already stays.
     explicit CborWriter(std::string& out) : out_(out) {}
 
+    /// No object; what a method without a result answers.
     void nil();
+    /// A BOOL.
     void boolean(bool flag);
+    /// An int, or an integer number object.
     void integer(std::int64_t number);
+    /// A string; its bytes are carried as they are.
     void text(std::string_view text);
+    /// An object by reference, by its number on this connection.
     void reference(std::uint64_t object);
+    /// Begins an array; its elements are written next, so many of them.
     void arrayHeader(std::size_t count);
     /// Throws std::length_error for a value that is nested deeper than kMaxValueDepth.
     void value(const Value& value);
@@ -61,17 +70,25 @@ private:
 /// checked against the bytes that are left before anything is allocated.
 class OKV_EXPORT CborReader {
 public:
+    /// Stands at the first item.
     explicit CborReader(std::string_view bytes) : bytes_(bytes) {}
 
+    /// Whether all bytes were read.
     bool atEnd() const noexcept { return offset_ == bytes_.size(); }
+    /// Where the next item begins, in bytes from the beginning.
     std::size_t offset() const noexcept { return offset_; }
 
+    /// The next item as a value, with all that it contains.
     Value value();
+    /// The next item as a BOOL.
     bool boolean();
+    /// The next item as an integer.
     std::int64_t integer();
+    /// The next item as the number of an object by reference.
     std::uint64_t reference();
     /// A string's bytes where they stand: valid as long as the bytes that are read.
     std::string_view text();
+    /// The number of elements of the array that begins here; they are read next.
     std::size_t arrayHeader();
 
 private:
@@ -92,8 +109,9 @@ private:
     std::size_t itemStart_ = 0;
 };
 
-/// One value as bytes, and back. `decodeCbor` refuses bytes that are left over.
+/// One value as bytes. Throws std::length_error for one that is nested too deep.
 OKV_EXPORT std::string encodeCbor(const Value& value);
+/// The value that the bytes are. Throws CborError; bytes that are left over are refused, too.
 OKV_EXPORT Value decodeCbor(std::string_view bytes);
 
 }  // namespace okv

@@ -19,39 +19,58 @@ public:
     using const_iterator = const std::uint8_t*;
 
     Data() noexcept = default;
+    /// The bytes listed.
     Data(std::initializer_list<std::uint8_t> bytes) : bytes_(bytes) {}
+    /// So many times the byte.
     explicit Data(std::size_t count, std::uint8_t byte = 0) : bytes_(count, byte) {}
+    /// A copy of the text's bytes.
     explicit Data(std::string_view text) : bytes_(text.begin(), text.end()) {}
     template <class Iterator>
     requires(!std::is_integral_v<Iterator>) Data(Iterator first, Iterator last)
         : bytes_(first, last) {}
 
+    /// In bytes, without those that were cut off.
     std::size_t size() const noexcept { return bytes_.size() - front_; }
+    /// Whether there is no byte.
     bool empty() const noexcept { return size() == 0; }
+    /// The first byte and what follows it; valid until the next change.
     const std::uint8_t* data() const noexcept { return bytes_.data() + front_; }
+    /// The same, to be changed.
     std::uint8_t* data() noexcept { return bytes_.data() + front_; }
+    /// From the first byte to behind the last one; valid until the next change.
     const_iterator begin() const noexcept { return data(); }
     const_iterator end() const noexcept { return data() + size(); }
+    /// The same, to be changed.
     iterator begin() noexcept { return data(); }
     iterator end() noexcept { return data() + size(); }
+    /// Unchecked: `i` is below the size.
     std::uint8_t operator[](std::size_t i) const noexcept { return data()[i]; }
+    /// The same, to be changed.
     std::uint8_t& operator[](std::size_t i) noexcept { return data()[i]; }
+    /// Unchecked: there is a byte.
     std::uint8_t& back() noexcept { return bytes_.back(); }
+    /// The same bytes as a text; valid until the next change.
     std::string_view text() const noexcept {
         return {reinterpret_cast<const char*>(data()), size()};
     }
 
+    /// Adds a byte at the end.
     void push_back(std::uint8_t byte) { bytes_.push_back(byte); }
+    /// Room for so many bytes in all.
     void reserve(std::size_t count) { bytes_.reserve(front_ + count); }
+    /// To so many bytes: cut at the end, or filled up with zeros.
     void resize(std::size_t count) { bytes_.resize(front_ + count); }
+    /// Takes all bytes away.
     void clear() noexcept {
         bytes_.clear();
         front_ = 0;
     }
+    /// Adds the bytes at the end.
     template <class Iterator>
     void append(Iterator first, Iterator last) {
         bytes_.insert(bytes_.end(), first, last);
     }
+    /// Adds the text's bytes at the end.
     void append(std::string_view text) { append(text.begin(), text.end()); }
 
     /// A copy of `count` bytes from `offset`. Throws std::out_of_range when they are not all there.

@@ -21,7 +21,9 @@ class OKV_EXPORT Dictionary {
 public:
     struct Entry;
 
+    /// Empty.
     Dictionary() noexcept;
+    /// The pairs, key and value, as `set` puts them one after the other; throws as it does.
     Dictionary(std::initializer_list<std::pair<Value, Value>> entries);
     Dictionary(const Dictionary&);
     Dictionary(Dictionary&&) noexcept;
@@ -37,23 +39,32 @@ public:
 
     /// The value under `key`, or null when there is none.
     const Value* find(const Value& key) const;
+    /// The same for a text, without making a Value of it.
     const Value* find(std::string_view key) const;
     const Value* find(const char* key) const { return find(std::string_view(key)); }
+    /// The same, to be changed in its place.
     Value* find(const Value& key);
     Value* find(std::string_view key);
     /// The value under `key`, or nil when there is none.
     const Value& operator[](const Value& key) const;
+    /// The same for a text.
     const Value& operator[](std::string_view key) const;
     const Value& operator[](const char* key) const { return (*this)[std::string_view(key)]; }
+    /// Whether there is a value, nil and the null object included, under this text.
     bool contains(std::string_view key) const { return find(key) != nullptr; }
 
     /// Takes the entry away; answers whether there was one. Linear in the size.
     bool erase(const Value& key);
+    /// Takes all entries away.
     void clear() noexcept;
+    /// Room for so many entries in all, so that adding them moves none.
     void reserve(std::size_t count);
 
+    /// The number of entries.
     std::size_t size() const noexcept;
+    /// Whether there is no entry.
     bool empty() const noexcept { return size() == 0; }
+    /// The entries in order of insertion; valid until the next change.
     const Entry* begin() const noexcept;
     const Entry* end() const noexcept;
 

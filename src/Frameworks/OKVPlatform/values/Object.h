@@ -23,6 +23,7 @@ public:
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
+    /// Takes a reference; the caller must hold one already.
     void retain() const noexcept { count_.fetch_add(1, std::memory_order_relaxed); }
 
     /// Takes a reference unless the last one is already gone; answers whether it did. For those who
@@ -30,6 +31,7 @@ public:
     /// deallocated.
     bool retainUnlessDying() const noexcept;
 
+    /// Gives a reference up; the last one calls `dealloc()` and deletes the object.
     void release() const noexcept;
 
     /// The number of references; 0 while `dealloc()` runs.
@@ -51,8 +53,10 @@ template <class T>
 class Ref {
 public:
     Ref() noexcept = default;
+    /// None.
     Ref(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor): none is spelled nullptr
     Ref(const Ref& other) noexcept : Ref(retaining(other.object_)) {}
+    /// Takes the other's reference over; the other holds none then.
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
     // As pointers do.
     // clang-format off
@@ -84,9 +88,13 @@ public:
         return adopting(object != nullptr && object->retainUnlessDying() ? object : nullptr);
     }
 
+    /// The object, or null; not retained for the caller.
     T* get() const noexcept { return object_; }
+    /// Only where one is held.
     T* operator->() const noexcept { return object_; }
+    /// Only where one is held.
     T& operator*() const noexcept { return *object_; }
+    /// Whether one is held.
     explicit operator bool() const noexcept { return object_ != nullptr; }
     /// Gives the reference to the caller, who must release it.
     T* leak() noexcept { return std::exchange(object_, nullptr); }
@@ -98,6 +106,7 @@ private:
     T* object_ = nullptr;
 };
 
+/// A new T from these arguments, owned by the answer alone. Throws what its constructor throws.
 template <class T, class... Args>
 Ref<T> make(Args&&... args) {
     return Ref<T>::adopting(new T(std::forward<Args>(args)...));

@@ -16,6 +16,7 @@ struct PropertyListResult {
     std::optional<Value> value;
     /// What is wrong and where: "line 3, column 7: ..." in texts, "byte 42: ..." in bytes.
     std::string error;
+    /// Whether there is a value.
     explicit operator bool() const noexcept { return value.has_value(); }
 };
 

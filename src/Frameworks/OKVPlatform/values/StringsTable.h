@@ -27,6 +27,7 @@ public:
     /// The text under `key`, or null when there is none; a value that is not a text counts as none.
     /// Owned by the table.
     const std::string* find(std::string_view key) const;
+    /// The number of keys.
     std::size_t size() const noexcept { return entries_.size(); }
 
 private:
@@ -40,6 +41,7 @@ struct StringsTableResult {
     std::optional<StringsTable> table;
     /// What is wrong and where.
     std::string error;
+    /// Whether there is a table.
     explicit operator bool() const noexcept { return table.has_value(); }
 };
 

@@ -40,19 +40,30 @@ public:
     Value() noexcept = default;
     // Implicit from every kind it can hold, as literals are:
     // NOLINTBEGIN(google-explicit-constructor)
+    /// The null object.
     Value(Null null) noexcept : storage_(null) {}
+    /// Exactly a bool: a pointer is none.
     template <std::same_as<bool> T>
     Value(T flag) noexcept : storage_(flag) {}
+    /// An integer of any width. Throws std::out_of_range above 2^63-1.
+    /// A real.
     template <std::integral T>
     requires(!std::same_as<T, bool>) Value(T number) : storage_(checkedInteger(number)) {}
     template <std::floating_point T>
     Value(T number) noexcept : storage_(static_cast<double>(number)) {}
+    /// A string, with whatever bytes.
     Value(std::string text) noexcept : storage_(std::move(text)) {}
+    /// A copy of the text.
     Value(std::string_view text) : storage_(std::string(text)) {}
+    /// The text up to its first NUL; not null.
     Value(const char* text) : storage_(std::string(text)) {}
+    /// A point in time.
     Value(Date date) noexcept : storage_(date) {}
+    /// Bytes.
     Value(Data data) noexcept : storage_(std::move(data)) {}
+    /// An array; its elements may be nil.
     Value(Array array) noexcept : storage_(std::move(array)) {}
+    /// A dictionary.
     Value(Dictionary dictionary) noexcept : storage_(std::move(dictionary)) {}
     // NOLINTEND(google-explicit-constructor)
     Value(const Value&);
@@ -61,11 +72,15 @@ public:
     Value& operator=(Value&&) noexcept;
     ~Value();
 
+    /// The kind of its content.
     Type type() const noexcept { return static_cast<Type>(storage_.index()); }
+    /// Whether it is no object.
     bool isNil() const noexcept { return type() == Type::nil; }
+    /// Whether it is the null object.
     bool isNull() const noexcept { return type() == Type::null; }
     /// nil or the null object: what settings treat alike as "not set".
     bool isMissing() const noexcept { return isNil() || isNull(); }
+    /// Whether it is an integer, a real or a boolean.
     bool isNumber() const noexcept;
 
     /// The content as a T (bool, std::int64_t, double, std::string, Date, Data, Array, Dictionary),
@@ -74,10 +89,12 @@ public:
     const T* getIf() const noexcept {
         return std::get_if<T>(&storage_);
     }
+    /// As above, to be changed in its place.
     template <class T>
     T* getIf() noexcept {
         return std::get_if<T>(&storage_);
     }
+    /// Whether the content is a T.
     template <class T>
     bool is() const noexcept {
         return std::holds_alternative<T>(storage_);
@@ -87,6 +104,7 @@ public:
     const T& as() const {
         return std::get<T>(storage_);
     }
+    /// As above, to be changed in its place.
     template <class T>
     T& as() {
         return std::get<T>(storage_);
@@ -96,6 +114,7 @@ public:
     /// decimal digits after blanks and one sign, clamped at the ends of the type; 0 for everything
     /// else.
     std::int32_t intValue() const noexcept;
+    /// As `intValue`, 64 bits wide.
     std::int64_t longLongValue() const noexcept;
     /// The boolean reading: a number is true when it is not zero; a string when it begins, after
     /// blanks, one sign and zeros, with Y, y, T, t or a digit 1 to 9; everything else is false, the
