@@ -53,6 +53,12 @@ TEST_F(ConnectionTest, WhatAReaderThrowsComesOutOfItsCallOnly) {
     EXPECT_EQ(okv::send<&Desk::echo>(*root_, "text"), Value("text"));
 }
 
+TEST_F(ConnectionTest, TheRootObjectCanBeAskedForAgainOnceThePeerHasGreeted) {
+    const auto again = connection_->rootProxy();
+    ASSERT_TRUE(again);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*again, 1, 2), 3);
+}
+
 TEST_F(ConnectionTest, AnUnknownSelectorFailsThatCallOnly) {
     EXPECT_EQ(failureOf([&] { okv::send<&Stranger::unheardOf>(*root_); }),
               ConnectionError::Kind::notUnderstood);

@@ -279,7 +279,7 @@ Ref<RemoteObject> Connection::rootProxy() {
     const Linked linked(*this, pending, false);
     {
         const Lock lock(mutex_);
-        if (greeted_) pending.state = PendingCall::State::answered;
+        if (greeted_) pending.state = PendingCall::State::read;
     }
     await(pending, deadlineAfter(replyTimeout_));
     conclude(pending, Written::nothing);

@@ -11,6 +11,7 @@
 namespace okv {
 
 struct Connection::PendingCall {
+    // "answered" has a payload that its caller has yet to read; "read" has nothing left to be done.
     enum class State { waiting, answered, read, unreadable, notUnderstood, failed };
 
     std::uint32_t serial = 0;  // 0 waits for the greeting
