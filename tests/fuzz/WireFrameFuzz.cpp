@@ -7,10 +7,13 @@
 #include <OKVPlatform/ipc/Publication.h>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include "support/Files.h"
+#include "support/Sockets.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <vector>
@@ -233,32 +236,24 @@ void throughCall(std::string_view bytes) {
 /// The called end, made once.
 class Service {
 public:
-    Service() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        // Without a path: the system chooses a name.
-        require(bind(listener_, asAddress(address), sizeof address.sun_family) == 0);
+    Service() {
+        setenv("OKV_RUNTIME_DIR", folder_.path().c_str(), 1);
         std::string why;
-        publication_ = okv::Publication::adopt(listener_, okv::rootObject<Echo>(*object_), {}, why);
+        publication_ = okv::Publication::publish(kName, okv::rootObject<Echo>(*object_), {}, why);
         require(static_cast<bool>(publication_));
     }
 
     Peer connect() {
-        sockaddr_un address{};
-        socklen_t length = sizeof address;
         const int made = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        require(getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0);
-        require(::connect(made, asAddress(address), length) == 0);
+        require(support::connectTo(folder_ / kName, made));
         return Peer(made);
     }
     bool isServing() const { return publication_->connectionCount() != 0; }
 
 private:
-    static const sockaddr* asAddress(const sockaddr_un& address) {
-        return reinterpret_cast<const sockaddr*>(&address);
-    }
+    static constexpr char kName[] = "fuzz";
 
-    int listener_;
+    const support::TempFolder folder_{"/dev/shm"};
     okv::Ref<Echoing> object_ = okv::make<Echoing>();
     okv::Ref<okv::Publication> publication_;
 };
