@@ -181,6 +181,15 @@ TEST(FrameBuffer, TellsWhatAFrameThatHasBegunStillLacks) {
     EXPECT_EQ(buffer.missing(), whole.size() - 3003);
 }
 
+TEST(FrameBuffer, TellsWhatASmallFrameStillLacks) {
+    FrameBuffer buffer;
+    const auto small = frame(FrameKind::reply, 1, textOf(100));
+    feed(buffer, small.substr(0, 50), 50);
+    EXPECT_EQ(buffer.missing(), small.size() - 50);
+    feed(buffer, small.substr(50), small.size());
+    EXPECT_EQ(buffer.missing(), 0U);
+}
+
 TEST(FrameBuffer, SmallFramesInARowNeverNeedMoreThanTheSmallBuffer) {
     FrameBuffer buffer;
     std::string many;

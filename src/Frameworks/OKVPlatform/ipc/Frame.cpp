@@ -53,7 +53,9 @@ std::size_t FrameBuffer::wanted() const noexcept {
 
 std::size_t FrameBuffer::missing() const noexcept {
     const auto held = end_ - begin_;
-    return held < kFrameHeaderSize ? 0 : wanted() - held;
+    if (held < kFrameHeaderSize) return 0;
+    const auto whole = kFrameHeaderSize + numberAt(&bytes_[begin_]);
+    return whole > held ? whole - held : 0;
 }
 
 void FrameBuffer::move(std::size_t capacity) {
