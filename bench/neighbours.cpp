@@ -191,7 +191,8 @@ public:
                     bench::quantileOf(loadedWrites, 0.5), bench::quantileOf(writes, 0.5),
                     static_cast<long>(most));
         std::fflush(stdout);
-        isKept_ = isKept_ && at(reads, 0.5) <= kSlowerAtMost && at(writes, 0.5) <= kSlowerAtMost;
+        isKept_ = isKept_ && bench::quantileOf(reads, 0.5) <= kSlowerAtMost &&
+                  bench::quantileOf(writes, 0.5) <= kSlowerAtMost;
     }
     /// Whether every neighbour so far stayed within the bound.
     bool isKept() const { return isKept_; }
