@@ -1,8 +1,11 @@
 #include <OKVPlatform/values/Cbor.h>
 
-#include <cbor.h>
+#include <endian.h>
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
 
 namespace okv {
 
@@ -15,7 +18,59 @@ constexpr std::size_t kReserveAtMost = 1024;
 // The longest head of an item: one byte and a 64-bit number.
 constexpr std::size_t kHeadSize = 9;
 
+// The upper three bits of an item's first byte.
+enum class Major : std::uint8_t { positive, negative, bytes, text, array, map, tag, simple };
+
+// The lower five bits: a number below 24 is the value itself; from here on they tell its width.
+constexpr unsigned kOneByte = 24;
+constexpr unsigned kEightBytes = 27;
+constexpr unsigned kNotToldInAdvance = 31;
+
+// What those bits say of a simple item.
+enum Simple : unsigned {
+    no = 20,
+    yes = 21,
+    null = 22,
+    undefined = 23,
+    half = 25,
+    single = 26,
+    wide = 27
+};
+
 enum class Kind { refused, undefined, null, boolean, integer, real, text, bytes, array, map, tag };
+
+void appendHead(std::string& out, Major major, std::uint64_t number) {
+    const auto upper = static_cast<unsigned>(major) << 5;
+    if (number < kOneByte) return out.push_back(static_cast<char>(upper | number));
+    const unsigned width = number <= UINT8_MAX    ? 0
+                           : number <= UINT16_MAX ? 1
+                           : number <= UINT32_MAX ? 2
+                                                  : 3;
+    char bytes[kHeadSize];
+    bytes[0] = static_cast<char>(upper | (kOneByte + width));
+    const auto shifted = htobe64(number << (64 - (8U << width)));
+    std::memcpy(bytes + 1, &shifted, sizeof shifted);
+    out.append(bytes, 1 + (std::size_t{1} << width));
+}
+
+void appendReal(std::string& out, double number) {
+    char bytes[kHeadSize];
+    bytes[0] = static_cast<char>(static_cast<unsigned>(Major::simple) << 5 | Simple::wide);
+    const auto bits = htobe64(std::bit_cast<std::uint64_t>(number));
+    std::memcpy(bytes + 1, &bits, sizeof bits);
+    out.append(bytes, sizeof bytes);
+}
+
+// Sixteen bits: one of sign, five of exponent, ten of fraction.
+double realOfHalf(std::uint64_t bits) {
+    const auto exponent = static_cast<int>(bits >> 10 & 0x1F);
+    const auto fraction = static_cast<double>(bits & 0x3FF);
+    const double magnitude = exponent == 0    ? std::ldexp(fraction, -24)
+                             : exponent != 31 ? std::ldexp(fraction + 1024, exponent - 25)
+                             : fraction == 0  ? HUGE_VAL
+                                              : std::nan("");
+    return (bits & 0x8000) != 0 ? -magnitude : magnitude;
+}
 
 }  // namespace
 
@@ -28,90 +83,8 @@ struct CborReader::Item {
     std::string_view content;
 };
 
-// The library's streaming decoder reports one item through callbacks; these put it into an Item. A
-// kind without a callback of ours (lengths not told in advance, integers out of range) leaves it
-// `refused`.
-namespace {
-
-template <class Item>
-struct Callbacks {
-    static Item& at(void* context) { return *static_cast<Item*>(context); }
-
-    static void integer(void* context, std::uint64_t magnitude, bool negative) {
-        if (magnitude > INT64_MAX) return;
-        const auto number = static_cast<std::int64_t>(magnitude);
-        at(context).kind = Kind::integer;
-        at(context).integer = negative ? -1 - number : number;
-    }
-    template <class U>
-    static void positive(void* context, U number) {
-        integer(context, number, false);
-    }
-    template <class U>
-    static void negative(void* context, U number) {
-        integer(context, number, true);
-    }
-    template <class Real>
-    static void real(void* context, Real number) {
-        at(context).kind = Kind::real;
-        at(context).real = static_cast<double>(number);
-    }
-    template <Kind kind>
-    static void content(void* context, cbor_data bytes, std::size_t size) {
-        at(context).kind = kind;
-        at(context).content = {reinterpret_cast<const char*>(bytes), size};
-    }
-    template <Kind kind, class Count>
-    static void counted(void* context, Count count) {
-        at(context).kind = kind;
-        at(context).count = count;
-    }
-    template <Kind kind>
-    static void bare(void* context) {
-        at(context).kind = kind;
-    }
-    static void boolean(void* context, bool flag) {
-        at(context).kind = Kind::boolean;
-        at(context).flag = flag;
-    }
-
-    static cbor_callbacks table() {
-        auto callbacks = cbor_empty_callbacks;
-        callbacks.uint8 = positive<std::uint8_t>;
-        callbacks.uint16 = positive<std::uint16_t>;
-        callbacks.uint32 = positive<std::uint32_t>;
-        callbacks.uint64 = positive<std::uint64_t>;
-        callbacks.negint8 = negative<std::uint8_t>;
-        callbacks.negint16 = negative<std::uint16_t>;
-        callbacks.negint32 = negative<std::uint32_t>;
-        callbacks.negint64 = negative<std::uint64_t>;
-        callbacks.float2 = real<float>;
-        callbacks.float4 = real<float>;
-        callbacks.float8 = real<double>;
-        callbacks.string = content<Kind::text>;
-        callbacks.byte_string = content<Kind::bytes>;
-        callbacks.array_start = counted<Kind::array>;
-        callbacks.map_start = counted<Kind::map>;
-        callbacks.tag = counted<Kind::tag>;
-        callbacks.undefined = bare<Kind::undefined>;
-        callbacks.null = bare<Kind::null>;
-        callbacks.boolean = boolean;
-        return callbacks;
-    }
-};
-
-const unsigned char* bytesAt(std::string_view bytes, std::size_t offset) {
-    return reinterpret_cast<const unsigned char*>(bytes.data()) + offset;
-}
-
-}  // namespace
-
 CborError::CborError(const std::string& what, std::size_t offset)
     : std::runtime_error(what + " at byte " + std::to_string(offset)), offset_(offset) {}
-
-void CborWriter::header(std::size_t written, const unsigned char* bytes) {
-    out_.append(reinterpret_cast<const char*>(bytes), written);
-}
 
 void CborWriter::nil() {
     out_.push_back(static_cast<char>(0xF7));
@@ -121,28 +94,22 @@ void CborWriter::boolean(bool flag) {
 }
 
 void CborWriter::integer(std::int64_t number) {
-    unsigned char head[kHeadSize];
-    const auto magnitude = static_cast<std::uint64_t>(number < 0 ? -1 - number : number);
-    header(number < 0 ? cbor_encode_negint(magnitude, head, sizeof head)
-                      : cbor_encode_uint(magnitude, head, sizeof head),
-           head);
+    if (number >= 0) return appendHead(out_, Major::positive, static_cast<std::uint64_t>(number));
+    appendHead(out_, Major::negative, static_cast<std::uint64_t>(-1 - number));
 }
 
 void CborWriter::text(std::string_view text) {
-    unsigned char head[kHeadSize];
-    header(cbor_encode_string_start(text.size(), head, sizeof head), head);
+    appendHead(out_, Major::text, text.size());
     out_.append(text);
 }
 
 void CborWriter::reference(std::uint64_t object) {
-    unsigned char head[kHeadSize];
-    header(cbor_encode_tag(kReferenceTag, head, sizeof head), head);
-    header(cbor_encode_uint(object, head, sizeof head), head);
+    appendHead(out_, Major::tag, kReferenceTag);
+    appendHead(out_, Major::positive, object);
 }
 
 void CborWriter::arrayHeader(std::size_t count) {
-    unsigned char head[kHeadSize];
-    header(cbor_encode_array_start(count, head, sizeof head), head);
+    appendHead(out_, Major::array, count);
 }
 
 void CborWriter::value(const Value& value) {
@@ -150,7 +117,6 @@ void CborWriter::value(const Value& value) {
 }
 
 void CborWriter::scalar(const Value& value) {
-    unsigned char head[kHeadSize];
     switch (value.type()) {
         case Value::Type::null:
             return out_.push_back(static_cast<char>(0xF6));
@@ -161,13 +127,12 @@ void CborWriter::scalar(const Value& value) {
         case Value::Type::string:
             return text(value.as<std::string>());
         case Value::Type::real:
-            return header(cbor_encode_double(value.as<double>(), head, sizeof head), head);
+            return appendReal(out_, value.as<double>());
         case Value::Type::date:
-            header(cbor_encode_tag(kDateTag, head, sizeof head), head);
-            return header(cbor_encode_double(value.as<Date>().secondsSince1970, head, sizeof head),
-                          head);
+            appendHead(out_, Major::tag, kDateTag);
+            return appendReal(out_, value.as<Date>().secondsSince1970);
         case Value::Type::data:
-            header(cbor_encode_bytestring_start(value.as<Data>().size(), head, sizeof head), head);
+            appendHead(out_, Major::bytes, value.as<Data>().size());
             out_.append(value.as<Data>().text());
             return;
         default:
@@ -186,8 +151,7 @@ void CborWriter::nested(const Value& value, std::size_t depth) {
         for (const auto& element : *array) nested(element, depth + 1);
         return;
     }
-    unsigned char head[kHeadSize];
-    header(cbor_encode_map_start(dictionary->size(), head, sizeof head), head);
+    appendHead(out_, Major::map, dictionary->size());
     for (const auto& [key, held] : *dictionary) {
         scalar(key);
         nested(held, depth + 1);
@@ -198,18 +162,95 @@ void CborReader::refuse(const char* what) const {
     throw CborError(what, itemStart_);
 }
 
+// Contents and containers that end where they say so: well-formed, but their size cannot be checked
+// in advance.
+void CborReader::refuseOpenEnded(bool isNumber) const {
+    refuse(isNumber ? "a malformed item" : "an item of a kind that is not carried");
+}
+
+// The number in or behind an item's first byte.
+std::uint64_t CborReader::number(unsigned lower) {
+    if (lower < kOneByte) return lower;
+    if (lower > kEightBytes) refuse("a malformed item");
+    const auto width = std::size_t{1} << (lower - kOneByte);
+    if (bytes_.size() - offset_ < width) refuse("an item is cut short");
+    std::uint64_t bits = 0;
+    std::memcpy(reinterpret_cast<char*>(&bits) + sizeof bits - width, &bytes_[offset_], width);
+    offset_ += width;
+    return be64toh(bits);
+}
+
+std::string_view CborReader::content(std::uint64_t size) {
+    if (bytes_.size() - offset_ < size) refuse("an item is cut short");
+    const auto content = bytes_.substr(offset_, size);
+    offset_ += size;
+    return content;
+}
+
+void CborReader::takeSimple(Item& item, unsigned lower) {
+    const auto bits = number(lower);
+    item.kind = Kind::real;
+    switch (lower) {
+        case Simple::no:
+        case Simple::yes:
+            item.kind = Kind::boolean;
+            item.flag = lower == Simple::yes;
+            return;
+        case Simple::null:
+            item.kind = Kind::null;
+            return;
+        case Simple::undefined:
+            item.kind = Kind::undefined;
+            return;
+        case Simple::half:
+            item.real = realOfHalf(bits);
+            return;
+        case Simple::single:
+            item.real = std::bit_cast<float>(static_cast<std::uint32_t>(bits));
+            return;
+        case Simple::wide:
+            item.real = std::bit_cast<double>(bits);
+            return;
+        default:
+            refuse("a malformed item");
+    }
+}
+
+void CborReader::takeInteger(Item& item, bool isNegative, std::uint64_t magnitude) {
+    if (magnitude > INT64_MAX) refuse("an item of a kind that is not carried");
+    const auto number = static_cast<std::int64_t>(magnitude);
+    item.kind = Kind::integer;
+    item.integer = isNegative ? -1 - number : number;
+}
+
 CborReader::Item CborReader::next() {
-    static const auto callbacks = Callbacks<Item>::table();
     itemStart_ = offset_;
-    Item item;
     if (++items_ > kMaxItems) refuse("more than 1048576 items");
     if (atEnd()) refuse("an item is missing");
-    const auto result =
-        cbor_stream_decode(bytesAt(bytes_, offset_), bytes_.size() - offset_, &callbacks, &item);
-    if (result.status == CBOR_DECODER_NEDATA) refuse("an item is cut short");
-    if (result.status != CBOR_DECODER_FINISHED) refuse("a malformed item");
-    if (item.kind == Kind::refused) refuse("an item of a kind that is not carried");
-    offset_ += result.read;
+    const auto first = static_cast<unsigned char>(bytes_[offset_++]);
+    const auto major = static_cast<Major>(first >> 5);
+    const unsigned lower = first & 0x1FU;
+    Item item;
+    if (lower == kNotToldInAdvance)
+        refuseOpenEnded(major <= Major::negative || major == Major::tag);
+    if (major == Major::simple) return takeSimple(item, lower), item;
+    const auto count = number(lower);
+    switch (major) {
+        case Major::text:
+        case Major::bytes:
+            item.kind = major == Major::text ? Kind::text : Kind::bytes;
+            item.content = content(count);
+            break;
+        case Major::positive:
+        case Major::negative:
+            takeInteger(item, major == Major::negative, count);
+            break;
+        default:
+            item.kind = major == Major::array ? Kind::array
+                        : major == Major::map ? Kind::map
+                                              : Kind::tag;
+            item.count = count;
+    }
     return item;
 }
 

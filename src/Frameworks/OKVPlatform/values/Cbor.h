@@ -56,7 +56,6 @@ public:
     void value(const Value& value);
 
 private:
-    void header(std::size_t written, const unsigned char* bytes);
     void nested(const Value& value, std::size_t depth);
     void scalar(const Value& value);
 
@@ -95,6 +94,10 @@ private:
     struct Item;
 
     Item next();
+    std::uint64_t number(unsigned lower);
+    std::string_view content(std::uint64_t size);
+    void takeSimple(Item& item, unsigned lower);
+    void takeInteger(Item& item, bool isNegative, std::uint64_t magnitude);
     Value nested(std::size_t depth);
     Value container(const Item& item, std::size_t depth);
     Value date(std::size_t depth);
@@ -102,6 +105,7 @@ private:
     Dictionary dictionary(std::uint64_t count, std::size_t depth);
     void checkCount(std::uint64_t count, std::size_t bytesEach) const;
     [[noreturn]] void refuse(const char* what) const;
+    [[noreturn]] void refuseOpenEnded(bool isNumber) const;
 
     std::string_view bytes_;
     std::size_t items_ = 0;
