@@ -18,9 +18,6 @@ constexpr std::size_t kReserveAtMost = 1024;
 // The longest head of an item: one byte and a 64-bit number.
 constexpr std::size_t kHeadSize = 9;
 
-// The upper three bits of an item's first byte.
-enum class Major : std::uint8_t { positive, negative, bytes, text, array, map, tag, simple };
-
 // The lower five bits: a number below 24 is the value itself; from here on they tell its width.
 constexpr unsigned kOneByte = 24;
 constexpr unsigned kEightBytes = 27;
@@ -37,7 +34,7 @@ enum Simple : unsigned {
     wide = 27
 };
 
-enum class Kind { refused, undefined, null, boolean, integer, real, text, bytes, array, map, tag };
+using detail::Major;
 
 void appendHead(std::string& out, Major major, std::uint64_t number) {
     const auto upper = static_cast<unsigned>(major) << 5;
@@ -73,15 +70,6 @@ double realOfHalf(std::uint64_t bits) {
 }
 
 }  // namespace
-
-struct CborReader::Item {
-    Kind kind = Kind::refused;
-    bool flag = false;
-    std::uint64_t count = 0;  // of elements; or a tag's number
-    std::int64_t integer = 0;
-    double real = 0;
-    std::string_view content;
-};
 
 CborError::CborError(const std::string& what, std::size_t offset)
     : std::runtime_error(what + " at byte " + std::to_string(offset)), offset_(offset) {}
@@ -164,15 +152,16 @@ void CborReader::refuse(const char* what) const {
 
 // Contents and containers that end where they say so: well-formed, but their size cannot be checked
 // in advance.
-void CborReader::refuseOpenEnded(bool isNumber) const {
+void CborReader::refuseOpenEnded(Head head) const {
+    const bool isNumber = head.major <= Major::negative || head.major == Major::tag;
     refuse(isNumber ? "a malformed item" : "an item of a kind that is not carried");
 }
 
-// The number in or behind an item's first byte.
-std::uint64_t CborReader::number(unsigned lower) {
-    if (lower < kOneByte) return lower;
-    if (lower > kEightBytes) refuse("a malformed item");
-    const auto width = std::size_t{1} << (lower - kOneByte);
+// The number behind an item's first byte.
+std::uint64_t CborReader::longNumber(Head head) {
+    if (head.lower == kNotToldInAdvance) refuseOpenEnded(head);
+    if (head.lower > kEightBytes) refuse("a malformed item");
+    const auto width = std::size_t{1} << (head.lower - kOneByte);
     if (bytes_.size() - offset_ < width) refuse("an item is cut short");
     std::uint64_t bits = 0;
     std::memcpy(reinterpret_cast<char*>(&bits) + sizeof bits - width, &bytes_[offset_], width);
@@ -180,78 +169,48 @@ std::uint64_t CborReader::number(unsigned lower) {
     return be64toh(bits);
 }
 
-std::string_view CborReader::content(std::uint64_t size) {
-    if (bytes_.size() - offset_ < size) refuse("an item is cut short");
-    const auto content = bytes_.substr(offset_, size);
-    offset_ += size;
-    return content;
-}
-
-void CborReader::takeSimple(Item& item, unsigned lower) {
-    const auto bits = number(lower);
-    item.kind = Kind::real;
-    switch (lower) {
-        case Simple::no:
-        case Simple::yes:
-            item.kind = Kind::boolean;
-            item.flag = lower == Simple::yes;
-            return;
-        case Simple::null:
-            item.kind = Kind::null;
-            return;
-        case Simple::undefined:
-            item.kind = Kind::undefined;
-            return;
-        case Simple::half:
-            item.real = realOfHalf(bits);
-            return;
-        case Simple::single:
-            item.real = std::bit_cast<float>(static_cast<std::uint32_t>(bits));
-            return;
-        case Simple::wide:
-            item.real = std::bit_cast<double>(bits);
-            return;
-        default:
-            refuse("a malformed item");
-    }
-}
-
-void CborReader::takeInteger(Item& item, bool isNegative, std::uint64_t magnitude) {
-    if (magnitude > INT64_MAX) refuse("an item of a kind that is not carried");
-    const auto number = static_cast<std::int64_t>(magnitude);
-    item.kind = Kind::integer;
-    item.integer = isNegative ? -1 - number : number;
-}
-
-CborReader::Item CborReader::next() {
+CborReader::Head CborReader::next() {
     itemStart_ = offset_;
     if (++items_ > kMaxItems) refuse("more than 1048576 items");
     if (atEnd()) refuse("an item is missing");
     const auto first = static_cast<unsigned char>(bytes_[offset_++]);
-    const auto major = static_cast<Major>(first >> 5);
-    const unsigned lower = first & 0x1FU;
-    Item item;
-    if (lower == kNotToldInAdvance)
-        refuseOpenEnded(major <= Major::negative || major == Major::tag);
-    if (major == Major::simple) return takeSimple(item, lower), item;
-    const auto count = number(lower);
-    switch (major) {
-        case Major::text:
-        case Major::bytes:
-            item.kind = major == Major::text ? Kind::text : Kind::bytes;
-            item.content = content(count);
-            break;
-        case Major::positive:
-        case Major::negative:
-            takeInteger(item, major == Major::negative, count);
-            break;
+    Head head{static_cast<Major>(first >> 5), static_cast<std::uint8_t>(first & 0x1FU), 0};
+    head.number = head.lower < kOneByte ? head.lower : longNumber(head);
+    return head;
+}
+
+std::string_view CborReader::content(Head head) {
+    if (bytes_.size() - offset_ < head.number) refuse("an item is cut short");
+    const std::string_view content(bytes_.data() + offset_, head.number);
+    offset_ += head.number;
+    return content;
+}
+
+std::int64_t CborReader::integer(Head head) const {
+    if (head.number > INT64_MAX) refuse("an item of a kind that is not carried");
+    const auto number = static_cast<std::int64_t>(head.number);
+    return head.major == Major::negative ? -1 - number : number;
+}
+
+Value CborReader::simple(Head head) const {
+    switch (head.lower) {
+        case Simple::no:
+            return false;
+        case Simple::yes:
+            return true;
+        case Simple::null:
+            return Null{};
+        case Simple::undefined:
+            return {};
+        case Simple::half:
+            return realOfHalf(head.number);
+        case Simple::single:
+            return std::bit_cast<float>(static_cast<std::uint32_t>(head.number));
+        case Simple::wide:
+            return std::bit_cast<double>(head.number);
         default:
-            item.kind = major == Major::array ? Kind::array
-                        : major == Major::map ? Kind::map
-                                              : Kind::tag;
-            item.count = count;
+            refuse("a malformed item");
     }
-    return item;
 }
 
 void CborReader::checkCount(std::uint64_t count, std::size_t bytesEach) const {
@@ -290,33 +249,31 @@ Value CborReader::date(std::size_t depth) {
     refuse("a date that is not a number");
 }
 
-Value CborReader::container(const Item& item, std::size_t depth) {
+Value CborReader::container(Head head, std::size_t depth) {
     if (depth >= kMaxValueDepth) refuse("a value nested deeper than 64");
-    if (item.kind == Kind::array) return array(item.count, depth + 1);
-    if (item.kind == Kind::map) return dictionary(item.count, depth + 1);
-    if (item.count != kDateTag) refuse("an unknown tag");
+    if (head.major == Major::array) return array(head.number, depth + 1);
+    if (head.major == Major::map) return dictionary(head.number, depth + 1);
+    if (head.number != kDateTag) refuse("an unknown tag");
     return date(depth + 1);
 }
 
 Value CborReader::nested(std::size_t depth) {
-    const auto item = next();
-    switch (item.kind) {
-        case Kind::undefined:
-            return {};
-        case Kind::null:
-            return Null{};
-        case Kind::boolean:
-            return item.flag;
-        case Kind::integer:
-            return item.integer;
-        case Kind::real:
-            return item.real;
-        case Kind::text:
-            return item.content;
-        case Kind::bytes:
-            return Data(item.content);
+    return valueOf(next(), depth);
+}
+
+Value CborReader::valueOf(Head head, std::size_t depth) {
+    switch (head.major) {
+        case Major::positive:
+        case Major::negative:
+            return integer(head);
+        case Major::text:
+            return content(head);
+        case Major::bytes:
+            return Data(content(head));
+        case Major::simple:
+            return simple(head);
         default:
-            return container(item, depth);
+            return container(head, depth);
     }
 }
 
@@ -324,38 +281,48 @@ Value CborReader::value() {
     return nested(0);
 }
 
+Value CborReader::value(std::string& room) {
+    const auto head = next();
+    if (head.major != Major::text) return valueOf(head, 0);
+    room = content(head);
+    return std::move(room);
+}
+
 bool CborReader::boolean() {
-    const auto item = next();
-    if (item.kind != Kind::boolean) refuse("a boolean is missing");
-    return item.flag;
+    const auto head = next();
+    const bool flag = head.lower == Simple::yes;
+    if (head.major != Major::simple || (!flag && head.lower != Simple::no))
+        refuse("a boolean is missing");
+    return flag;
 }
 
 std::int64_t CborReader::integer() {
-    const auto item = next();
-    if (item.kind != Kind::integer) refuse("an integer is missing");
-    return item.integer;
+    const auto head = next();
+    if (head.major > Major::negative) refuse("an integer is missing");
+    return integer(head);
 }
 
 std::uint64_t CborReader::reference() {
     const auto tag = next();
-    if (tag.kind != Kind::tag || tag.count != kReferenceTag)
+    if (tag.major != Major::tag || tag.number != kReferenceTag)
         refuse("a reference to an object is missing");
-    const auto number = next();
-    if (number.kind != Kind::integer || number.integer < 0) refuse("a reference without a number");
-    return static_cast<std::uint64_t>(number.integer);
+    const auto object = next();
+    if (object.major != Major::positive || object.number > INT64_MAX)
+        refuse("a reference without a number");
+    return object.number;
 }
 
 std::string_view CborReader::text() {
-    const auto item = next();
-    if (item.kind != Kind::text) refuse("a string is missing");
-    return item.content;
+    const auto head = next();
+    if (head.major != Major::text) refuse("a string is missing");
+    return content(head);
 }
 
 std::size_t CborReader::arrayHeader() {
-    const auto item = next();
-    if (item.kind != Kind::array) refuse("an array is missing");
-    checkCount(item.count, 1);
-    return item.count;
+    const auto head = next();
+    if (head.major != Major::array) refuse("an array is missing");
+    checkCount(head.number, 1);
+    return head.number;
 }
 
 std::string encodeCbor(const Value& value) {

@@ -62,6 +62,13 @@ private:
     std::string& out_;
 };
 
+namespace detail {
+
+/// The upper three bits of an item's first byte.
+enum class Major : std::uint8_t { positive, negative, bytes, text, array, map, tag, simple };
+
+}  // namespace detail
+
 /// Reads wire items one after the other from bytes that outlive it. Every operation throws
 /// CborError when the bytes are not one item of the asked kind. Refused beside malformed bytes:
 /// integers beyond 64 bits, lengths that are not told in advance, unknown tags and simple values,
@@ -79,6 +86,8 @@ public:
 
     /// The next item as a value, with all that it contains.
     Value value();
+    /// The same; a text takes over the memory of `room`.
+    Value value(std::string& room);
     /// The next item as a BOOL.
     bool boolean();
     /// The next item as an integer.
@@ -91,21 +100,26 @@ public:
     std::size_t arrayHeader();
 
 private:
-    struct Item;
+    struct Head {
+        detail::Major major;
+        std::uint8_t lower;    // five bits of its first byte
+        std::uint64_t number;  // in or behind it: a value, a length, a count or a tag
+    };
 
-    Item next();
-    std::uint64_t number(unsigned lower);
-    std::string_view content(std::uint64_t size);
-    void takeSimple(Item& item, unsigned lower);
-    void takeInteger(Item& item, bool isNegative, std::uint64_t magnitude);
+    Head next();
+    std::uint64_t longNumber(Head head);
+    std::string_view content(Head head);
+    std::int64_t integer(Head head) const;
+    Value simple(Head head) const;
     Value nested(std::size_t depth);
-    Value container(const Item& item, std::size_t depth);
+    Value valueOf(Head head, std::size_t depth);
+    Value container(Head head, std::size_t depth);
     Value date(std::size_t depth);
     Array array(std::uint64_t count, std::size_t depth);
     Dictionary dictionary(std::uint64_t count, std::size_t depth);
     void checkCount(std::uint64_t count, std::size_t bytesEach) const;
     [[noreturn]] void refuse(const char* what) const;
-    [[noreturn]] void refuseOpenEnded(bool isNumber) const;
+    [[noreturn]] void refuseOpenEnded(Head head) const;
 
     std::string_view bytes_;
     std::size_t items_ = 0;
