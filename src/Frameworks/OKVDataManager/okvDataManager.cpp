@@ -502,7 +502,8 @@ static std::optional<std::string> textOf(const okv::Value& value) {
 
 // The answer as it stands; the standard where nothing is stored, or nothing that is a text.
 std::string okvDataManager::textAt(const Endpoint& endpoint) const {
-    const auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
+    auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
+    if (auto* text = answer.getIf<std::string>()) return std::move(*text);
     return textOf(answer).value_or(endpoint.standard);
 }
 

@@ -57,10 +57,14 @@ Ref<Connection> Connection::connectionWithSocket(PrivateDescriptor socket, PeerI
 }
 
 bool Connection::start() {
+    armed_ = loop_->isEngaged();
     source_ = loop_->watch(
-        socket_.get(), EPOLLIN, [this](std::uint32_t) { serve(); }, this);
+        socket_.get(), armed_ ? std::uint32_t{EPOLLIN} : 0U, [this](std::uint32_t) { serve(); },
+        this);
     if (source_ == 0) return false;
-    armed_ = true;
+    // Before the loop is first run nobody waits on it, and what nobody waits for costs every call a
+    // wake-up in the kernel.
+    if (!armed_) loop_->perform([this] { armForLoop(); }, this);
     bytes_.keepForLikeFrames();
     write(encodeHello(), std::nullopt);
     return true;
@@ -224,13 +228,22 @@ void Connection::await(PendingCall& pending, Deadline deadline) {
             lock.lock();
         } else if (pending.leads) {
             readOnce(lock, true, deadline);
-        } else if (deadline) {
-            pending.turn.wait_until(lock, *deadline);
         } else {
-            pending.turn.wait(lock);
+            sleep(pending, lock, deadline);
         }
     }
     forget(pending);
+}
+
+// Until the answer is there, or the lead falls to this call, or nothing of it.
+void Connection::sleep(PendingCall& pending, Lock& lock, Deadline deadline) {
+    std::condition_variable turn;
+    pending.turn = &turn;
+    if (deadline)
+        turn.wait_until(lock, *deadline);
+    else
+        turn.wait(lock);
+    pending.turn = nullptr;
 }
 
 void Connection::unlink(PendingCall& pending) {
@@ -306,6 +319,14 @@ void Connection::serve() {
             const Leading self(*this);
             readOnce(lock, false, std::nullopt);
         }
+    }
+    serveQueued();
+}
+
+void Connection::armForLoop() {
+    {
+        const Lock lock(mutex_);
+        if (!leading_ && !ended_) setArmed(true);
     }
     serveQueued();
 }

@@ -106,6 +106,7 @@ private:
     Written write(std::string_view bytes, Deadline deadline);
     bool awaitRoom(Deadline deadline);
     void await(PendingCall& pending, Deadline deadline);
+    static void sleep(PendingCall& pending, Lock& lock, Deadline deadline);
     void unlink(PendingCall& pending);
     void forget(PendingCall& pending);
     [[noreturn]] void throwFailed(Written written);
@@ -125,6 +126,7 @@ private:
 
     // On the run loop's thread
     void serve();
+    void armForLoop();
     void serveQueued();
     bool serveNext();
     void handle(QueuedRequest queued);

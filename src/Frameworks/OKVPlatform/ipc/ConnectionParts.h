@@ -25,7 +25,11 @@ struct Connection::PendingCall {
 
     /// Takes the reply from where it was received; lock held, so that it stays there.
     void readInPlace(std::string_view reply) noexcept;
-    std::condition_variable turn;
+    /// Wakes the caller up where it sleeps, while another reads; lock held.
+    void wake() noexcept {
+        if (turn != nullptr) turn->notify_one();
+    }
+    std::condition_variable* turn = nullptr;
 };
 
 /// Why a connection ends of which the kernel would tell nothing.

@@ -39,7 +39,8 @@ void Connection::lead(PendingCall& pending) {
     leading_ = true;
     pending.leads = true;
     // Another thread may sleep in the run loop: it must not wake up for bytes that this one reads.
-    setArmed(pending.onLoopThread || !loop_->isEngaged());
+    // Nor is it worth a change while the loop's own thread calls.
+    if (!pending.onLoopThread) setArmed(false);
 }
 
 void Connection::setArmed(bool armed) {
@@ -53,10 +54,10 @@ void Connection::setArmed(bool armed) {
 void Connection::passLead() {
     leading_ = false;
     if (ended_) return;
-    if (pending_.empty()) return setArmed(true);
+    if (pending_.empty()) return setArmed(loop_->isEngaged());
     auto& next = *pending_.front();
     lead(next);
-    next.turn.notify_one();
+    next.wake();
 }
 
 void Connection::readOnce(Lock& lock, bool wait, Deadline deadline) {
@@ -120,7 +121,7 @@ void Connection::takeHello(const Frame& frame) {
     for (auto* waiting : pending_) {
         if (waiting->serial != 0) continue;
         waiting->state = PendingCall::State::read;
-        waiting->turn.notify_one();
+        waiting->wake();
     }
 }
 
@@ -140,7 +141,7 @@ void Connection::settle(const Frame& frame) {
                                                        : PendingCall::State::notUnderstood;
     }
     pending_.erase(at);
-    settled.turn.notify_one();
+    settled.wake();
 }
 
 void Connection::PendingCall::readInPlace(std::string_view reply) noexcept {
@@ -171,7 +172,7 @@ void Connection::end(Kind kind, std::string why, bool byPeer) {
     setArmed(false);
     for (auto* waiting : pending_) {
         waiting->state = PendingCall::State::failed;
-        waiting->turn.notify_one();
+        waiting->wake();
     }
     pending_.clear();
     if (!byPeer) queue_.clear();

@@ -28,8 +28,8 @@ void putNumber(char* bytes, std::uint32_t number) {
 
 std::size_t beginFrame(std::string& out, FrameKind kind) {
     const auto start = out.size();
-    out.append(kFrameHeaderSize, '\0');
-    out[start + 4] = static_cast<char>(kind);
+    const char header[kFrameHeaderSize] = {0, 0, 0, 0, static_cast<char>(kind)};
+    out.append(header, sizeof header);
     return start;
 }
 

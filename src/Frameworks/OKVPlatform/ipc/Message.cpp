@@ -7,7 +7,8 @@ namespace okv {
 
 namespace {
 
-thread_local Invocation* currentInvocation = nullptr;
+// At a fixed distance from the thread: there is no function to be called for its place.
+[[gnu::tls_model("initial-exec")]] constinit thread_local Invocation* currentInvocation = nullptr;
 
 struct Exports {
     struct Entry {
@@ -41,11 +42,27 @@ std::string MessagePort::call(std::string& frame) {
     return std::move(copy.bytes);
 }
 
-IncomingRequest::IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload)
-    : port_(std::move(port)), serial_(serial), payload_(std::move(payload)), arguments_(payload_) {
+IncomingRequest::IncomingRequest(Ref<MessagePort> port, std::uint32_t serial,
+                                 std::string_view payload) {
+    renew(std::move(port), serial, payload);
+}
+
+void IncomingRequest::renew(Ref<MessagePort> port, std::uint32_t serial, std::string_view payload) {
+    port_ = std::move(port);
+    serial_ = serial;
+    payload_ = payload;
+    arguments_ = CborReader(payload_);
     object_ = static_cast<std::uint64_t>(arguments_.integer());
     selector_ = arguments_.text();
     types_ = arguments_.text();
+    answered_ = false;
+}
+
+// A request that is held here alone, and answered, is over.
+bool IncomingRequest::clear() noexcept {
+    if (retainCount() != 1 || !answered_) return false;
+    port_ = nullptr;
+    return payload_.capacity() <= kKeptPayload && spareText_.capacity() <= kKeptPayload;
 }
 
 IncomingRequest::~IncomingRequest() {
@@ -53,9 +70,13 @@ IncomingRequest::~IncomingRequest() {
 }
 
 void IncomingRequest::answer(std::string frame) {
+    answerFrom(frame);
+}
+
+void IncomingRequest::answerFrom(std::string& frame) {
     answered_ = true;
     setFrameSerial(frame, serial_);
-    port_->sendAnswer(std::move(frame));
+    port_->sendAnswerFrom(frame);
 }
 
 void IncomingRequest::fail(std::string_view why) {
@@ -105,12 +126,17 @@ std::optional<ExportedObjects::Found> ExportedObjects::find(std::uint64_t number
 
 void beginRequest(std::string& frame, std::uint64_t object, std::string_view selector,
                   std::string_view types) {
-    frame.clear();
-    beginFrame(frame, FrameKind::request);
+    beginRequest(frame, object, {});
     CborWriter writer(frame);
-    writer.integer(static_cast<std::int64_t>(object));
     writer.text(selector);
     writer.text(types);
+}
+
+void beginRequest(std::string& frame, std::uint64_t object, std::string_view selectorAndTypes) {
+    frame.clear();
+    beginFrame(frame, FrameKind::request);
+    CborWriter(frame).integer(static_cast<std::int64_t>(object));
+    frame.append(selectorAndTypes);
 }
 
 void finishRequest(std::string& frame) {
@@ -134,6 +160,12 @@ std::string encodeFailure(std::uint32_t serial, std::string_view why) {
 }
 
 namespace detail {
+
+std::string& scratchFrame() {
+    [[gnu::tls_model("initial-exec")]] thread_local std::string frame;
+    if (frame.capacity() > 64 * 1024) frame = std::string();
+    return frame;
+}
 
 void throwBadReply(std::string_view selector, const CborError& error) {
     throw ConnectionError(ConnectionError::Kind::badData,

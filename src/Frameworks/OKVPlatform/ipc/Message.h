@@ -58,6 +58,9 @@ public:
     virtual void post(std::string frame) = 0;
     /// Sends a frame that answers a request; safe from any thread; a dead peer's is dropped.
     virtual void sendAnswer(std::string frame) = 0;
+    /// The same; the frame is the caller's again afterwards, to make the next one in its memory,
+    /// and holds nothing to rely on.
+    virtual void sendAnswerFrom(std::string& frame) { sendAnswer(std::move(frame)); }
     /// Who is at the other end, as the kernel recorded it.
     virtual const PeerIdentity& peer() const noexcept = 0;
     /// Notes that the peer may now address the exported object.
@@ -85,8 +88,8 @@ private:
 /// given up unanswered answers a failure by itself, so that no caller waits for ever.
 class OKV_EXPORT IncomingRequest final : public Object {
 public:
-    /// Throws CborError when the payload is no request.
-    IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string payload);
+    /// Copies the payload. Throws CborError when it is no request.
+    IncomingRequest(Ref<MessagePort> port, std::uint32_t serial, std::string_view payload);
 
     /// The number of the object that it is for.
     std::uint64_t object() const noexcept { return object_; }
@@ -102,6 +105,8 @@ public:
     MessagePort& port() const noexcept { return *port_; }
     /// Stands at the first argument.
     CborReader arguments() const noexcept { return arguments_; }
+    /// Memory for the text of one argument, kept from the requests before.
+    std::string& spareText() noexcept { return spareText_; }
     /// The object that a reference among the arguments names.
     Ref<RemoteObject> remote(std::uint64_t number) const {
         return make<RemoteObject>(port_, number);
@@ -110,6 +115,8 @@ public:
     /// Answers with a finished reply or failure frame, whose serial number is set here. A request
     /// is answered once, by this or by `fail`. Any thread.
     void answer(std::string frame);
+    /// The same; the frame's memory is the caller's again afterwards.
+    void answerFrom(std::string& frame);
     /// Answers why the request was not understood; as `answer`.
     void fail(std::string_view why);
 
@@ -117,14 +124,24 @@ protected:
     ~IncomingRequest() override;
 
 private:
+    friend class ServedConnection;
+    // Memory of a larger request is not kept for the next one.
+    static constexpr std::size_t kKeptPayload = 4096;
+
+    // Makes another request of one that was cleared. Throws as the constructor.
+    void renew(Ref<MessagePort> port, std::uint32_t serial, std::string_view payload);
+    // Lets go of the connection; answers whether it can be renewed.
+    bool clear() noexcept;
+
     Ref<MessagePort> port_;
-    std::uint32_t serial_;
+    std::uint32_t serial_ = 0;
     std::string payload_;
     std::uint64_t object_ = 0;
     std::string_view selector_;
     std::string_view types_;
     CborReader arguments_{{}};
-    bool answered_ = false;
+    std::string spareText_;
+    bool answered_ = true;  // until it is known to be a request
 };
 
 /// The conversation that the calling thread is serving, for methods that must know who asks or must
@@ -190,6 +207,9 @@ public:
 /// `types` has a character for each of them.
 OKV_EXPORT void beginRequest(std::string& frame, std::uint64_t object, std::string_view selector,
                              std::string_view types);
+/// The same with the selector and the types as the items that they are sent as.
+OKV_EXPORT void beginRequest(std::string& frame, std::uint64_t object,
+                             std::string_view selectorAndTypes);
 /// Completes a request frame, not numbered yet. Throws std::length_error when it is too large.
 OKV_EXPORT void finishRequest(std::string& frame);
 /// The frame that a client greets with.

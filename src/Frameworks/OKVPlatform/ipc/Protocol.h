@@ -48,7 +48,9 @@ struct Carried<Value> {
             out.value(value);
         }
     }
-    static Value read(CborReader& in, IncomingRequest*) { return in.value(); }
+    static Value read(CborReader& in, IncomingRequest* request) {
+        return in.value(request->spareText());
+    }
     static Value result(CborReader& in) { return in.value(); }
 };
 template <>
@@ -97,6 +99,33 @@ struct TypesText<Method, std::tuple<A...>> {
     static constexpr std::string_view view{text.data(), sizeof...(A)};
 };
 
+// A text of at most 255 bytes as it is sent.
+template <std::size_t size>
+constexpr std::size_t textItemSize = size + (size < 24 ? 1 : 2);
+
+template <std::size_t size>
+constexpr char* putTextItem(char* to, std::string_view text) {
+    static_assert(size <= 255);
+    if constexpr (size >= 24) *to++ = '\x78';
+    *to++ = static_cast<char>(size < 24 ? 0x60 + size : size);
+    return std::copy(text.begin(), text.end(), to);
+}
+
+// What every request for the method holds between the object and the arguments, made when it is
+// compiled.
+template <auto Method>
+struct RequestHead {
+    static constexpr std::size_t selectorSize = selectorOf<Method>().size();
+    static constexpr std::size_t typesSize = TypesText<Method>::view.size();
+    static constexpr auto items = [] {
+        std::array<char, textItemSize<selectorSize> + textItemSize<typesSize>> items{};
+        auto* const rest = putTextItem<selectorSize>(items.data(), selectorOf<Method>());
+        putTextItem<typesSize>(rest, TypesText<Method>::view);
+        return items;
+    }();
+    static constexpr std::string_view view{items.data(), items.size()};
+};
+
 template <auto Method>
 consteval char resultType() {
     using R = typename MethodTraits<Method>::Result;
@@ -125,11 +154,7 @@ void writeArgument(CborWriter& out, MessagePort& port, const Argument& argument)
 
 // The calling thread's request; kept between calls, because allocating it anew would cost more than
 // filling it.
-inline std::string& scratchFrame() {
-    thread_local std::string frame;
-    if (frame.capacity() > 64 * 1024) frame = std::string();
-    return frame;
-}
+OKV_EXPORT std::string& scratchFrame();
 
 template <class... A, class... Arguments>
 void writeArguments(CborWriter& out, MessagePort& port, const std::tuple<A...>*,
@@ -142,7 +167,7 @@ void encode(std::string& frame, RemoteObject& remote, const Arguments&... argume
     using Traits = MethodTraits<Method>;
     static_assert(sizeof...(Arguments) == Traits::arity,
                   "the method takes another number of arguments");
-    beginRequest(frame, remote.number(), selectorOf<Method>(), TypesText<Method>::view);
+    beginRequest(frame, remote.number(), RequestHead<Method>::view);
     CborWriter out(frame);
     writeArguments(out, remote.port(), static_cast<const typename Traits::Parameters*>(nullptr),
                    arguments...);
@@ -247,13 +272,13 @@ public:
         std::tuple_size_v<std::remove_const_t<decltype(protocol<P>)>>;
 
     /// The row's place in the protocol's table; none for a selector that has no row.
-    static std::optional<std::size_t> find(std::string_view selector) {
-        const auto at = std::lower_bound(entries.begin(), entries.end(), selector,
-                                         [](const Entry& entry, std::string_view wanted) {
-                                             return before(entry.selector, wanted);
-                                         });
-        if (at == entries.end() || at->selector != selector) return std::nullopt;
-        return static_cast<std::size_t>(at - entries.begin());
+    static constexpr std::optional<std::size_t> find(std::string_view selector) {
+        if (selector.size() > kLongestSelector) return std::nullopt;
+        const std::size_t end = firstOfLength[selector.size() + 1];
+        for (std::size_t row = firstOfLength[selector.size()]; row < end; ++row) {
+            if (entries[row].selector == selector) return row;
+        }
+        return std::nullopt;
     }
     /// The text of a row, below rowCount; it lives for ever.
     static std::string_view selector(std::size_t row) { return entries[row].selector; }
@@ -263,27 +288,34 @@ public:
     static char resultType(std::size_t row) { return entries[row].result; }
     /// The row of a method, for tables that stand beside the protocol's.
     template <auto Method>
-    static std::size_t rowOf() {
+    static constexpr std::size_t rowOf() {
         return *find(detail::selectorOf<Method>());
     }
 
     /// Calls the method and answers the frame to be sent back: its result with a refusal if there
     /// was one, or why the arguments are not what the method takes.
     static std::string carryOut(P& target, IncomingRequest& request, std::size_t row) {
-        if (request.types() != entries[row].types)
-            return encodeFailure(0, "other argument types than the method takes");
+        std::string frame;
+        frame.reserve(kUsualReply);
+        carryOut(target, request, row, frame);
+        return frame;
+    }
+    /// The same in the place of what `frame` held; nobody else may use it meanwhile.
+    static void carryOut(P& target, IncomingRequest& request, std::size_t row, std::string& frame) {
+        if (request.types() != entries[row].types) {
+            frame = encodeFailure(0, "other argument types than the method takes");
+            return;
+        }
         try {
             Invocation invocation(request);
             auto reader = request.arguments();
-            std::string frame;
-            frame.reserve(kUsualReply);
+            frame.clear();
             beginFrame(frame, FrameKind::reply);
             entries[row].invoke(target, invocation, reader, frame);
             appendRefusal(frame, invocation.refusal());
             finishFrame(frame, 0, 0);
-            return frame;
         } catch (const std::exception& error) {
-            return encodeFailure(0, error.what());
+            frame = encodeFailure(0, error.what());
         }
     }
 
@@ -299,7 +331,7 @@ private:
         Invoke invoke = nullptr;
     };
 
-    // The lengths first: they settle most comparisons without a look at the characters.
+    // The lengths first: they leave two or three selectors whose characters must be looked at.
     static constexpr bool before(std::string_view a, std::string_view b) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
     }
@@ -323,7 +355,15 @@ private:
             const R result = std::apply(call, held);
             detail::CarriedAs<R>::write(out, resultOf(invocation, result));
         }
+        std::apply([&](auto&... argument) { (giveBack(argument, invocation.request()), ...); },
+                   held);
     }
+    // The memory of a key serves the next request's.
+    static void giveBack(Value& argument, IncomingRequest& request) {
+        if (auto* text = argument.getIf<std::string>()) request.spareText().swap(*text);
+    }
+    template <class A>
+    static void giveBack(A&, IncomingRequest&) {}
     static const Value& resultOf(const Invocation& invocation, const Value& returned) {
         return invocation.result() != nullptr ? *invocation.result() : returned;
     }
@@ -349,6 +389,18 @@ private:
     }
 
     static constexpr std::array<Entry, rowCount> entries = sortedEntries(protocol<P>);
+
+    static constexpr std::size_t kLongestSelector = 255;
+    static_assert(entries.back().selector.size() <= kLongestSelector && rowCount <= 255);
+    // By length, where the selectors begin that are as long; behind the last, where they end.
+    static constexpr auto firstOfLength = [] {
+        std::array<std::uint8_t, kLongestSelector + 2> first{};
+        for (const auto& entry : entries) {
+            for (auto length = entry.selector.size() + 1; length < first.size(); ++length)
+                ++first[length];
+        }
+        return first;
+    }();
 };
 
 /// Carries the request out on the object and answers it; a selector without a row answers a

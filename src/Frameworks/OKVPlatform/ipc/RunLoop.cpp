@@ -20,6 +20,10 @@ constexpr int kEventsPerTurn = 64;
 
 thread_local Ref<RunLoop> currentLoop;
 thread_local std::uint32_t currentGeneration;
+// The same loop, for those who only ask whether it is theirs: without a destructor there is nothing
+// to set up first, and at a fixed distance from the thread there is no function to be called for
+// its place.
+[[gnu::tls_model("initial-exec")]] constinit thread_local const RunLoop* loopOfThread = nullptr;
 
 template <class Open>
 PrivateDescriptor required(Open open) {
@@ -64,12 +68,13 @@ Ref<RunLoop> RunLoop::current() {
     if (!currentLoop || currentGeneration != PrivateDescriptor::forkGeneration()) {
         currentLoop = make<RunLoop>();
         currentGeneration = PrivateDescriptor::forkGeneration();
+        loopOfThread = currentLoop.get();
     }
     return currentLoop;
 }
 
 bool RunLoop::isCurrent() const noexcept {
-    return currentLoop.get() == this;
+    return loopOfThread == this;
 }
 
 void RunLoop::run() {

@@ -61,6 +61,7 @@ const PublicationOptions& ServedConnection::options() const noexcept {
 void ServedConnection::start() {
     if (publication_ == nullptr) return;  // who was told of it has closed it
     (void)setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+    events_ = kCalm;
     source_ = loop_->watch(
         socket_.get(), kCalm, [this](std::uint32_t events) { serve(events); }, this);
     if (source_ == 0) return end(kUnwatched);
@@ -105,12 +106,13 @@ bool ServedConnection::readOnce() {
     return isFull || !bytes_.empty();  // the rest of a frame may be there already
 }
 
+// Whoever comes here holds a reference to the connection: the run loop, who accepts it, or a
+// request.
 void ServedConnection::takeFrames() {
     // A request that is answered at once may make room and come here again: the loop below goes on
     // by itself, and a burst of requests must not nest.
     if (taking_ != Taking::no) return;
     taking_ = Taking::now;
-    const auto self = Ref<ServedConnection>::retaining(this);
     bool goesOn = false;
     try {
         goesOn = takeSomeFrames();
@@ -169,12 +171,23 @@ void ServedConnection::takeHello(const Frame& frame) {
 
 void ServedConnection::handle(const Frame& frame) {
     ++pending_;
-    const auto request = make<IncomingRequest>(Ref<MessagePort>::retaining(this), frame.serial,
-                                               std::string(frame.payload));
+    auto request = take(frame);
     const auto root = publication_->root_;  // held: the method may end the publication
     if (request->object() == kRootObject && root.handler != nullptr)
-        return root.handler(root.target, *request);
-    request->fail("no such object");
+        root.handler(root.target, *request);
+    else
+        request->fail("no such object");
+    // One that somebody keeps, to answer it later, is his alone from now on.
+    if (request->clear()) over_ = std::move(request);
+}
+
+// Most requests are over when their handler returns: the next one is made of what they were.
+Ref<IncomingRequest> ServedConnection::take(const Frame& frame) {
+    auto port = Ref<MessagePort>::retaining(this);
+    if (!over_) return make<IncomingRequest>(std::move(port), frame.serial, frame.payload);
+    auto request = std::move(over_);
+    request->renew(std::move(port), frame.serial, frame.payload);
+    return request;
 }
 
 void ServedConnection::callAndRead(std::string&, ReplyReader&) {
@@ -196,6 +209,10 @@ void ServedConnection::post(std::string frame) {
 }
 
 void ServedConnection::sendAnswer(std::string frame) {
+    sendAnswerFrom(frame);
+}
+
+void ServedConnection::sendAnswerFrom(std::string& frame) {
     if (loop_->isCurrent()) return answerNow(frame);
     const auto self = Ref<ServedConnection>::retaining(this);
     if (ended_.load(std::memory_order_acquire)) return;
@@ -262,8 +279,11 @@ void ServedConnection::updateEvents() {
     const bool isCalm = mayRead() && out_.empty();
     const auto busy = (mayRead() ? std::uint32_t{EPOLLIN} : std::uint32_t{EPOLLRDHUP}) |
                       (out_.empty() ? 0U : std::uint32_t{EPOLLOUT});
+    const auto wanted = isCalm ? kCalm : busy;
+    if (publication_ == nullptr || wanted == events_) return;
+    events_ = wanted;
     // Half an answer may be out already, so there is nothing more to say.
-    if (publication_ != nullptr && !loop_->rewatch(source_, isCalm ? kCalm : busy)) end();
+    if (!loop_->rewatch(source_, wanted)) end();
 }
 
 void ServedConnection::end(const std::string& farewell) {

@@ -27,6 +27,7 @@ public:
     void callAndRead(std::string& frame, ReplyReader& reader) override;
     void post(std::string frame) override;
     void sendAnswer(std::string frame) override;
+    void sendAnswerFrom(std::string& frame) override;
     const PeerIdentity& peer() const noexcept override { return peer_; }
     void lend(std::uint64_t) override {}
 
@@ -39,6 +40,7 @@ private:
     void takeFrame(const Frame& frame);
     void takeHello(const Frame& frame);
     void handle(const Frame& frame);
+    Ref<IncomingRequest> take(const Frame& frame);
     void sendNow(std::string_view frame);
     void answerNow(std::string_view frame);
     void flush();
@@ -56,7 +58,9 @@ private:
     const PeerIdentity peer_;
     RunLoop::Id source_ = 0;
     RunLoop::Id greeting_ = 0;
+    std::uint32_t events_ = 0;  // that the run loop waits for
     FrameBuffer bytes_;
+    Ref<IncomingRequest> over_;
     std::string out_;
     std::size_t outFront_ = 0;
     std::size_t pending_ = 0;
