@@ -25,7 +25,7 @@ std::optional<Method> findMethod(std::string_view selector);
 
 /// The method that a member function is: `methodOf<&OKVDataMng_protocol::okvDataPT>()`.
 template <auto Member>
-Method methodOf() {
+constexpr Method methodOf() {
     using P = typename okv::detail::MethodTraits<Member>::Protocol;
     return {std::is_same_v<P, OKVDataAdmin_protocol>, okv::Dispatcher<P>::template rowOf<Member>()};
 }
@@ -37,6 +37,8 @@ struct Speaker {
 
     /// Calls the method and gives the frame to be sent back.
     std::string carryOut(okv::IncomingRequest& request, Method method) const;
+    /// The same in the place of what `frame` held.
+    void carryOut(okv::IncomingRequest& request, Method method, std::string& frame) const;
 };
 
 /// The reply of a method that is refused: the zero value of its result, and why.

@@ -10,15 +10,18 @@ namespace {
 using okv::Null;
 using okv::Value;
 
-// Not copied where a peer is answered: most of what is asked for is this.
+// Not copied where a peer is answered.
+Value inPlace(const Value& held) {
+    auto* const invocation = okv::Invocation::current();
+    if (invocation == nullptr) return held;
+    invocation->answerWith(held);
+    return {};
+}
+
 Value valueOf(const View& view, Scope scope, const Value& key) {
     const auto* text = key.getIf<std::string>();
     const auto found = text != nullptr ? view.find(scope, *text) : View::Found();
-    if (found.setting == nullptr) return Null{};
-    auto* invocation = okv::Invocation::current();
-    if (invocation == nullptr) return found.setting->value;
-    invocation->answerWith(found.setting->value);
-    return {};
+    return found.setting != nullptr ? inPlace(found.setting->value) : Null{};
 }
 
 Value tooMany(std::size_t limit) {
@@ -166,8 +169,7 @@ Value ReadingSide::uidListPT() {
 }
 
 Value ReadingSide::useridAppListPT() {
-    const auto& ids = view_.userIds();
-    return okv::Array(ids.begin(), ids.end());
+    return inPlace(view_.userIds());
 }
 
 Value ReadingSide::serverTimePT() {

@@ -24,7 +24,7 @@ constexpr Grant kImport{Class::administer, Where::store, true};
 template <auto... Member>
 struct Methods {
     template <std::size_t N>
-    static void grant(std::array<Grant, N>& table, Grant grant) {
+    static constexpr void grant(std::array<Grant, N>& table, Grant grant) {
         ((table[methodOf<Member>().row] = grant), ...);
     }
 };
@@ -57,7 +57,7 @@ using AdminAdminister = Methods<&Admin::setOKVCommonDataAllPT, &Admin::lockOKVDa
                                 &Admin::setOkvFltProcBlackListPT, &Admin::setOkvKillWebProcListPT,
                                 &Admin::setCurrentUserIdPT_osUid, &Admin::exportDataPT>;
 
-auto dataTable() {
+constexpr auto dataTable() {
     std::array<Grant, okv::Dispatcher<Data>::rowCount> table{};
     DataReads::grant(table, kRead);
     DataOwn::grant(table, kOwn);
@@ -66,7 +66,7 @@ auto dataTable() {
     return table;
 }
 
-auto adminTable() {
+constexpr auto adminTable() {
     std::array<Grant, okv::Dispatcher<Admin>::rowCount> table{};
     AdminReads::grant(table, kRead);
     AdminAdminister::grant(table, kAdminister);
@@ -76,9 +76,9 @@ auto adminTable() {
 
 }  // namespace
 
-Grant grantFor(Method method) {
-    static const auto data = dataTable();
-    static const auto admin = adminTable();
+const Grant& grantFor(Method method) {
+    static constexpr auto data = dataTable();
+    static constexpr auto admin = adminTable();
     return method.isAdmin ? admin[method.row] : data[method.row];
 }
 
@@ -93,8 +93,8 @@ std::optional<gid_t> Rights::adminGroup() const noexcept {
     return group != kNoGroup ? std::optional(static_cast<gid_t>(group)) : std::nullopt;
 }
 
-bool Rights::allows(const okv::PeerIdentity& caller, Method method) const noexcept {
-    switch (grantFor(method).grantedTo) {
+bool Rights::allows(const okv::PeerIdentity& caller, Grant::Class granted) const noexcept {
+    switch (granted) {
         case Class::none:
             return false;
         case Class::read:

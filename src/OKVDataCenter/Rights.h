@@ -31,7 +31,7 @@ struct Grant {
 };
 
 /// The row of a method; `Grant{}` for one that was forgotten.
-Grant grantFor(Method method);
+const Grant& grantFor(Method method);
 
 /// Who may do what, by the kernel's word about the caller alone.
 class Rights {
@@ -51,9 +51,9 @@ public:
     std::optional<gid_t> adminGroup() const noexcept;
 
     bool isAdministrator(const okv::PeerIdentity& caller) const noexcept;
-    /// Whether the caller may send the method at all. For the class "own", whether it concerns the
-    /// caller's own user is asked where the change is made.
-    bool allows(const okv::PeerIdentity& caller, Method method) const noexcept;
+    /// Whether the caller may send methods of this class at all. For the class "own", whether it
+    /// concerns the caller's own user is asked where the change is made.
+    bool allows(const okv::PeerIdentity& caller, Grant::Class granted) const noexcept;
     bool hasSelfService() const noexcept { return options_.selfService; }
 
 private:

@@ -17,6 +17,9 @@ namespace {
 constexpr std::chrono::seconds kFlushWithin{2};
 constexpr std::chrono::milliseconds kFlushAgain{5};
 
+// Memory of an answer that is kept for the next one.
+constexpr std::size_t kKeptAnswer = 64 * 1024;
+
 // All that is stored is read when the store is opened; it need not be read again.
 std::shared_ptr<View> openedView(Store& store) {
     auto view = store.takeOpened();
@@ -108,19 +111,29 @@ bool Server::started(okv::Ref<okv::Publication> publication) {
 void Server::handle(okv::IncomingRequest& request) {
     const auto method = findMethod(request.selector());
     if (!method) return request.fail("unknown selector");
-    if (!rights_.allows(request.caller(), *method)) {
+    const auto& grant = grantFor(*method);
+    if (!rights_.allows(request.caller(), grant.grantedTo)) {
         noteRefusal(request);
         return refuse(request, *method, {Kind::notAllowed, "the caller has no right to do this"});
     }
-    const auto grant = grantFor(*method);
     if (request.size() > (grant.isImport ? limits_.importBytes : limits_.requestBytes))
         return refuse(request, *method, {Kind::tooLarge, "the request is too large"});
-    if (grant.where == Grant::Where::here)
-        return request.answer(Speaker{data_, admin_}.carryOut(request, *method));
+    if (grant.where == Grant::Where::here) return answerHere(request, *method);
     // Certainly not done, which a connection that closes could not tell.
     if (ending_) return refuse(request, *method, {Kind::failed, "the data server is ending"});
     if (!writer_.queue(okv::Ref<okv::IncomingRequest>::retaining(&request), *method))
         refuse(request, *method, {Kind::failed, "too many changes are waiting"});
+}
+
+// In the last answer's memory, unless that was a large one. Who writes it may run the loop, and so
+// come here again.
+void Server::answerHere(okv::IncomingRequest& request, Method method) {
+    const Speaker speaker{data_, admin_};
+    if (std::exchange(isAnswering_, true)) return request.answer(speaker.carryOut(request, method));
+    speaker.carryOut(request, method, answer_);
+    request.answerFrom(answer_);
+    if (answer_.capacity() > kKeptAnswer) answer_ = std::string();
+    isAnswering_ = false;
 }
 
 // Of those that are left out the number is told, also when no more follow.

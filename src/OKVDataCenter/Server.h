@@ -57,6 +57,7 @@ public:
     const View& view() const noexcept { return view_; }
 
 private:
+    void answerHere(okv::IncomingRequest& request, Method method);
     void refuse(okv::IncomingRequest& request, Method method, okv::Refusal refusal);
     void noteRefusal(const okv::IncomingRequest& request);
     void take(const std::shared_ptr<Batch>& batch);
@@ -81,6 +82,8 @@ private:
     View view_;
     ReadingSide data_{view_, state_, limits_};
     AdminReadingSide admin_{view_, state_, limits_};
+    std::string answer_;
+    bool isAnswering_ = false;
     bool ending_ = false;
     bool stuck_ = false;
     okv::RunLoop::Clock::time_point flushUntil_;

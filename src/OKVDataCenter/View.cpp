@@ -22,7 +22,7 @@ void View::apply(const Step& step) {
 }
 
 View::Settings& View::settingsOf(Scope scope) {
-    return scope == kEverybody ? everybody_ : users_[scope].settings;
+    return scope == kEverybody ? everybody_ : userFor(scope).settings;
 }
 
 void View::reserve(Scope scope, std::size_t count) {
@@ -31,7 +31,7 @@ void View::reserve(Scope scope, std::size_t count) {
 
 void View::take(const step::Setting& set) {
     auto& settings = settingsOf(set.scope);
-    auto& bytes = set.scope == kEverybody ? everybodyBytes_ : users_[set.scope].settingBytes;
+    auto& bytes = set.scope == kEverybody ? everybodyBytes_ : userFor(set.scope).settingBytes;
     const auto before = settings.size();
     const auto held = settings.find(set.key);
     if (held != settings.end()) bytes -= held->second.size;
@@ -54,7 +54,7 @@ void View::take(const step::Lock& set) {
 }
 
 void View::take(const step::List& set) {
-    auto& user = users_[set.user];
+    auto& user = userFor(set.user);
     const bool isThere = !set.value.isNull();
     user.lists[at(set.list)] = isThere ? set.value : okv::Value();
     user.listBytes[at(set.list)] = isThere ? static_cast<std::int64_t>(set.encoded.size()) : 0;
@@ -69,9 +69,14 @@ void View::take(const step::Process& set) {
     }
 }
 
+View::User& View::userFor(std::int32_t id) {
+    const auto [at, isNew] = users_.try_emplace(id);
+    if (isNew) userIds_ = {};
+    return at->second;
+}
+
 void View::take(const step::AddUser& add) {
-    users_.try_emplace(add.user);
-    userIds_.clear();
+    userFor(add.user);
     highestUser_ = std::max(highestUser_, add.user);
 }
 
@@ -81,9 +86,9 @@ step::Remains View::forget(User& user) {
 }
 
 void View::take(const step::RemoveUser& remove) {
-    remove.remains = forget(users_[remove.user]);
+    remove.remains = forget(userFor(remove.user));
     users_.erase(remove.user);
-    userIds_.clear();
+    userIds_ = {};
     if (currentUser_ == remove.user) currentUser_ = kDefaultUser;
     for (auto at = accounts_.begin(); at != accounts_.end();) {
         auto& account = at->second;
@@ -94,7 +99,7 @@ void View::take(const step::RemoveUser& remove) {
 }
 
 void View::take(const step::EmptyUser& empty) {
-    empty.remains = forget(users_[empty.user]);
+    empty.remains = forget(userFor(empty.user));
 }
 
 void View::take(const step::Assign& assign) {
@@ -159,11 +164,12 @@ Usage View::fullestScope() const {
     return fullest;
 }
 
-const std::vector<std::int32_t>& View::userIds() const {
-    if (userIds_.size() != users_.size()) {
-        userIds_.clear();
-        userIds_.reserve(users_.size());
-        for (const auto& [id, user] : users_) userIds_.push_back(id);
+const okv::Value& View::userIds() const {
+    if (userIds_.isNil()) {
+        okv::Array ids;
+        ids.reserve(users_.size());
+        for (const auto& [id, user] : users_) ids.emplace_back(id);
+        userIds_ = std::move(ids);
     }
     return userIds_;
 }

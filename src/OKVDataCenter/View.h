@@ -50,8 +50,8 @@ public:
     /// Null for an unknown user.
     const User* user(std::int32_t id) const;
     const std::map<std::int32_t, User>& users() const noexcept { return users_; }
-    /// The users' ids alone, in ascending order.
-    const std::vector<std::int32_t>& userIds() const;
+    /// An array of the users' ids alone, in ascending order.
+    const okv::Value& userIds() const;
     const Settings& everybody() const noexcept { return everybody_; }
     const Stamp* lock(std::string_view key) const;
     const Locks& locks() const noexcept { return locks_; }
@@ -94,14 +94,15 @@ private:
     void take(const step::Processes& whole);
     void take(const step::Reload& reload);
     Settings& settingsOf(Scope scope);
+    User& userFor(std::int32_t id);
     step::Remains forget(User& user);
 
     Settings everybody_;
     std::int64_t everybodyBytes_ = 0;
     std::map<std::int32_t, User> users_;
     // Every read of a client asks for the ids first, and the users themselves lie all over the
-    // memory. Of another size than the users where it must be made anew: there is always a user.
-    mutable std::vector<std::int32_t> userIds_;
+    // memory. Nil where it must be made anew.
+    mutable okv::Value userIds_;
     std::map<std::int64_t, Account> accounts_;
     Locks locks_;
     std::array<okv::Dictionary, kProcessLists> processes_;

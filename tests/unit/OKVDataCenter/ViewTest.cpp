@@ -88,7 +88,7 @@ TEST(View, AnEmptiedUserStaysKnownAndKeepsItsAssignments) {
 }
 
 TEST(View, TellsTheUsersIdsInOrderThroughEveryChangeOfThem) {
-    using Ids = std::vector<std::int32_t>;
+    using Ids = okv::Array;
     View view;
     EXPECT_EQ(view.userIds(), Ids());
     view.apply(step::AddUser{7});
@@ -97,6 +97,8 @@ TEST(View, TellsTheUsersIdsInOrderThroughEveryChangeOfThem) {
     view.apply(step::RemoveUser{7});
     view.apply(step::AddUser{3});
     EXPECT_EQ(view.userIds(), (Ids{1, 3})) << "as many as before, and not the same";
+    view.apply(step::List{2, datacenter::UserList::userSetting, 5, okv::encodeCbor(5)});
+    EXPECT_EQ(view.userIds(), (Ids{1, 2, 3})) << "one that comes with what is stored for it";
     auto other = std::make_shared<View>();
     other->apply(step::AddUser{1});
     other->apply(step::AddUser{2});
