@@ -6,14 +6,13 @@
 #include "Contest.h"
 #include "Memory.h"
 #include "OKVDataAdmin_protocol.h"
+#include "Raw.h"
 
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -134,47 +133,10 @@ void measureMemoryOfClients() {
 
 // ---- Bytes ----
 
-/// As many bytes there and back as a read of such a value takes, and nothing else.
-class RawPeer {
-public:
-    RawPeer(std::size_t request, std::size_t reply) : request_(request, 'r'), reply_(reply, 'a') {
-        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) == 0);
-        server_ = std::make_unique<bench::ServerProcess>([this](const auto& ready) {
-            close(ends_[0]);
-            ready();
-            while (receive(ends_[1], request_)) send(ends_[1], reply_);
-        });
-        close(ends_[1]);
-        bench::pinTo(0, server_->pid());
-    }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-    ~RawPeer() { close(ends_[0]); }
-
-    void call() {
-        send(ends_[0], request_);
-        require(receive(ends_[0], reply_));
-    }
-
-private:
-    static bool receive(int socket, std::string& bytes) {
-        return recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-    static void send(int socket, const std::string& bytes) {
-        require(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(bytes.size()));
-    }
-
-    std::string request_, reply_;
-    int ends_[2];
-    std::unique_ptr<bench::ServerProcess> server_;
-};
-
 void measureValue(okv::RemoteObject& root, std::size_t size) {
     constexpr std::size_t kRequestSize = 60, kFraming = 16;
     set(root, kKey, size);
-    RawPeer raw(kRequestSize, size + kFraming);
+    bench::RawPeer raw({{kRequestSize, size + kFraming}});
     const int calls = size > 10000 ? 200 : 1000;
     const auto results = bench::contest(
         {{"raw", [&] { raw.call(); }}, {"a read of the value", [&] { get(root, kKey); }}},
