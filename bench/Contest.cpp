@@ -28,12 +28,14 @@ struct Round {
 Round play(const Contender& contender, int calls, std::chrono::microseconds pause) {
     std::vector<double> times;
     times.reserve(static_cast<std::size_t>(calls));
+    if (contender.begin) contender.begin();
     for (int i = 0; i < calls; ++i) {
         if (pause.count() > 0) std::this_thread::sleep_for(pause);
         const auto start = Clock::now();
         contender.call();
         times.push_back(std::chrono::duration<double, std::nano>(Clock::now() - start).count());
     }
+    if (contender.end) contender.end();
     return {quantileOf(times, 0.5), quantileOf(times, 0.99)};
 }
 

@@ -15,6 +15,8 @@ namespace bench {
 struct Contender {
     std::string name;
     std::function<void()> call;  ///< one request and its answer
+    /// Around its turn in each round, outside of what is measured; none where not given.
+    std::function<void()> begin = {}, end = {};
 };
 
 struct Result {

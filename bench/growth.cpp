@@ -1,32 +1,36 @@
 // What happens to a call, and to the server, when there is more of everything: clients that are
 // connected, clients that call, values, bytes in a value.
 //
-//     bench_growth
+//     bench_growth [FILE]    prints tables; the calls' figures as JSON into FILE, beside others'
 
-#include "Contest.h"
+#include "Figures.h"
 #include "Memory.h"
 #include "OKVDataAdmin_protocol.h"
+#include "Raw.h"
+#include "peers/Peer.h"
 
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVTesting/RuntimeFolder.h>
 
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 namespace {
 
+using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 using Root = okv::Ref<okv::RemoteObject>;
 
 constexpr char kKey[] = "dc-gui-window_colour";
 constexpr int kManyClients = 1000;
+constexpr int kCallers = 100;
 constexpr int kUsers = 100;
 constexpr int kKeysOfAUser = 10000;
 
@@ -116,11 +120,18 @@ struct Crowd {
     }
 };
 
-void measureIdleClients() {
+json compare(const char* title, const std::vector<bench::Contender>& contenders,
+             const bench::Rounds& rounds) {
+    std::printf("\n%s\n", title);
+    const auto results = bench::contest(contenders, rounds);
+    bench::print(results);
+    return bench::figures(results);
+}
+
+json measureIdleClients() {
     Crowd one(1), hundred(100), thousand(kManyClients);
-    std::puts("\nA read beside idle clients (bar for the ratio: 1.1)");
-    bench::print(
-        bench::contest({one.contender(), hundred.contender(), thousand.contender()}, {31, 1000}));
+    return compare("A read beside idle clients (bar for the ratio: 1.1)",
+                   {one.contender(), hundred.contender(), thousand.contender()}, {31, 1000});
 }
 
 void measureMemoryOfClients() {
@@ -132,49 +143,85 @@ void measureMemoryOfClients() {
                 (ground.memory() - before) / kManyClients);
 }
 
-// ---- Bytes ----
+// ---- Callers ----
 
-/// As many bytes there and back as a read of such a value takes, and nothing else.
-class RawPeer {
+using Connect = std::function<bench::Call()>;
+
+/// Clients that call without a pause while they are let, each a process of its own. Stopped and
+/// continued by signals: what is under way when they are stopped waits for them.
+class Callers {
 public:
-    RawPeer(std::size_t request, std::size_t reply) : request_(request, 'r'), reply_(reply, 'a') {
-        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) == 0);
-        server_ = std::make_unique<bench::ServerProcess>([this](const auto& ready) {
-            close(ends_[0]);
-            ready();
-            while (receive(ends_[1], request_)) send(ends_[1], reply_);
-        });
-        close(ends_[1]);
-        bench::pinTo(0, server_->pid());
+    Callers(int count, const Connect& connect) {
+        for (int i = 0; i < count; ++i) {
+            processes_.push_back(std::make_unique<bench::ServerProcess>([&](const auto& ready) {
+                const auto call = connect();
+                ready();
+                for (raise(SIGSTOP);;) call();
+            }));
+            awaitStop(processes_.back()->pid());
+        }
     }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-    ~RawPeer() { close(ends_[0]); }
-
-    void call() {
-        send(ends_[0], request_);
-        require(receive(ends_[0], reply_));
+    void go() const { signalAll(SIGCONT); }
+    void halt() const {
+        signalAll(SIGSTOP);
+        for (const auto& process : processes_) awaitStop(process->pid());
     }
 
 private:
-    static bool receive(int socket, std::string& bytes) {
-        return recv(socket, bytes.data(), bytes.size(), MSG_WAITALL) ==
-               static_cast<ssize_t>(bytes.size());
+    void signalAll(int signal) const {
+        for (const auto& process : processes_) require(kill(process->pid(), signal) == 0);
     }
-    static void send(int socket, const std::string& bytes) {
-        require(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(bytes.size()));
+    static void awaitStop(int pid) {
+        int status = 0;
+        require(waitpid(pid, &status, WUNTRACED) == pid && WIFSTOPPED(status));
     }
 
-    std::string request_, reply_;
-    int ends_[2];
-    std::unique_ptr<bench::ServerProcess> server_;
+    std::vector<std::unique_ptr<bench::ServerProcess>> processes_;
 };
+
+/// One who measures, beside the others, who call only during its turn.
+class BusyCrowd {
+public:
+    BusyCrowd(std::string name, const Connect& connect)
+        : name_(std::move(name)), others_(kCallers, connect), call_(connect()) {}
+
+    bench::Contender contender() {
+        return {name_, call_, [this] { begin(); }, [this] { others_.halt(); }};
+    }
+
+private:
+    // Until the system's scheduler treats everybody alike: who was just continued waits behind one
+    // who did not stop, and the first calls are up to ten times as fast as those that follow.
+    void begin() {
+        constexpr auto kSettle = std::chrono::milliseconds(500);
+        others_.go();
+        for (const auto until = Clock::now() + kSettle; Clock::now() < until;) call_();
+    }
+
+    const std::string name_;
+    const Callers others_;
+    const bench::Call call_;
+};
+
+json measureBesideCallers() {
+    const okv::testing::RuntimeFolder folder;
+    const auto raw = bench::rawStream(folder.path());
+    const Ground ground;
+    set(*ground.connect(), kKey, bench::kAnswerSize);
+    BusyCrowd rawCrowd("raw, beside 100 raw callers", raw.connect);
+    BusyCrowd readers("a read, beside 100 that read", [&ground]() -> bench::Call {
+        return [root = ground.connect()] { get(*root, kKey); };
+    });
+    return compare("A call while 100 other clients call, everything on one core",
+                   {rawCrowd.contender(), readers.contender()}, {15, 200});
+}
+
+// ---- Bytes ----
 
 void measureValue(okv::RemoteObject& root, std::size_t size) {
     constexpr std::size_t kRequestSize = 60, kFraming = 16;
     set(root, kKey, size);
-    RawPeer raw(kRequestSize, size + kFraming);
+    bench::RawPeer raw({{kRequestSize, size + kFraming}});
     const int calls = size > 10000 ? 200 : 1000;
     const auto results = bench::contest(
         {{"raw", [&] { raw.call(); }}, {"a read of the value", [&] { get(root, kKey); }}},
@@ -230,11 +277,14 @@ void allowManyDescriptors() {
 
 }  // namespace
 
-int main() {
+int main(int count, char** arguments) {
     std::setbuf(stdout, nullptr);
     allowManyDescriptors();
     bench::pinTo(0);
-    measureIdleClients();
+    json calls;
+    calls["beside idle clients"] = measureIdleClients();
+    calls["beside clients that call"] = measureBesideCallers();
+    if (count > 1) bench::addTo(arguments[1], "growth", calls);
     measureMemoryOfClients();
     measureValues();
     measureSettings();

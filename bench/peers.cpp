@@ -3,6 +3,7 @@
 //
 //     bench_peers [FILE]    prints a table; the figures as JSON into FILE
 
+#include "Figures.h"
 #include "Throughput.h"
 #include "peers/Peer.h"
 
@@ -58,22 +59,12 @@ void pinServers(const Everyone& everyone, int core) {
 
 // ---- Latency ----
 
-json figures(const std::vector<bench::Result>& results) {
-    json rows = json::array();
-    for (const auto& result : results)
-        rows.push_back({{"name", result.name},
-                        {"median_ns", result.medianNs},
-                        {"p99_ns", result.p99Ns},
-                        {"ratio", result.ratio}});
-    return rows;
-}
-
 json latency(const char* title, const std::vector<bench::Contender>& contenders,
              const bench::Rounds& rounds) {
     std::printf("\n%s\n", title);
     const auto results = bench::contest(contenders, rounds);
     bench::print(results);
-    return figures(results);
+    return bench::figures(results);
 }
 
 json latencies(const Everyone& everyone) {

@@ -4,6 +4,7 @@
 
 #include "Contest.h"
 #include "OKVDataAdmin_protocol.h"
+#include "Raw.h"
 
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/Connection.h>
@@ -11,12 +12,8 @@
 #include <OKVPlatform/values/Cbor.h>
 #include <OKVTesting/RuntimeFolder.h>
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace {
 
@@ -25,53 +22,6 @@ constexpr std::size_t kAnswerSize = 32;
 constexpr std::size_t kListRequestSize = 27;
 constexpr std::size_t kReadRequestSize = 60;
 constexpr std::size_t kReadReplySize = 43;
-
-bool receiveAll(int socket, std::string& buffer, std::size_t size) {
-    return recv(socket, buffer.data(), size, MSG_WAITALL) == static_cast<ssize_t>(size);
-}
-
-bool sendAll(int socket, const std::string& buffer, std::size_t size) {
-    return send(socket, buffer.data(), size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
-}
-
-void answerBoth(int socket, std::size_t listSize) {
-    std::string buffer(listSize + kReadRequestSize, 'l');
-    while (receiveAll(socket, buffer, kListRequestSize) && sendAll(socket, buffer, listSize) &&
-           receiveAll(socket, buffer, kReadRequestSize) &&
-           sendAll(socket, buffer, kReadReplySize)) {
-    }
-}
-
-class RawPeer {
-public:
-    explicit RawPeer(std::size_t listSize)
-        : listSize_(listSize), buffer_(listSize + kReadRequestSize, 'r') {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) std::abort();
-        server_ = std::make_unique<bench::ServerProcess>([&](const auto& ready) {
-            close(ends_[0]);
-            ready();
-            answerBoth(ends_[1], listSize);
-        });
-        close(ends_[1]);
-    }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-    ~RawPeer() { close(ends_[0]); }
-
-    void call() {
-        if (!sendAll(ends_[0], buffer_, kListRequestSize) ||
-            !receiveAll(ends_[0], buffer_, listSize_) ||
-            !sendAll(ends_[0], buffer_, kReadRequestSize) ||
-            !receiveAll(ends_[0], buffer_, kReadReplySize))
-            std::abort();
-    }
-
-private:
-    const std::size_t listSize_;
-    std::string buffer_;
-    int ends_[2];
-    std::unique_ptr<bench::ServerProcess> server_;
-};
 
 okv::Array userIds(int count) {
     okv::Array ids;
@@ -96,7 +46,8 @@ void importUsers(okvDataManager& manager, int count) {
 bench::Result measure(okvDataManager& manager, int count) {
     importUsers(manager, count);
     const auto list = okv::encodeCbor(userIds(count));
-    RawPeer raw(list.size() + okv::kFrameHeaderSize);
+    bench::RawPeer raw({{kListRequestSize, list.size() + okv::kFrameHeaderSize},
+                        {kReadRequestSize, kReadReplySize}});
     const auto results = bench::contest(
         {
             {"raw, the same bytes in two round trips", [&] { raw.call(); }},

@@ -45,7 +45,10 @@ function(okv_add_test name)
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+    # The list of a program's tests is asked for with the tests' own patience: where it takes longer than the five seconds
+    # that are the default, ctest ends without running anything of the whole folder.
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT ${arg_TIMEOUT} NO_PRETTY_VALUES
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
 
 # okv_add_fuzz(name SOURCES a.cpp LIBRARIES okv::Platform): a libFuzzer target over tests/corpus/<name>. Built by clang

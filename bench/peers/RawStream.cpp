@@ -1,7 +1,6 @@
 #include "Peer.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
+#include "Raw.h"
 
 #include <cstdlib>
 
@@ -9,24 +8,12 @@ namespace bench {
 
 namespace {
 
-void moveAll(int socket) {
-    char buffer[256] = {};
-    while (recv(socket, buffer, kRequestSize, MSG_WAITALL) == kRequestSize &&
-           send(socket, buffer, kReplySize, MSG_NOSIGNAL) == kReplySize) {
-    }
-    close(socket);
-}
+const std::vector<Exchange> kCall{{kRequestSize, kReplySize}};
 
 Call connectRaw(const std::string& path) {
     const int connected = connectTo(path);
     if (connected < 0) std::abort();
-    const std::shared_ptr<void> closer(nullptr, [connected](void*) { close(connected); });
-    return [connected, closer] {
-        char buffer[256] = {};
-        if (send(connected, buffer, kRequestSize, MSG_NOSIGNAL) != kRequestSize ||
-            recv(connected, buffer, kReplySize, MSG_WAITALL) != kReplySize)
-            std::abort();
-    };
+    return [end = std::make_shared<RawEnd>(connected, kCall)] { end->call(); };
 }
 
 }  // namespace
@@ -36,7 +23,7 @@ Peer rawStream(const std::string& folder) {
     auto server = std::make_shared<ServerProcess>([&](const auto& ready) {
         const int listener = listenAt(path);
         ready();
-        serveEach(listener, moveAll);
+        serveEach(listener, [](int socket) { RawEnd(socket, kCall).answerAll(); });
     });
     return {"raw blocking Unix stream", {server}, [path] { return connectRaw(path); }, {}};
 }

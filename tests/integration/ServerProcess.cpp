@@ -36,6 +36,7 @@ void handOver(const ServerProcess::HandOver& given) {
 [[noreturn]] void execute(const std::vector<std::string>& arguments, int output, int outputIs,
                           const ServerProcess::HandOver& given) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setpgid(0, 0);  // an interrupt at the terminal is for who started it, who then ends it
     dup2(output, outputIs);
     handOver(given);
     std::vector<char*> pointers;

@@ -117,7 +117,7 @@ bool Director::waitUntil(double at) {
     return interrupted == 0;
 }
 
-bool Director::run() {
+Verdict Director::run() {
     std::signal(SIGINT, interrupt);
     std::signal(SIGTERM, interrupt);
     startServer();
@@ -132,7 +132,7 @@ bool Director::run() {
         if (elapsed() >= nextReport) report(), nextReport += std::min(60.0, schedule_.settle);
         if (elapsed() >= nextRestart) restart(), nextRestart += schedule_.restartEvery;
     }
-    if (interrupted != 0) complain("interrupted");
+    if (interrupted != 0) unjudged_.emplace_back("what was still to come: interrupted");
     return judge();
 }
 
@@ -166,7 +166,7 @@ void Director::loseAWrite() {
     faults::set(*faults::connect(), written->key, okv::Null());
 }
 
-bool Director::judge() {
+Verdict Director::judge() {
     board_.stop = true;
     processes_.endAll();
     collectFailures();
@@ -176,27 +176,27 @@ bool Director::judge() {
     verifyAll("at the end");
     restart();
     verifyAll("after a last restart");
-    const bool grew = !judgeGrowth(), failed = !judgeFailures();
-    if (grew) complain("something grew");
+    judgeGrowth();
+    const bool failed = !judgeFailures();
     complaints_.insert(complaints_.end(), processes_.complaints().begin(),
                        processes_.complaints().end());
+    for (const auto& what : unjudged_) std::printf("  NOT JUDGED   %s\n", what.c_str());
     for (const auto& complaint : complaints_) std::printf("  BROKEN   %s\n", complaint.c_str());
-    const bool kept = complaints_.empty() && !failed;
-    std::printf("soak: %s\n", kept ? "kept" : "BROKEN");
-    return kept;
+    const auto verdict = verdictOf(!complaints_.empty() || failed, unjudged_);
+    std::printf("soak: %s\n", textOf(verdict));
+    return verdict;
 }
 
-bool Director::judgeGrowth() const {
-    auto findings = judgeLives(lives_, tolerance(kClientsMoreOrLess));
-    const auto add = [&](const Series& series, std::int64_t descriptors) {
-        const auto more = judgeLasting(series, schedule_, tolerance(descriptors));
-        findings.insert(findings.end(), more.begin(), more.end());
-    };
-    for (const auto& series : processes_.lasting()) add(series, Tolerance().descriptors);
-    add(files_, 0);
-    print(findings);
-    return std::none_of(findings.begin(), findings.end(),
-                        [](const Finding& finding) { return finding.isBreach(); });
+void Director::judgeGrowth() {
+    if (schedule_.settle < kShortestSettling)
+        return unjudged_.emplace_back("any growth: the run is too short"), void();
+    auto judgement = judgeLives(lives_, tolerance(kClientsMoreOrLess));
+    for (const auto& series : processes_.lasting())
+        judgement.add(judgeLasting(series, schedule_, tolerance(Tolerance().descriptors)));
+    judgement.add(judgeLasting(files_, schedule_, tolerance(0)));
+    print(judgement.findings);
+    if (judgement.hasBreach()) complain("something grew");
+    for (const auto& name : judgement.unjudged) unjudged_.push_back(name + ": too few samples");
 }
 
 bool Director::judgeFailures() {

@@ -11,8 +11,8 @@ class Director {
 public:
     Director(const Schedule& schedule, Fault fault);
 
-    /// Prints what happens and what it comes to; answers whether everything was kept.
-    bool run();
+    /// Prints what happens and what it comes to.
+    Verdict run();
 
 private:
     void fillChanges();
@@ -22,8 +22,8 @@ private:
     void sample();
     void collectFailures();
     void report() const;
-    bool judge();
-    bool judgeGrowth() const;
+    Verdict judge();
+    void judgeGrowth();
     bool judgeFailures();
     void verifyAll(const char* when);
     void verifyNobodyIsLeft();
@@ -45,7 +45,7 @@ private:
         Failure failure;
     };
     std::vector<Told> failures_;
-    std::vector<std::string> complaints_;
+    std::vector<std::string> complaints_, unjudged_;
     std::int64_t idleDescriptors_ = 0;
 };
 

@@ -20,6 +20,15 @@ constexpr long kStepsOfPassing = 20;
 constexpr double kGetsOnWithin = 20.0 * faults::kSlowness;
 constexpr double kEndsWithin = 20.0 * faults::kSlowness;
 
+// A group of its own: who interrupts the soak does not interrupt the clients' calls, whose failing
+// would be a finding.
+pid_t startClient(const std::function<void()>& work) {
+    return support::startChild([&] {
+        setpgid(0, 0);
+        work();
+    });
+}
+
 }  // namespace
 
 Processes::Processes(Board& board, Fault fault) : board_(board), fault_(fault) {
@@ -39,7 +48,7 @@ void Processes::startLasting() {
     for (const auto& kind : lastingClients()) {
         auto& slot = board_.add(kind.name, kind.place, kind.registers);
         const auto fault = slot.name() == std::string("reader1") ? fault_ : Fault::none;
-        const auto pid = support::startChild([&] { kind.make(board_, slot, fault)->run(); });
+        const auto pid = startClient([&] { kind.make(board_, slot, fault)->run(); });
         lasting_.push_back({pid, &slot});
         series_.push_back({kind.name, {}});
     }
@@ -50,7 +59,7 @@ void Processes::startPassing(Slot& slot) {
     const auto number = static_cast<std::size_t>(passed_++);
     const bool isToBeKilled = random_() % 2 == 0;
     slot.begin(slot.name(), slot.firstRegister(), slot.registerCount());
-    const auto pid = support::startChild(
+    const auto pid = startClient(
         [&] { passingClient(board_, slot, number)->run(isToBeKilled ? -1 : kStepsOfPassing); });
     passing_.push_back(
         {pid, &slot, isToBeKilled ? now() + static_cast<double>(random_() % 1500) / 1000 : 0});

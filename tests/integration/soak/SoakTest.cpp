@@ -44,6 +44,25 @@ TEST(Soak, FindsAnAcknowledgedWriteThatIsGone) {
     expectFound("lost-write", ": 0 is not in");
 }
 
+TEST(Soak, SaysThatItCouldNotJudgeARunThatIsTooShort) {
+    const auto ran = soakFor("3");
+    EXPECT_EQ(ran.code, 3) << ran.output;
+    EXPECT_NE(ran.output.find("the run is too short"), std::string::npos) << ran.output;
+    EXPECT_NE(ran.output.find("soak: NOT JUDGED"), std::string::npos) << ran.output;
+}
+
+TEST(Soak, SaysThatItCouldNotJudgeARunThatWasInterrupted) {
+    const auto ran = faults::runProgram("timeout --preserve-status 4 " OKV_SOAK " 3600");
+    EXPECT_EQ(ran.code, 3) << ran.output;
+    EXPECT_NE(ran.output.find("interrupted"), std::string::npos) << ran.output;
+    EXPECT_NE(ran.output.find("the server: too few samples"), std::string::npos) << ran.output;
+}
+
+TEST(Soak, FindsWhatBrokeInARunThatIsTooShortToo) {
+    const auto ran = soakFor("3 error");
+    EXPECT_EQ(ran.code, 1) << ran.output;
+}
+
 TEST(Soak, TellsHowItIsUsed) {
     for (const auto* arguments : {"", "0", "5 nonsense", "5 error more"})
         EXPECT_EQ(soakFor(arguments).code, 2) << arguments;

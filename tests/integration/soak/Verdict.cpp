@@ -7,7 +7,6 @@ namespace soak {
 namespace {
 
 constexpr double kLongest = 300;
-constexpr std::size_t kFewest = 4;
 
 using Samples = std::vector<Sample>;
 
@@ -41,7 +40,6 @@ double maximumOf(const Samples& samples, std::int64_t Sample::*measure) {
 
 void compare(const std::string& name, const Samples& before, const Samples& after,
              const Tolerance& tolerance, std::vector<Finding>& findings) {
-    if (before.empty() || after.empty()) return;
     const auto counted = [&](const char* what, std::int64_t Sample::*measure, std::int64_t more) {
         const auto most = maximumOf(before, measure);
         if (most == 0 && maximumOf(after, measure) == 0) return;
@@ -64,28 +62,42 @@ Schedule Schedule::of(double total) {
     return {total, part, part, part / 30};
 }
 
-std::vector<Finding> judgeLasting(const Series& series, const Schedule& schedule,
-                                  const Tolerance& tolerance) {
-    std::vector<Finding> findings;
-    compare(series.name, between(series.samples, schedule.settle, 2 * schedule.settle),
-            between(series.samples, schedule.total / 2, schedule.total + kLongest), tolerance,
-            findings);
-    return findings;
+bool Judgement::hasBreach() const {
+    return std::any_of(findings.begin(), findings.end(),
+                       [](const Finding& finding) { return finding.isBreach(); });
 }
 
-std::vector<Finding> judgeLives(const std::vector<Series>& lives, const Tolerance& tolerance) {
-    std::vector<Finding> findings;
-    for (std::size_t i = 0; i < lives.size(); ++i) {
+void Judgement::add(Judgement other) {
+    std::move(other.findings.begin(), other.findings.end(), std::back_inserter(findings));
+    std::move(other.unjudged.begin(), other.unjudged.end(), std::back_inserter(unjudged));
+}
+
+Judgement judgeLasting(const Series& series, const Schedule& schedule, const Tolerance& tolerance) {
+    const auto before = between(series.samples, schedule.settle, 2 * schedule.settle);
+    const auto after = between(series.samples, schedule.total / 2, schedule.total + kLongest);
+    if (before.size() < kFewestSamples || after.size() < kFewestSamples) return {{}, {series.name}};
+    Judgement judgement;
+    compare(series.name, before, after, tolerance, judgement.findings);
+    return judgement;
+}
+
+Judgement judgeLives(const std::vector<Series>& lives, const Tolerance& tolerance) {
+    Judgement judgement;
+    bool isJudged = false;
+    const auto hasFew = [&](std::size_t i) { return lives[i].samples.size() < kFewestSamples; };
+    for (std::size_t i = 1; i < lives.size(); ++i) {
         const auto& life = lives[i].samples;
-        if (i == 0 || life.size() < kFewest) continue;
+        if (hasFew(i)) continue;
         if (life.back().at - life.front().at >= kShortLife)
             compare(lives[i].name + " by itself", stretch(life, 0.25, 0.5), stretch(life, 0.75, 1),
-                    tolerance, findings);
-        if (i == 1 || lives[1].samples.size() < kFewest) continue;
+                    tolerance, judgement.findings);
+        if (i == 1 || hasFew(1)) continue;
+        isJudged = true;
         compare(lives[i].name + " beside " + lives[1].name, stretch(lives[1].samples, 0.5, 1),
-                stretch(life, 0.5, 1), tolerance, findings);
+                stretch(life, 0.5, 1), tolerance, judgement.findings);
     }
-    return findings;
+    if (!isJudged) judgement.unjudged.emplace_back("the server");
+    return judgement;
 }
 
 bool isConsequence(const Failure& failure, const std::vector<Outage>& outages) {
@@ -94,6 +106,16 @@ bool isConsequence(const Failure& failure, const std::vector<Outage>& outages) {
         return failure.begun <= outage.ready && failure.ended >= outage.signalled &&
                failure.ended <= outage.ready + kGiveUpWithin;
     });
+}
+
+Verdict verdictOf(bool isBroken, const std::vector<std::string>& unjudged) {
+    if (isBroken) return Verdict::broken;
+    return unjudged.empty() ? Verdict::kept : Verdict::notJudged;
+}
+
+const char* textOf(Verdict verdict) {
+    if (verdict == Verdict::kept) return "kept";
+    return verdict == Verdict::broken ? "BROKEN" : "NOT JUDGED";
 }
 
 }  // namespace soak

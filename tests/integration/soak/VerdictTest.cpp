@@ -29,9 +29,9 @@ Series steady(double from, double to, std::int64_t bytes) {
     return seriesOf(from, to, [=](double) { return Sample{0, bytes, 9, 1}; });
 }
 
-std::vector<std::string> breachesOf(const std::vector<Finding>& findings) {
+std::vector<std::string> breachesOf(const Judgement& judgement) {
     std::vector<std::string> breaches;
-    for (const auto& finding : findings) {
+    for (const auto& finding : judgement.findings) {
         if (finding.isBreach()) breaches.push_back(finding.name + " " + finding.measure);
     }
     return breaches;
@@ -121,7 +121,39 @@ TEST(SoakVerdict, DoesNotJudgeAShortLifeByItself) {
         steady(0, 50, kMegabyte), seriesOf(50, 100, [](double at) {
             return Sample{0, static_cast<std::int64_t>(at) * kMegabyte, 9, 1};
         })};
-    EXPECT_TRUE(judgeLives(lives, Tolerance()).empty());
+    EXPECT_TRUE(judgeLives(lives, Tolerance()).findings.empty());
+}
+
+TEST(SoakVerdict, DoesNotTakeWhatHasTooFewSamplesForJudged) {
+    const auto hour = Schedule::of(3600);
+    const auto unjudged = [&](double from, double to) {
+        return judgeLasting(steady(from, to, kMegabyte), hour, Tolerance()).unjudged;
+    };
+    EXPECT_EQ(unjudged(0, 3600), Names());
+    EXPECT_EQ(unjudged(560, 1840), Names()) << "four samples in each stretch";
+    EXPECT_EQ(unjudged(570, 1840), Names{"it"});
+    EXPECT_EQ(unjudged(560, 1830), Names{"it"});
+    EXPECT_EQ(unjudged(0, 250), Names{"it"}) << "ended while it settled";
+    EXPECT_EQ(unjudged(0, 0), Names{"it"});
+}
+
+TEST(SoakVerdict, DoesNotTakeAServerForJudgedOfWhichNoTwoLivesCouldBeCompared) {
+    const auto unjudged = [](const std::vector<Series>& lives) {
+        return judgeLives(lives, Tolerance()).unjudged;
+    };
+    const auto life = steady(0, 300, kMegabyte), few = steady(0, 30, kMegabyte);
+    EXPECT_EQ(unjudged({life, life, life}), Names());
+    EXPECT_EQ(unjudged({few, life, few, life, few}), Names());
+    for (const auto& lives : std::vector<std::vector<Series>>{
+             {}, {life}, {life, life}, {life, few, life}, {life, life, few}})
+        EXPECT_EQ(unjudged(lives), Names{"the server"});
+}
+
+TEST(SoakVerdict, IsKeptOnlyWhereAllWasJudgedAndNothingBroke) {
+    EXPECT_EQ(verdictOf(false, {}), Verdict::kept);
+    EXPECT_EQ(verdictOf(false, {"it"}), Verdict::notJudged);
+    EXPECT_EQ(verdictOf(true, {}), Verdict::broken);
+    EXPECT_EQ(verdictOf(true, {"it"}), Verdict::broken);
 }
 
 TEST(SoakVerdict, ExcusesAFailureOnlyByAnOutageThatTheCallWasUnderWayIn) {

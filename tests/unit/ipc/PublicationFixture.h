@@ -2,6 +2,8 @@
 
 #include "RawClient.h"
 
+#include "support/Patience.h"
+
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/Publication.h>
 
@@ -63,9 +65,9 @@ private:
 };
 
 inline bool serveUntil(const std::function<bool()>& done) {
-    const auto deadline = RunLoop::Clock::now() + std::chrono::seconds(10);
+    support::Patience patience(std::chrono::seconds(10));
     while (!done()) {
-        if (RunLoop::Clock::now() >= deadline) return false;
+        if (!patience.isLeft()) return false;
         RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(1));
     }
     return true;

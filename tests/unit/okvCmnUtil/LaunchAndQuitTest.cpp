@@ -128,7 +128,10 @@ TEST(QuitProcess, AProcessThatIgnoresTheSignalIsLeftAlone) {
     const auto path = processtest::sleeperPath();
     const Child child(path, {{path, "--ignore-term"}});
     EXPECT_TRUE(okvCmnUtil::quitProcesss(child.pid()));
-    EXPECT_TRUE(isRunning(child.pid()));
+    kill(child.pid(), SIGUSR1);  // a kill that was under way would come first
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT);
+    EXPECT_EQ(info.si_status, SIGUSR1);
 }
 
 TEST(QuitProcess, AProcessThatDoesNotExistAnswersNo) {

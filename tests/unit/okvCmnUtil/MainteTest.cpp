@@ -1,4 +1,6 @@
+#include "PrivateRoot.h"
 #include "support/Files.h"
+#include "support/Processes.h"
 
 #include <OKVDataManager/MainteFile.h>
 #include <OKVDataManager/okvCmnUtil.h>
@@ -91,6 +93,23 @@ TEST_F(Mainte, AnEditTakesEffectAtTheNextCall) {
     EXPECT_EQ(okvCmnUtil::logLevel(), 30);
     writeEntries("<key>logLevel</key><integer>5</integer>");
     EXPECT_EQ(okvCmnUtil::logLevel(), 5);
+}
+
+TEST_F(Mainte, StandsInTheInstallationRootWhereNobodySaysOtherwise) {
+    const auto child = support::startChild([] {
+        okv::testing::setMainteFile("");
+        if (!privateroot::enter()) _exit(77);
+        if (okvCmnUtil::loadMainteInfo()) _exit(2);
+        const std::string folder = "/Library/Application Support/NRM/okv6/";
+        std::filesystem::create_directories(folder);
+        support::write(folder + "jp.nrm.okv6.mainte.plist",
+                       R"(<plist><dict><key>logLevel</key><integer>33</integer></dict></plist>)");
+        _exit(okvCmnUtil::logLevel() == 33 ? 0 : 1);
+    });
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no right to make a mount namespace";
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Mainte, TheWholeFileComesBackAsADictionary) {

@@ -245,6 +245,15 @@ TEST(ProcessInfoBSD, TheFirstOfSeveralRecordsCountsAndAnEmptyListHasNone) {
     EXPECT_FALSE(okvCmnUtilSeams::processInfoBSD({}, 4));
 }
 
+TEST(ProcessInfoBSD, TheRecordIsTheCallersOwnAndNotTheLists) {
+    const Array list{Dictionary{{"pid", 4}, {"CFBundleName", "tool"}}};
+    auto record = okvCmnUtilSeams::processInfoBSD(list, 4);
+    ASSERT_TRUE(record);
+    EXPECT_NE(&*record, &list.front().as<Dictionary>());
+    record->set("CFBundleName", "changed");
+    EXPECT_EQ(list.front(), Value(Dictionary{{"pid", 4}, {"CFBundleName", "tool"}}));
+}
+
 TEST(GetPathName, AnswersNullForEveryProcess) {
     for (const int pid : {getpid(), 1, 0, -1}) EXPECT_EQ(getPathName(pid), nullptr);
 }
@@ -295,6 +304,15 @@ TEST(GetPathName, AnswersNullForAFailureNoLengthOrNoText) {
 
 TEST(ThisProcess, KnowsItsIdAndItsName) {
     EXPECT_EQ(okvCmnUtil::processID(), getpid());
+    EXPECT_EQ(okvCmnUtil::processName(), "okvcmnutil_process_test");
+}
+
+TEST(ThisProcess, HandsOutItsNameAsANewTextEachTime) {
+    auto first = okvCmnUtil::processName();
+    const auto second = okvCmnUtil::processName();
+    EXPECT_NE(static_cast<const void*>(first.data()), static_cast<const void*>(second.data()));
+    first.assign("changed");
+    EXPECT_EQ(second, "okvcmnutil_process_test");
     EXPECT_EQ(okvCmnUtil::processName(), "okvcmnutil_process_test");
 }
 

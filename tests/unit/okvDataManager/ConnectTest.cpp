@@ -1,5 +1,6 @@
 #include "Support.h"
 
+#include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/ConnectionError.h>
 
 #include <chrono>
@@ -148,6 +149,20 @@ TEST_F(ConnectTest, AnUnconnectedInstanceIsReleasedWithoutTheDisconnectLine) {
     lines_.take();
     manager = nullptr;
     EXPECT_THAT(lines_.take(), IsEmpty());
+}
+
+TEST_F(ConnectTest, ASecondConnectionThatSomebodySetIsReleasedWithTheInstance) {
+    const auto second = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
+    ASSERT_TRUE(second);
+    const auto before = second->retainCount();
+    auto manager = okv::Ref<okvDataManager>::adopting(initialised());
+    Inspector::setSecondConnection(*manager, second);
+    EXPECT_EQ(second->retainCount(), before + 1);
+    manager->disConnectSrv();
+    EXPECT_TRUE(Inspector::hasSecondConnection(*manager)) << "only the first is let go";
+    manager = nullptr;
+    EXPECT_EQ(second->retainCount(), before);
+    EXPECT_TRUE(second->isValid());
 }
 
 TEST_F(RootlessTest, ANilRootProxyMakesConnectAnswerNoWithTheConnectionStillHeld) {

@@ -217,6 +217,30 @@ TEST_F(SharedTest, WhatTheServerDisconnectedIsKeptUnconnectedAndSaysSoAtEachCall
     EXPECT_EQ(server().acceptedConnections(), 1U);
 }
 
+TEST_F(SharedTest, TheThreadThatHoldsTheMonitorMayEnterItAgain) {
+    const auto manager = shared();
+    ASSERT_TRUE(manager);
+    manager->disConnectSrv();
+    lines_.take();
+    okv::Ref<okvDataManager> nested;
+    bool isNested = false;
+    lines_.watch([&](std::string_view line) {
+        if (line != kReconnectLine || std::exchange(isNested, true)) return;
+        nested = shared();
+        EXPECT_EQ(okvDataManager::sharedDataManagerInit(nullptr), nested);
+    });
+    EXPECT_EQ(shared(), manager);
+    EXPECT_EQ(nested, manager);
+    EXPECT_THAT(lines_.take(), ElementsAre(kReconnectLine, kReconnectLine, kReconnectLine));
+}
+
+TEST_F(SharedTest, ARegistrationThatWasRefusedAnswersNullAndTheNextCallTriesAgain) {
+    server().refuseRegistration();
+    EXPECT_EQ(shared(), nullptr);
+    server().answer("registerAsClient:", true);
+    EXPECT_TRUE(shared());
+}
+
 TEST_F(SharedTest, OnlyADirectConnectLeavesTheDisconnectedState) {
     server().answer("currentUserIdPT", 5);
     const auto manager = shared();

@@ -130,9 +130,10 @@ std::set<okvDataManager*> instancesOfTenRacers() {
     const auto start = go.get_future().share();
     std::vector<std::future<okv::Ref<okvDataManager>>> racers;
     for (int i = 0; i < 10; ++i) {
-        racers.push_back(std::async(std::launch::async, [start] {
+        racers.push_back(std::async(std::launch::async, [start, i] {
             start.wait();
-            return okvDataManager::sharedDataManager();
+            return i % 2 == 0 ? okvDataManager::sharedDataManager()
+                              : okvDataManager::sharedDataManagerInit(nullptr);
         }));
     }
     go.set_value();

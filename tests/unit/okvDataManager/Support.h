@@ -33,6 +33,9 @@ struct okvDataManagerInspector {
     static bool hasSecondConnection(const okvDataManager& manager) {
         return static_cast<bool>(manager._connectOKVService);
     }
+    static void setSecondConnection(okvDataManager& manager, okv::Ref<okv::Connection> connection) {
+        manager._connectOKVService = std::move(connection);
+    }
 };
 
 namespace okv {
@@ -130,7 +133,7 @@ protected:
     okv::Ref<okvDataManager> manager_;
 };
 
-/// What ten threads get that call for the shared instance at the same moment.
+/// What ten threads get that call for the shared instance at the same moment, by either operation.
 std::set<okvDataManager*> instancesOfTenRacers();
 
 /// What reading for the session user asks first.
