@@ -1,5 +1,7 @@
 #include "View.h"
 
+#include <OKVPlatform/values/Cbor.h>
+
 #include <gtest/gtest.h>
 
 using datacenter::View;

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <thread>
 
 // A kernel that has no memory, or no watches, left for one more descriptor. This program's own
 // epoll_ctl stands before the system's and refuses when it is told to.
@@ -112,6 +113,7 @@ TEST_F(PublicationTest, ANameWhoseSocketCannotBeWatchedIsNotPublished) {
 
 TEST_F(PublicationTest, AConnectionThatCannotBeWatchedIsNoneAndTheReasonIsTold) {
     publish();
+    RunLoop::current()->dispatch();  // a loop that is run
     std::string why;
     {
         const Refusing none(EPOLL_CTL_ADD);
@@ -119,6 +121,19 @@ TEST_F(PublicationTest, AConnectionThatCannotBeWatchedIsNoneAndTheReasonIsTold) 
     }
     EXPECT_EQ(why, "the system has no room to watch one more connection");
     EXPECT_TRUE(Connection::connectionWithRegisteredName(kName, std::nullopt, &why));
+}
+
+TEST_F(PublicationTest, AConnectionIsWatchedFromTheFirstRunOfItsLoopOnAndEndsWhereItCannotBe) {
+    publish();
+    std::thread([] {  // whose loop nobody has run
+        const Refusing none(EPOLL_CTL_ADD);
+        const auto connection = Connection::connectionWithRegisteredName(kName);
+        ASSERT_TRUE(connection);
+        EXPECT_TRUE(connection->isValid());
+        RunLoop::current()->dispatch();
+        EXPECT_FALSE(connection->isValid());
+    })
+        .join();
 }
 
 }  // namespace ipctest
