@@ -58,8 +58,9 @@ void tellFiles() {
 
 // ---- Memory ----
 
+// Beside another client: the suite is many processes, and what they share is nobody's own.
 void tellMemory(const char* what, const Words& command) {
-    const bench::ServerProcess client(command);
+    const bench::ServerProcess other(command), client(command);
     std::printf("%-44s %8.0f\n", what, bench::privateBytes(client.pid()) / 1024);
 }
 

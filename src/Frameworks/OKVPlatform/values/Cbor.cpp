@@ -222,7 +222,13 @@ Array CborReader::array(std::uint64_t count, std::size_t depth) {
     checkCount(count, 1);
     Array array;
     array.reserve(std::min<std::size_t>(count, kReserveAtMost));
-    for (std::uint64_t i = 0; i < count; ++i) array.push_back(nested(depth));
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const auto head = next();
+        if (head.major <= Major::negative)
+            array.emplace_back(integer(head));  // in its place: long lists are of numbers
+        else
+            array.push_back(valueOf(head, depth));
+    }
     return array;
 }
 
