@@ -62,9 +62,10 @@ std::string Speaker::carryOut(okv::IncomingRequest& request, Method method) cons
                           : DataRows::carryOut(data, request, method.row);
 }
 
-void Speaker::carryOut(okv::IncomingRequest& request, Method method, std::string& frame) const {
-    method.isAdmin ? AdminRows::carryOut(admin, request, method.row, frame)
-                   : DataRows::carryOut(data, request, method.row, frame);
+std::string_view Speaker::carryOut(okv::IncomingRequest& request, Method method,
+                                   std::string& frame) const {
+    return method.isAdmin ? AdminRows::carryOut(admin, request, method.row, frame)
+                          : DataRows::carryOut(data, request, method.row, frame);
 }
 
 std::string refusalReply(Method method, const okv::Refusal& refusal) {

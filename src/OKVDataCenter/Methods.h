@@ -37,8 +37,9 @@ struct Speaker {
 
     /// Calls the method and gives the frame to be sent back.
     std::string carryOut(okv::IncomingRequest& request, Method method) const;
-    /// The same in the place of what `frame` held.
-    void carryOut(okv::IncomingRequest& request, Method method, std::string& frame) const;
+    /// The same in the place of what `frame` held; answers what it ends with and does not hold.
+    std::string_view carryOut(okv::IncomingRequest& request, Method method,
+                              std::string& frame) const;
 };
 
 /// The reply of a method that is refused: the zero value of its result, and why.

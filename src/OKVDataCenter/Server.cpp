@@ -131,8 +131,8 @@ void Server::handle(okv::IncomingRequest& request) {
 void Server::answerHere(okv::IncomingRequest& request, Method method) {
     const Speaker speaker{data_, admin_};
     if (std::exchange(isAnswering_, true)) return request.answer(speaker.carryOut(request, method));
-    speaker.carryOut(request, method, answer_);
-    request.answerFrom(answer_);
+    const auto rest = speaker.carryOut(request, method, answer_);
+    request.answerFrom(answer_, rest);
     if (answer_.capacity() > kKeptAnswer) answer_ = std::string();
     isAnswering_ = false;
 }

@@ -33,8 +33,8 @@ std::size_t beginFrame(std::string& out, FrameKind kind) {
     return start;
 }
 
-void finishFrame(std::string& out, std::size_t start, std::uint32_t serial) {
-    const auto payload = out.size() - start - kFrameHeaderSize;
+void finishFrame(std::string& out, std::size_t start, std::uint32_t serial, std::size_t left) {
+    const auto payload = out.size() - start - kFrameHeaderSize + left;
     if (payload > kMaxFramePayload)
         throw std::length_error("okv: a message larger than 16 MiB cannot be sent");
     putNumber(&out[start], static_cast<std::uint32_t>(payload));

@@ -44,7 +44,9 @@ public:
 OKV_EXPORT std::size_t beginFrame(std::string& out, FrameKind kind);
 /// Completes the frame that began at `start` with its length and serial number. Throws
 /// std::length_error when the payload is larger than a frame may be.
-OKV_EXPORT void finishFrame(std::string& out, std::size_t start, std::uint32_t serial);
+/// `left`: bytes of the payload that follow and are not in `out`.
+OKV_EXPORT void finishFrame(std::string& out, std::size_t start, std::uint32_t serial,
+                            std::size_t left = 0);
 /// Numbers a finished frame anew.
 OKV_EXPORT void setFrameSerial(std::string& frame, std::uint32_t serial);
 

@@ -36,6 +36,10 @@ public:
 
 }  // namespace
 
+void MessagePort::sendAnswerFrom(std::string& frame, std::string_view rest) {
+    sendAnswer(std::move(frame.append(rest)));
+}
+
 std::string MessagePort::call(std::string& frame) {
     Copy copy;
     callAndRead(frame, copy);
@@ -73,10 +77,10 @@ void IncomingRequest::answer(std::string frame) {
     answerFrom(frame);
 }
 
-void IncomingRequest::answerFrom(std::string& frame) {
+void IncomingRequest::answerFrom(std::string& frame, std::string_view rest) {
     answered_ = true;
     setFrameSerial(frame, serial_);
-    port_->sendAnswerFrom(frame);
+    port_->sendAnswerFrom(frame, rest);
 }
 
 void IncomingRequest::fail(std::string_view why) {

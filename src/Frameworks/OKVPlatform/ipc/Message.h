@@ -58,9 +58,10 @@ public:
     virtual void post(std::string frame) = 0;
     /// Sends a frame that answers a request; safe from any thread; a dead peer's is dropped.
     virtual void sendAnswer(std::string frame) = 0;
-    /// The same; the frame is the caller's again afterwards, to make the next one in its memory,
-    /// and holds nothing to rely on.
-    virtual void sendAnswerFrom(std::string& frame) { sendAnswer(std::move(frame)); }
+    /// The same for a frame that ends with bytes which lie elsewhere, or with none. The frame is
+    /// the caller's again afterwards, to make the next one in its memory, and holds nothing to rely
+    /// on.
+    virtual void sendAnswerFrom(std::string& frame, std::string_view rest);
     /// Who is at the other end, as the kernel recorded it.
     virtual const PeerIdentity& peer() const noexcept = 0;
     /// Notes that the peer may now address the exported object.
@@ -115,8 +116,8 @@ public:
     /// Answers with a finished reply or failure frame, whose serial number is set here. A request
     /// is answered once, by this or by `fail`. Any thread.
     void answer(std::string frame);
-    /// The same; the frame's memory is the caller's again afterwards.
-    void answerFrom(std::string& frame);
+    /// The same with a frame that ends with `rest`; its memory is the caller's again afterwards.
+    void answerFrom(std::string& frame, std::string_view rest = {});
     /// Answers why the request was not understood; as `answer`.
     void fail(std::string_view why);
 
@@ -172,12 +173,18 @@ public:
     void answerWith(const Value& result) noexcept { result_ = &result; }
     /// Null where the method's own result counts.
     const Value* result() const noexcept { return result_; }
+    /// The bytes that end the reply and are not in its frame, because they need not be copied; none
+    /// mostly.
+    std::string_view rest() const noexcept { return rest_; }
+    /// Leaves these bytes out of the reply's frame.
+    void leaveOut(std::string_view rest) noexcept { rest_ = rest; }
 
 private:
     IncomingRequest& request_;
     Invocation* outer_;
     std::optional<Refusal> refusal_;
     const Value* result_ = nullptr;
+    std::string_view rest_;
 };
 
 /// Who handles the requests to one object.

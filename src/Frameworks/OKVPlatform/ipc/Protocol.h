@@ -297,14 +297,17 @@ public:
     static std::string carryOut(P& target, IncomingRequest& request, std::size_t row) {
         std::string frame;
         frame.reserve(kUsualReply);
-        carryOut(target, request, row, frame);
-        return frame;
+        const auto rest = carryOut(target, request, row, frame);
+        return std::move(frame.append(rest));
     }
-    /// The same in the place of what `frame` held; nobody else may use it meanwhile.
-    static void carryOut(P& target, IncomingRequest& request, std::size_t row, std::string& frame) {
+    /// The same in the place of what `frame` held; nobody else may use it meanwhile. Answers what
+    /// the frame ends with and does not hold, as it lies where a method told of it by
+    /// `Invocation::answerWith`.
+    static std::string_view carryOut(P& target, IncomingRequest& request, std::size_t row,
+                                     std::string& frame) {
         if (request.types() != entries[row].types) {
             frame = encodeFailure(0, "other argument types than the method takes");
-            return;
+            return {};
         }
         try {
             Invocation invocation(request);
@@ -313,15 +316,19 @@ public:
             beginFrame(frame, FrameKind::reply);
             entries[row].invoke(target, invocation, reader, frame);
             appendRefusal(frame, invocation.refusal());
-            finishFrame(frame, 0, 0);
+            finishFrame(frame, 0, 0, invocation.rest().size());
+            return invocation.rest();
         } catch (const std::exception& error) {
             frame = encodeFailure(0, error.what());
+            return {};
         }
     }
 
 private:
     // Most replies are smaller: their frame is allocated once.
     static constexpr std::size_t kUsualReply = 128;
+    // To send from two places costs less than to copy so many bytes.
+    static constexpr std::size_t kLongText = 16 * 1024;
 
     using Invoke = void (*)(P&, Invocation&, CborReader&, std::string&);
     struct Entry {
@@ -353,10 +360,20 @@ private:
             out.nil();
         } else {
             const R result = std::apply(call, held);
-            detail::CarriedAs<R>::write(out, resultOf(invocation, result));
+            if (!leavesOut(invocation, out))
+                detail::CarriedAs<R>::write(out, resultOf(invocation, result));
         }
         std::apply([&](auto&... argument) { (giveBack(argument, invocation.request()), ...); },
                    held);
+    }
+    // A long text that stays where it is goes out from there. Nothing may follow it in the reply.
+    static bool leavesOut(Invocation& invocation, CborWriter& out) {
+        const auto* const text =
+            invocation.result() != nullptr ? invocation.result()->getIf<std::string>() : nullptr;
+        if (text == nullptr || text->size() < kLongText || invocation.refusal()) return false;
+        out.textHeader(text->size());
+        invocation.leaveOut(*text);
+        return true;
     }
     // The memory of a key serves the next request's.
     static void giveBack(Value& argument, IncomingRequest& request) {

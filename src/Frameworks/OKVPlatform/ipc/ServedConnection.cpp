@@ -2,8 +2,11 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 namespace okv {
 
@@ -209,39 +212,56 @@ void ServedConnection::post(std::string frame) {
 }
 
 void ServedConnection::sendAnswer(std::string frame) {
-    sendAnswerFrom(frame);
+    sendAnswerFrom(frame, {});
 }
 
-void ServedConnection::sendAnswerFrom(std::string& frame) {
-    if (loop_->isCurrent()) return answerNow(frame);
+void ServedConnection::sendAnswerFrom(std::string& frame, std::string_view rest) {
+    if (loop_->isCurrent()) return answerNow(frame, rest);
     const auto self = Ref<ServedConnection>::retaining(this);
     if (ended_.load(std::memory_order_acquire)) return;
-    loop_->perform([self, held = std::move(frame)] { self->answerNow(held); }, this);
+    frame.append(rest);
+    loop_->perform([self, held = std::move(frame)] { self->answerNow(held, {}); }, this);
 }
 
-void ServedConnection::answerNow(std::string_view frame) {
+void ServedConnection::answerNow(std::string_view frame, std::string_view rest) {
     const bool wasFull = !mayRead();
     --pending_;
-    sendNow(frame);
+    sendNow(frame, rest);
     // Requests that had already been read wait in the buffer, and no descriptor will tell of them.
     if (wasFull && publication_ != nullptr && mayRead()) takeFrames();
 }
 
-void ServedConnection::sendNow(std::string_view frame) {
+namespace {
+
+ssize_t sendBoth(int socket, std::string_view frame, std::string_view rest) {
+    constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (rest.empty()) return ::send(socket, frame.data(), frame.size(), flags);
+    iovec pieces[] = {{const_cast<char*>(frame.data()), frame.size()},
+                      {const_cast<char*>(rest.data()), rest.size()}};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = std::size(pieces);
+    return sendmsg(socket, &message, flags);
+}
+
+}  // namespace
+
+void ServedConnection::sendNow(std::string_view frame, std::string_view rest) {
     if (publication_ == nullptr) return;
     if (out_.empty()) {
-        const auto count =
-            ::send(socket_.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const auto count = sendBoth(socket_.get(), frame, rest);
         if (count < 0 && errno != EAGAIN && errno != EINTR) {
             // The frame is lost, and whoever waits for it must not do so for ever: the end is seen
             // by reading.
             shutdown(socket_.get(), SHUT_RDWR);
             return;
         }
-        if (count > 0) frame.remove_prefix(static_cast<std::size_t>(count));
-        if (frame.empty()) return;
+        const auto sent = count > 0 ? static_cast<std::size_t>(count) : 0;
+        if (sent == frame.size() + rest.size()) return;
+        rest.remove_prefix(sent - std::min(sent, frame.size()));
+        frame.remove_prefix(std::min(sent, frame.size()));
     }
-    out_.append(frame);
+    out_.append(frame).append(rest);
     updateEvents();
 }
 

@@ -27,7 +27,7 @@ public:
     void callAndRead(std::string& frame, ReplyReader& reader) override;
     void post(std::string frame) override;
     void sendAnswer(std::string frame) override;
-    void sendAnswerFrom(std::string& frame) override;
+    void sendAnswerFrom(std::string& frame, std::string_view rest) override;
     const PeerIdentity& peer() const noexcept override { return peer_; }
     void lend(std::uint64_t) override {}
 
@@ -41,8 +41,8 @@ private:
     void takeHello(const Frame& frame);
     void handle(const Frame& frame);
     Ref<IncomingRequest> take(const Frame& frame);
-    void sendNow(std::string_view frame);
-    void answerNow(std::string_view frame);
+    void sendNow(std::string_view frame, std::string_view rest = {});
+    void answerNow(std::string_view frame, std::string_view rest);
     void flush();
     void giveUpSent();
     void end(const std::string& farewell = {});

@@ -87,8 +87,12 @@ void CborWriter::integer(std::int64_t number) {
 }
 
 void CborWriter::text(std::string_view text) {
-    appendHead(out_, Major::text, text.size());
+    textHeader(text.size());
     out_.append(text);
+}
+
+void CborWriter::textHeader(std::size_t size) {
+    appendHead(out_, Major::text, size);
 }
 
 void CborWriter::reference(std::uint64_t object) {

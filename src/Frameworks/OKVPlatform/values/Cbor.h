@@ -48,6 +48,8 @@ public:
     void integer(std::int64_t number);
     /// A string; its bytes are carried as they are.
     void text(std::string_view text);
+    /// Begins a string; its bytes are written next, so many of them.
+    void textHeader(std::size_t size);
     /// An object by reference, by its number on this connection.
     void reference(std::uint64_t object);
     /// Begins an array; its elements are written next, so many of them.
