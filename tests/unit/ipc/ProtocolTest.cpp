@@ -60,7 +60,7 @@ public:
         return true;
     }
 
-    const Value kept{"stays where it is"};
+    Value kept{"stays where it is"};
     std::vector<std::string> calls;
     std::uint64_t taken = 0;
 };
@@ -268,4 +268,23 @@ TEST_F(ProtocolTest, ALentObjectKeepsItsNumberUntilItIsWithdrawn) {
     EXPECT_TRUE(okv::ExportedObjects::find(number));
     lent = nullptr;
     EXPECT_FALSE(okv::ExportedObjects::find(number));
+}
+
+TEST_F(ProtocolTest, ALongTextThatStaysWhereItIsIsLeftOutOfTheFrameAndPartOfTheReply) {
+    using Rows = okv::Dispatcher<Counter>;
+    counter_.kept = std::string(100000, 'x');
+    const auto payload = payloadOf("mix:of:with:", "@ic", [](okv::CborWriter& out) {
+        out.value(kInPlace);
+        out.integer(1);
+        out.boolean(false);
+    });
+    const auto request = okv::make<okv::IncomingRequest>(port_, 42U, payload);
+    std::string frame;
+    const auto rest = Rows::carryOut(counter_, *request, *Rows::find("mix:of:with:"), frame);
+    EXPECT_EQ(rest.data(), counter_.kept.as<std::string>().data()) << "not a copy";
+    EXPECT_LT(frame.size(), 100U);
+    request->answerFrom(frame, rest);
+    EXPECT_TRUE(
+        okv::decodeCbor(std::string_view(port_->frames.at(0)).substr(okv::kFrameHeaderSize)) ==
+        counter_.kept);
 }

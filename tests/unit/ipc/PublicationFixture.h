@@ -43,6 +43,8 @@ public:
         deepest = std::max(deepest, ++depth_);
         if (request.selector() == "keep") {
             kept.push_back(okv::Ref<okv::IncomingRequest>::retaining(&request));
+        } else if (request.selector() == "long") {
+            answerLong(request);
         } else {
             answer(request);
         }
@@ -55,7 +57,16 @@ public:
         okv::finishFrame(frame, 0, 0);
         request.answer(std::move(frame));
     }
+    // With a text that stays where it is.
+    void answerLong(okv::IncomingRequest& request) const {
+        std::string frame;
+        okv::beginFrame(frame, FrameKind::reply);
+        okv::CborWriter(frame).textHeader(longText.size());
+        okv::finishFrame(frame, 0, 0, longText.size());
+        request.answerFrom(frame, longText);
+    }
 
+    std::string longText;
     int handled = 0;
     int deepest = 0;
     std::vector<okv::Ref<okv::IncomingRequest>> kept;

@@ -1,5 +1,7 @@
 #include "PublicationFixture.h"
 
+#include <thread>
+
 // A publication's clients: greeting, requests, ends.
 
 namespace ipctest {
@@ -245,6 +247,34 @@ TEST_F(PublicationTest, RequestsThatHaveComeUnreadAreNotServedOnceItIsInvalidate
     publication_->invalidate();
     serveForAWhile();
     EXPECT_EQ(root_.handled, 0);
+}
+
+TEST_F(PublicationTest, ATextThatIsSentFromWhereItLiesComesWholeHoweverLittleTheClientTakes) {
+    publish();
+    for (int i = 0; i < 1 << 20; ++i) root_.longText.push_back(static_cast<char>('a' + i % 23));
+    auto client = greeted();
+    for (std::uint32_t serial = 1; serial <= 3; ++serial)
+        client.send(RawClient::request(serial, "long", ""));
+    ASSERT_TRUE(serveUntil([&] { return root_.handled == 3; }));
+    for (int reply = 1; reply <= 3; ++reply) {
+        std::optional<RawClient::Received> received;
+        ASSERT_TRUE(serveUntil([&] { return (received = client.next()).has_value(); }));
+        EXPECT_TRUE(textOf(*received) == root_.longText) << reply;
+    }
+    EXPECT_TRUE(isServed(client));
+}
+
+TEST_F(PublicationTest, ATextThatIsSentFromWhereItLiesMayAnswerFromAnotherThread) {
+    publish();
+    root_.longText.assign(100000, 'x');
+    auto client = greeted();
+    client.send(RawClient::request(5, "keep", ""));
+    ASSERT_TRUE(serveUntil([&] { return root_.kept.size() == 1; }));
+    std::thread([&] { root_.answerLong(*root_.kept[0]); }).join();
+    root_.kept.clear();
+    std::optional<RawClient::Received> received;
+    ASSERT_TRUE(serveUntil([&] { return (received = client.next()).has_value(); }));
+    EXPECT_TRUE(textOf(*received) == root_.longText);
 }
 
 TEST_F(PublicationTest, InAForkedChildItIsNothing) {
