@@ -25,7 +25,8 @@ void Object::release() const noexcept {
 }
 
 std::size_t Object::retainCount() const noexcept {
-    const auto count = count_.load(std::memory_order_relaxed);
+    // Who finds himself alone may rely on what the others did before they let go.
+    const auto count = count_.load(std::memory_order_acquire);
     return count < kDying ? count : 0;
 }
 
