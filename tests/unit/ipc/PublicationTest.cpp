@@ -277,6 +277,29 @@ TEST_F(PublicationTest, ATextThatIsSentFromWhereItLiesMayAnswerFromAnotherThread
     EXPECT_TRUE(textOf(*received) == root_.longText);
 }
 
+// The other thread may be done before the handler returns, or after: the request must be of use to
+// nobody else before.
+TEST_F(PublicationTest, RequestsThatAnotherThreadAnswersAtOnceAreEachAnsweredWithWhatTheyAsked) {
+    std::string why;
+    const auto handler = [](void*, okv::IncomingRequest& request) {
+        std::thread([held = okv::Ref<okv::IncomingRequest>::retaining(&request)]() mutable {
+            Root::answer(*held);
+            held = nullptr;
+        }).detach();
+    };
+    publication_ = Publication::publish(kName, {handler, nullptr, nullptr}, {}, why);
+    ASSERT_TRUE(publication_) << why;
+    auto client = greeted();
+    for (std::uint32_t serial = 1; serial <= 500; ++serial) {
+        const auto text = "text " + std::to_string(serial);
+        client.send(RawClient::request(serial, "echo", text));
+        std::optional<RawClient::Received> received;
+        ASSERT_TRUE(serveUntil([&] { return (received = client.next()).has_value(); }));
+        EXPECT_EQ(received->serial, serial);
+        EXPECT_EQ(textOf(*received), text);
+    }
+}
+
 TEST_F(PublicationTest, InAForkedChildItIsNothing) {
     publish();
     auto client = greeted();
