@@ -125,7 +125,8 @@ TEST_F(PublicationTest, AConnectionThatCannotBeWatchedIsNoneAndTheReasonIsTold) 
 
 TEST_F(PublicationTest, AConnectionIsWatchedFromTheFirstRunOfItsLoopOnAndEndsWhereItCannotBe) {
     publish();
-    std::thread([] {  // whose loop nobody has run
+    std::thread([] {
+        const auto loop = RunLoop::current();  // which nobody has run
         const Refusing none(EPOLL_CTL_ADD);
         const auto connection = Connection::connectionWithRegisteredName(kName);
         ASSERT_TRUE(connection);
