@@ -133,8 +133,7 @@ TEST_F(PublicationTest, AConnectionIsWatchedFromTheFirstRunOfItsLoopOnAndEndsWhe
         EXPECT_TRUE(connection->isValid());
         RunLoop::current()->dispatch();
         EXPECT_FALSE(connection->isValid());
-    })
-        .join();
+    }).join();
 }
 
 }  // namespace ipctest
