@@ -126,8 +126,8 @@ void Server::handle(okv::IncomingRequest& request) {
         refuse(request, *method, {Kind::failed, "too many changes are waiting"});
 }
 
-// In the last answer's memory, unless that was a large one. Who writes it may run the loop, and so
-// come here again.
+// In the last answer's memory, unless that was a large one. No method runs the loop; one that did
+// would come here again, and must not write over the answer that is being made.
 void Server::answerHere(okv::IncomingRequest& request, Method method) {
     const Speaker speaker{data_, admin_};
     if (std::exchange(isAnswering_, true)) return request.answer(speaker.carryOut(request, method));
