@@ -3,6 +3,9 @@
 function(okv_compile_options target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
         -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wundef -Wformat=2 -Werror)
+    # It takes whatever a unity file includes for a header.
+    target_compile_options(${target} PRIVATE
+        $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>)
     # Calls inside a library are its own, and those out of it are bound when it is loaded.
     target_compile_options(${target} PRIVATE $<$<CONFIG:Release,RelWithDebInfo>:-fno-semantic-interposition;-fno-plt>)
     target_link_options(${target} PRIVATE LINKER:-Bsymbolic-functions LINKER:-z,now)
@@ -20,7 +23,7 @@ function(okv_add_framework name export_name)
     add_library(okv::${export_name} ALIAS ${name})
     okv_compile_options(${name})
     target_compile_features(${name} PUBLIC cxx_std_20)
-    target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${OKV_BUILD_FUZZ}>>:LINKER:--no-undefined>)
+    target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${OKV_CALLS_ITS_PROGRAM}>>:LINKER:--no-undefined>)
     set_target_properties(${name} PROPERTIES EXPORT_NAME ${export_name} VERSION ${OKV_ABI_VERSION}.0.0
         SOVERSION ${OKV_ABI_VERSION} VERIFY_INTERFACE_HEADER_SETS ON POSITION_INDEPENDENT_CODE ON)
     set_property(GLOBAL APPEND PROPERTY OKV_FRAMEWORKS ${name})
@@ -35,9 +38,12 @@ function(okv_sources target)
     endif()
 endfunction()
 
-# okv_add_test(name SOURCES a.cpp LIBRARIES okv::Platform [LABELS x]): one executable, every case a ctest entry.
+# okv_add_test(name SOURCES a.cpp LIBRARIES okv::Platform [TIMEOUT seconds] [COST n] [SEPARATE]): one executable,
+# every case a ctest entry. Where OKV_TEST_SHARDS tells so, a few processes share the cases, because a sanitized process
+# takes long to start; but not of a SEPARATE program, whose cases take long themselves or leave things behind in a process.
+# Those of a high cost start first.
 function(okv_add_test name)
-    cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;DEFINITIONS" ${ARGN})
+    cmake_parse_arguments(arg "SEPARATE" "TIMEOUT;COST" "SOURCES;LIBRARIES;DEFINITIONS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     okv_compile_options(${name})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
@@ -45,10 +51,26 @@ function(okv_add_test name)
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
-    # The list of a program's tests is asked for with the tests' own patience: where it takes longer than the five seconds
-    # that are the default, ctest ends without running anything of the whole folder.
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT ${arg_TIMEOUT} NO_PRETTY_VALUES
-        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+    if(NOT arg_COST)
+        set(arg_COST 0)
+    endif()
+    if(OKV_TEST_SHARDS AND NOT arg_SEPARATE)
+        okv_add_shards(${name} ${arg_COST})
+    else()
+        # The list of a program's tests is asked for with the tests' own patience: where it takes longer than the five seconds
+        # that are the default, ctest ends without running anything of the whole folder.
+        gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT ${arg_TIMEOUT} NO_PRETTY_VALUES
+            PROPERTIES TIMEOUT ${arg_TIMEOUT} COST ${arg_COST})
+    endif()
+endfunction()
+
+function(okv_add_shards name cost)
+    math(EXPR last "${OKV_TEST_SHARDS} - 1")
+    foreach(shard RANGE ${last})
+        add_test(NAME ${name}.${shard} COMMAND ${name} --gtest_brief=1)
+        set_tests_properties(${name}.${shard} PROPERTIES TIMEOUT 600 COST ${cost}
+            ENVIRONMENT "GTEST_TOTAL_SHARDS=${OKV_TEST_SHARDS};GTEST_SHARD_INDEX=${shard}")
+    endforeach()
 endfunction()
 
 # okv_add_fuzz(name SOURCES a.cpp LIBRARIES okv::Platform): a libFuzzer target over tests/corpus/<name>. Built by clang

@@ -62,14 +62,14 @@ struct Written {
     bool optionsOver = false;
 };
 
-const Option* optionNamed(std::string_view name) {
+const Option* findOption(std::string_view name) {
     const auto all = options();
     const auto found =
         std::find_if(all.begin(), all.end(), [&](const Option& each) { return each.name == name; });
     return found != all.end() ? &*found : nullptr;
 }
 
-const Verb* verbNamed(std::string_view name) {
+const Verb* findVerb(std::string_view name) {
     const auto all = verbs();
     const auto found =
         std::find_if(all.begin(), all.end(), [&](const Verb* each) { return each->name == name; });
@@ -82,10 +82,10 @@ void take(Written& written, std::string_view word) {
     } else if (!written.optionsOver && word == "--") {
         written.optionsOver = true;
     } else if (!written.optionsOver && word.starts_with("--")) {
-        const auto* option = optionNamed(word);
+        const auto* option = findOption(word);
         if (option != nullptr && !option->operand.empty()) written.open = option;
     } else if (written.verb == nullptr) {
-        written.verb = verbNamed(word);
+        written.verb = findVerb(word);
     } else {
         written.operands.push_back(word);
     }
@@ -188,7 +188,7 @@ Candidates operandsFor(const Rule& rule, const Written& written, std::string_vie
 // "--name=VALUE" is completed as a whole.
 Candidates attachedValues(std::string_view word, const Sources& sources) {
     const auto sign = word.find('=');
-    const auto* option = optionNamed(word.substr(0, sign));
+    const auto* option = findOption(word.substr(0, sign));
     if (option == nullptr) return {};
     auto to = optionValues(*option, word.substr(sign + 1), sources);
     for (auto& candidate : to.words)

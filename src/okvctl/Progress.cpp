@@ -12,7 +12,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kNotBefore(300);
-constexpr std::chrono::milliseconds kEvery(100);
+constexpr std::chrono::milliseconds kInterval(100);
 constexpr std::size_t kBarWidth = 24;
 constexpr std::string_view kWipe = "\r\x1B[K";
 
@@ -62,7 +62,7 @@ void Progress::draw() {
         const std::chrono::duration<double> taken = Clock::now() - start;
         put(descriptor_, std::string(kWipe) + line(taken.count()));
         drawn = true;
-        next = Clock::now() + kEvery;
+        next = Clock::now() + kInterval;
     }
     if (drawn) put(descriptor_, kWipe);
 }

@@ -36,14 +36,14 @@ const char* remedyFor(RefusalKind kind) {
 // The folder that the server will appear in need not be there yet, so there is nothing to watch:
 // it is looked up again and again.
 okv::Ref<okv::Connection> Server::lookUp() const {
-    using Clock = std::chrono::steady_clock;
-    const auto start = Clock::now();
+    using std::chrono::steady_clock;
+    const auto start = steady_clock::now();
     for (;;) {
         std::string why;
         auto connection =
             okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
         if (connection) return connection;
-        const std::chrono::duration<double> waited = Clock::now() - start;
+        const std::chrono::duration<double> waited = steady_clock::now() - start;
         if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_))
             fail(ExitCode::notRunning, {},
                  "the data server is not running: " + why + "; start OKVDataCenter");

@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include "support/Sanitizers.h"
+
 #include <csignal>
 #include <filesystem>
 
@@ -29,7 +31,7 @@ protected:
 }  // namespace
 
 // Under the thread sanitizer a process has a thread of the sanitizer's beside its own.
-#if !defined(__SANITIZE_THREAD__)
+#if !defined(OKV_THREAD_SANITIZER)
 TEST_F(DataManagerProcess, AConnectedClientHasExactlyOneThread) {
     const auto manager = shared();
     ASSERT_TRUE(manager);

@@ -2,8 +2,6 @@
 
 #include "unit/okvDataManager/OperationTable.h"
 
-#include <unistd.h>
-
 #include <map>
 
 // The table of all operations that is held to the fake server, run against the real one: the same
@@ -16,7 +14,6 @@ namespace {
 using okv::Array;
 using okv::Dictionary;
 
-const std::int32_t kAccount = static_cast<std::int32_t>(getuid());
 const Value kList = Array{"a", Dictionary{{"b", okv::Null{}}}};
 
 Dictionary userWithLists() {

@@ -27,13 +27,13 @@ ExitCode decode(Call& call) {
     return ExitCode::done;
 }
 
-constexpr Action kActions[] = {{"encode", encode}, {"decode", decode}};
+constexpr Action kCategoryActions[] = {{"encode", encode}, {"decode", decode}};
 
 // Needs no data server.
-ExitCode run(Call& call) {
+ExitCode runCategory(Call& call) {
     expectOperands(call, 1, kAnyNumber, "encode or decode");
     expectFormats(call, kValueFormats);
-    return actionNamed(call.operands()[0], kActions).run(call);
+    return actionNamed(call.operands()[0], kCategoryActions).run(call);
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ const Verb kCategory{
     "not, into 16 bytes, printed as base64 (--format raw: the bytes), as --type data takes them;\n"
     "decode turns them back. Needs no data server.\n",
     kNoOptions,
-    run,
+    runCategory,
 };
 
 }  // namespace okvctl

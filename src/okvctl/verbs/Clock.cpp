@@ -8,7 +8,7 @@ namespace {
 
 using Data = OKVDataMng_protocol;
 
-ExitCode get(Call& call) {
+ExitCode getClock(Call& call) {
     expectOperands(call, 1, 1, "");
     expectFormats(call, kValueFormats);
     const auto time = call.server.ask<&Data::serverTimePT>("");
@@ -18,7 +18,7 @@ ExitCode get(Call& call) {
     return ExitCode::done;
 }
 
-ExitCode set(Call& call) {
+ExitCode setClock(Call& call) {
     expectOperands(call, 2, 2, "DATE");
     expectFormats(call, kConfirmFormats);
     const auto date = parseValue(ValueType::date, call.operands()[1]);
@@ -45,11 +45,12 @@ ExitCode stop(Call& call) {
     return letRun<&Data::stopServerTimeTimer>(call, false);
 }
 
-constexpr Action kActions[] = {{"get", get}, {"set", set}, {"start", start}, {"stop", stop}};
+constexpr Action kClockActions[] = {
+    {"get", getClock}, {"set", setClock}, {"start", start}, {"stop", stop}};
 
-ExitCode run(Call& call) {
+ExitCode runClock(Call& call) {
     expectOperands(call, 1, 2, "get, set, start or stop");
-    return actionNamed(call.operands()[0], kActions).run(call);
+    return actionNamed(call.operands()[0], kClockActions).run(call);
 }
 
 }  // namespace
@@ -61,7 +62,7 @@ const Verb kClock{
     "A DATE is 2026-01-31T23:59:59Z (or with +09:00), @SECONDS since 1970, or now. get ends with\n"
     "10 where no time was ever set. A started clock runs with real time, a stopped one stands.\n",
     kNoOptions,
-    run,
+    runClock,
 };
 
 }  // namespace okvctl

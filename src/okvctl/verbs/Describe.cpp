@@ -6,7 +6,7 @@ namespace okvctl {
 
 namespace {
 
-okv::Value ask(Call& call, std::string_view key) {
+okv::Value askDescription(Call& call, std::string_view key) {
     if (const auto user = call.line.user)
         return call.server.ask<&OKVDataAdmin_protocol::okvDataInfoPT_appUid>(key, key, *user);
     return call.server.ask<&OKVDataAdmin_protocol::okvDataInfoPT>(key, key);
@@ -22,11 +22,11 @@ void show(Call& call, const okv::Dictionary& info) {
     print(call, info, table);
 }
 
-ExitCode run(Call& call) {
+ExitCode runDescribe(Call& call) {
     expectOperands(call, 1, 1, "KEY");
     expectFormats(call, kTableFormats);
     if (call.operands()[0].empty()) throwUsage("the KEY is empty");
-    const auto answer = ask(call, call.operands()[0]);
+    const auto answer = askDescription(call, call.operands()[0]);
     show(call, dictionaryIn(answer));
     return ExitCode::done;
 }
@@ -40,7 +40,7 @@ const Verb kDescribe{
     "The value that a read gets, its type and origin (user, everybody, none), who wrote it and\n"
     "when, and whether the key is locked.\n",
     kTakesUser,
-    run,
+    runDescribe,
 };
 
 }  // namespace okvctl

@@ -176,7 +176,7 @@ Cell healthCell(Health health) {
     return {words[i], styles[i]};
 }
 
-ExitCode run(Call& call) {
+ExitCode runDoctor(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     Examination examination{call.server};
@@ -211,7 +211,7 @@ const Verb kDoctor{
     "bad. With --json {\"healthy\", \"checks\": [{\"check\", \"result\", \"found\", "
     "\"remedy\"}]}.\n",
     kNoOptions,
-    run,
+    runDoctor,
 };
 
 }  // namespace okvctl

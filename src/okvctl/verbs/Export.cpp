@@ -45,7 +45,7 @@ okv::Value withoutUnsetClock(okv::Dictionary store) {
     return store;
 }
 
-ExitCode run(Call& call) {
+ExitCode runExport(Call& call) {
     expectOperands(call, 0, 1, "");
     expectFormats(call, kJson | kPlist);
     const std::string file(call.operands().empty() ? "-" : call.operands()[0]);
@@ -73,7 +73,7 @@ const Verb kExport{
     "or with -, to the standard output. The FILE is replaced in one step. JSON holds everything;\n"
     "a property list drops fractions of seconds and is refused where it has no form for a value.\n",
     kNoOptions,
-    run,
+    runExport,
 };
 
 }  // namespace okvctl

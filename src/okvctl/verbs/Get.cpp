@@ -6,7 +6,7 @@ namespace okvctl {
 
 namespace {
 
-okv::Value ask(Call& call, const okv::Array& keys, std::string_view subject) {
+okv::Value askValues(Call& call, const okv::Array& keys, std::string_view subject) {
     if (const auto user = call.line.user)
         return call.server.ask<&OKVDataMng_protocol::okvDataAllPT_appUid>(subject, keys, *user);
     return call.server.ask<&OKVDataMng_protocol::okvDataAllPT>(subject, keys);
@@ -25,10 +25,10 @@ void show(Call& call, const okv::Array& keys, const okv::Dictionary& values) {
     if (!isAlone && !call.prints(kRaw)) print(call, values, table);
 }
 
-ExitCode run(Call& call) {
+ExitCode runGet(Call& call) {
     const auto keys = keysOf(call);
     expectFormats(call, kValueFormats);
-    const auto answer = ask(call, keys, subjectOf(call.operands()));
+    const auto answer = askValues(call, keys, subjectOf(call.operands()));
     const auto& values = dictionaryIn(answer);
     show(call, keys, values);
     std::vector<std::string_view> missing;
@@ -52,7 +52,7 @@ const Verb kGet{
     "not set ends it with 10, whatever else was printed. With --json an object of keys to\n"
     "values, null for what is not set.\n",
     kTakesUser,
-    run,
+    runGet,
 };
 
 }  // namespace okvctl

@@ -47,7 +47,7 @@ void printDifferences(Call& call, const okv::Dictionary& file) {
     print(call, okv::Dictionary{{"changes", std::move(changes)}}, table);
 }
 
-ExitCode run(Call& call) {
+ExitCode runImport(Call& call) {
     expectOperands(call, 1, 1, "FILE");
     expectFormats(call, call.line.dryRun ? kTableFormats : kConfirmFormats);
     const std::string file(call.operands()[0]);
@@ -78,7 +78,7 @@ const Verb kImport{
     "the key. Nothing else is printed; with --json {\"imported\": FILE}, or with --dry-run\n"
     "{\"changes\": [{\"part\", \"whose\", \"change\", \"key\", \"before\", \"after\"}, ...]}.\n",
     kTakesDryRun,
-    run,
+    runImport,
 };
 
 }  // namespace okvctl

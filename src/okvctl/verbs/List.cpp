@@ -6,16 +6,16 @@ namespace okvctl {
 
 namespace {
 
-okv::Value ask(Call& call, std::string_view prefix) {
+okv::Value askKeys(Call& call, std::string_view prefix) {
     if (const auto user = call.line.user)
         return call.server.ask<&OKVDataAdmin_protocol::okvDataListPT_appUid>("", prefix, *user);
     return call.server.ask<&OKVDataAdmin_protocol::okvDataListPT>("", prefix);
 }
 
-ExitCode run(Call& call) {
+ExitCode runList(Call& call) {
     expectOperands(call, 0, 1, "");
     expectFormats(call, kTableFormats);
-    const auto answer = ask(call, call.operands().empty() ? "" : call.operands()[0]);
+    const auto answer = askKeys(call, call.operands().empty() ? "" : call.operands()[0]);
     if (answer.isNil() && call.line.user)
         throw ToolError(ExitCode::failure, "there is no user " + std::to_string(*call.line.user) +
                                                "; okvctl users lists them");
@@ -35,7 +35,7 @@ const Verb kList{
     "--user those that are the user's own. Strings that do not show as they are, arrays and\n"
     "dictionaries stand as JSON. With --json an object of keys to values.\n",
     kTakesUser,
-    run,
+    runList,
 };
 
 }  // namespace okvctl

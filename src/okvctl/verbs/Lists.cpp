@@ -50,7 +50,7 @@ std::string subjectFor(const Family& list, std::int32_t user) {
     return std::string(list.name) + " of user " + std::to_string(user);
 }
 
-ExitCode get(Call& call) {
+ExitCode getList(Call& call) {
     expectOperands(call, 2, 2, "FAMILY");
     expectFormats(call, kValueFormats);
     const auto& list = familyNamed(call.operands()[1]);
@@ -71,7 +71,7 @@ std::string valueText(const Call& call) {
     return text;
 }
 
-ExitCode set(Call& call) {
+ExitCode setList(Call& call) {
     expectOperands(call, 2, 3, "FAMILY");
     expectFormats(call, kConfirmFormats);
     const auto& list = familyNamed(call.operands()[1]);
@@ -82,11 +82,11 @@ ExitCode set(Call& call) {
     return ExitCode::done;
 }
 
-constexpr Action kActions[] = {{"get", get}, {"set", set}};
+constexpr Action kListsActions[] = {{"get", getList}, {"set", setList}};
 
-ExitCode run(Call& call) {
+ExitCode runLists(Call& call) {
     expectOperands(call, 1, 3, "get or set");
-    return actionNamed(call.operands()[0], kActions).run(call);
+    return actionNamed(call.operands()[0], kListsActions).run(call);
 }
 
 }  // namespace
@@ -100,7 +100,7 @@ const Verb kLists{
     "from the standard input. --type null takes the list away. get ends with 10 where there is\n"
     "no list; with --json it prints {FAMILY: value}.\n",
     kTakesUser | kTakesType,
-    run,
+    runLists,
 };
 
 }  // namespace okvctl

@@ -25,7 +25,7 @@ ExitCode unlock(Call& call) {
     return change<&Admin::unlockOKVDataPT>(call, "unlocked");
 }
 
-ExitCode list(Call& call) {
+ExitCode listLocks(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     const auto answer = call.server.ask<&Admin::lockListPT>("");
@@ -61,8 +61,12 @@ const Verb kUnlock{
 };
 
 const Verb kLocks{
-    "locks",    "",   "list the locked keys", "A line each: key, uid of who locked it, time.\n",
-    kNoOptions, list,
+    "locks",
+    "",
+    "list the locked keys",
+    "A line each: key, uid of who locked it, time.\n",
+    kNoOptions,
+    listLocks,
 };
 
 }  // namespace okvctl

@@ -9,7 +9,7 @@ namespace okvctl {
 
 namespace {
 
-ExitCode run(Call& call) {
+ExitCode runPing(Call& call) {
     using std::chrono::steady_clock;
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
@@ -33,7 +33,7 @@ const Verb kPing{
     "tell whether the data server answers, and how fast",
     "The time is that of connecting and of one question. Without a data server it ends with 8.\n",
     kNoOptions,
-    run,
+    runPing,
 };
 
 }  // namespace okvctl

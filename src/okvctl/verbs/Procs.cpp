@@ -25,14 +25,14 @@ constexpr ProcessList processList(std::string_view name) {
             }};
 }
 
-constexpr ProcessList kLists[] = {
+constexpr ProcessList kProcessLists[] = {
     processList<&Data::okvFltProcWhiteListPT, &Admin::setOkvFltProcWhiteListPT>("white"),
     processList<&Data::okvFltProcBlackListPT, &Admin::setOkvFltProcBlackListPT>("black"),
     processList<&Data::okvKillWebProcListPT, &Admin::setOkvKillWebProcListPT>("kill"),
 };
 
 const ProcessList& listNamed(std::string_view name) {
-    for (const auto& list : kLists) {
+    for (const auto& list : kProcessLists) {
         if (list.name == name) return list;
     }
     throwUsage("there is no list '" + std::string(name) + "', only white, black, kill and system");
@@ -84,7 +84,7 @@ okv::Dictionary removed(std::span<const std::string_view> operands) {
     return processes;
 }
 
-ExitCode run(Call& call) {
+ExitCode runProcs(Call& call) {
     expectOperands(call, 1, kAnyNumber, "white, black, kill or system");
     const auto operands = call.operands();
     if (operands[0] == "system") return showSystem(call);
@@ -114,7 +114,7 @@ const Verb kProcs{
     "identifier. add and remove change one list, all the names or none. With --json an object\n"
     "of names to identifiers; of system {\"white\": ..., \"black\": ...}.\n",
     kNoOptions,
-    run,
+    runProcs,
 };
 
 }  // namespace okvctl

@@ -10,7 +10,7 @@ namespace {
 
 using Keys = std::vector<std::string_view>;
 
-constexpr Table::Noun kProcesses{"process", "processes"};
+constexpr Table::Noun kListedProcesses{"process", "processes"};
 
 // The kernel's table as the suite's processes see it, but for the zero-filled record at its end.
 okv::Array kernelTable() {
@@ -20,7 +20,7 @@ okv::Array kernelTable() {
 }
 
 Table tableOf(const okv::Array& records, std::vector<std::string_view> heads, const Keys& keys) {
-    Table table(std::move(heads), kProcesses);
+    Table table(std::move(heads), kListedProcesses);
     for (const auto& record : records) {
         Table::Row row;
         for (const auto key : keys) {
@@ -33,7 +33,7 @@ Table tableOf(const okv::Array& records, std::vector<std::string_view> heads, co
 }
 
 // Needs no data server.
-ExitCode run(Call& call) {
+ExitCode runPs(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     if (call.line.managed) {
@@ -63,7 +63,7 @@ const Verb kPs{
     "processes that run from a bundle, with the name and identifier that it declares; as JSON\n"
     "with all that it declares. Needs no data server.\n",
     kTakesManaged,
-    run,
+    runPs,
 };
 
 }  // namespace okvctl

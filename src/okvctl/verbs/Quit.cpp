@@ -38,7 +38,7 @@ ExitCode sendSignal(Call& call, std::int32_t pid) {
 }
 
 // Needs no data server.
-ExitCode run(Call& call) {
+ExitCode runQuit(Call& call) {
     expectOperands(call, 1, 1, "PID");
     expectFormats(call, kConfirmFormats);
     const auto pid = processOf(call.operands()[0]);
@@ -62,7 +62,7 @@ const Verb kQuit{
     "An application that listens for the request to quit gets it, and may refuse; any other\n"
     "process gets SIGTERM. Does not wait for its end. Needs no data server.\n",
     kNoOptions,
-    run,
+    runQuit,
 };
 
 }  // namespace okvctl

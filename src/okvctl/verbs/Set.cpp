@@ -13,7 +13,7 @@ std::pair<std::string_view, std::string_view> cut(const Call& call, std::string_
     return keyAlone ? std::pair(operand, std::string_view()) : cutAssignment(operand);
 }
 
-ExitCode run(Call& call) {
+ExitCode runSet(Call& call) {
     expectOperands(call, 1, kAnyNumber, "KEY=VALUE");
     expectFormats(call, kConfirmFormats);
     okv::Dictionary settings;
@@ -43,7 +43,7 @@ const Verb kSet{
     "The type is that of every VALUE; use json to store several types at once. Without --user\n"
     "the values are everybody's. Nothing is printed; with --json {\"set\": [KEY, ...]}.\n",
     kTakesUser | kTakesType,
-    run,
+    runSet,
 };
 
 }  // namespace okvctl

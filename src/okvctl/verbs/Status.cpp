@@ -37,7 +37,7 @@ Table tableOf(const okv::Dictionary& status) {
     return table;
 }
 
-ExitCode run(Call& call) {
+ExitCode runStatus(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     const auto answer = call.server.ask<&OKVDataAdmin_protocol::serverStatusPT>("");
@@ -55,7 +55,7 @@ const Verb kStatus{
     "something is taken as \"USE of LIMIT\", of many users or clients the fullest. With --json\n"
     "the server's own dictionary, \"limits\" and \"use\" by the same names.\n",
     kNoOptions,
-    run,
+    runStatus,
 };
 
 }  // namespace okvctl

@@ -6,7 +6,7 @@ namespace okvctl {
 
 namespace {
 
-ExitCode run(Call& call) {
+ExitCode runUnset(Call& call) {
     auto keys = keysOf(call);
     expectFormats(call, kConfirmFormats);
     okv::Dictionary settings;
@@ -25,7 +25,7 @@ const Verb kUnset{
     "With --user the user's own values, else everybody's. A KEY that is not set is no mistake.\n"
     "Nothing is printed; with --json {\"unset\": [KEY, ...]}.\n",
     kTakesUser,
-    run,
+    runUnset,
 };
 
 }  // namespace okvctl

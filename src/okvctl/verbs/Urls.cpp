@@ -26,7 +26,7 @@ void addPages(okv::Dictionary& urls) {
     for (const auto& page : okv::kServicePages) urls.set(page.name, base + page.path);
 }
 
-ExitCode run(Call& call) {
+ExitCode runUrls(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTableFormats);
     okv::Array keys;
@@ -51,7 +51,7 @@ const Verb kUrls{
     "Hosts, ports and addresses as the suite's processes use them: what is stored, else the\n"
     "default. They are the settings dc-syscmnf-...; change them with set.\n",
     kNoOptions,
-    run,
+    runUrls,
 };
 
 }  // namespace okvctl

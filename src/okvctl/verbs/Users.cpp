@@ -28,7 +28,7 @@ std::string marksOf(std::int32_t user, std::int32_t standard, std::int32_t curre
     return user == current ? "current" : "-";
 }
 
-ExitCode list(Call& call) {
+ExitCode listUsers(Call& call) {
     expectOperands(call, 0, 1, "");
     expectFormats(call, kTableFormats);
     const auto ids = call.server.ask<&Data::useridAppListPT>("");
@@ -128,13 +128,13 @@ ExitCode switchUser(Call& call) {
     return ExitCode::done;
 }
 
-constexpr Action kActions[] = {
-    {"list", list},           {"assign", assign},   {"unassign", unassign}, {"remove", remove},
+constexpr Action kUsersActions[] = {
+    {"list", listUsers},      {"assign", assign},   {"unassign", unassign}, {"remove", remove},
     {"default", showDefault}, {"max", showHighest}, {"current", current},   {"switch", switchUser}};
 
-ExitCode run(Call& call) {
+ExitCode runUsers(Call& call) {
     const auto operands = call.operands();
-    return actionNamed(operands.empty() ? "list" : operands[0], kActions).run(call);
+    return actionNamed(operands.empty() ? "list" : operands[0], kUsersActions).run(call);
 }
 
 }  // namespace
@@ -154,7 +154,7 @@ const Verb kUsers{
     "  switch            makes the user the account's current one\n"
     "An ACCOUNT is a uid or an account's name, an APPUID a number from 1 on.\n",
     kNoOptions,
-    run,
+    runUsers,
 };
 
 }  // namespace okvctl

@@ -160,7 +160,7 @@ void Watcher::print(Dictionary change) {
     call_.out.json(change);
 }
 
-ExitCode run(Call& call) {
+ExitCode runWatch(Call& call) {
     expectOperands(call, 0, 0, "");
     expectFormats(call, kTable | kJson);
     const auto watcher = okv::make<Watcher>(call);
@@ -187,7 +187,7 @@ const Verb kWatch{
     "and where they apply \"appuid\", \"keys\", \"resync\". It goes on over a restart of the data\n"
     "server, until it is interrupted or nobody reads its output.\n",
     kTakesSince,
-    run,
+    runWatch,
 };
 
 }  // namespace okvctl

@@ -214,7 +214,7 @@ std::vector<std::string> goodRequests() {
     support::forEveryMethod(*root, {5}, okv::protocol<Admin>, record);
     const Value rich(okv::Dictionary{
         {"a", okv::Array{1, -2.5, okv::Null{}, true, "text", okv::Data{1, 2, 3}}},
-        {"b", okv::Dictionary{{1, okv::Date(1e9)}, {"c", okv::Array{okv::Array{}}}}},
+        {"b", okv::Dictionary{{1, okv::Date{1e9}}, {"c", okv::Array{okv::Array{}}}}},
         {"c", std::string(300, 'x')}});
     failureOf([&] { okv::send<&Data::setOKVDataAllPT_appUid>(*root, rich, 1); });
     failureOf([&] { okv::send<&Data::setOKVDataPT_value_appUid>(*root, "k", rich, 1); });

@@ -209,7 +209,7 @@ TEST_F(HostileServer, GetsAnErrorOrAnAnswerOutOfAClientAndNothingElse) {
 
 TEST_F(HostileServer, CannotCrashAClientWithTenThousandMutationsOfGoodReplies) {
     const Value rich(okv::Dictionary{{"a", okv::Array{1, -2.5, okv::Null{}, true, "text"}},
-                                     {"b", okv::Dictionary{{1, okv::Date(1e9)}}}});
+                                     {"b", okv::Dictionary{{1, okv::Date{1e9}}}}});
     const std::string payloads[] = {okv::encodeCbor(rich),
                                     "\x61v",
                                     "\x18\x2A",

@@ -5,6 +5,7 @@
 
 #include "support/DataServer.h"
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
 
 #include <OKVPlatform/ipc/NotificationCenter.h>
 
@@ -31,11 +32,7 @@ using support::Environment;
 
 /// How much slower than usual everything is: a sanitized build does fewer rounds, and is given more
 /// time where a time is bounded.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr int kSlowness = 10;
-#else
-inline constexpr int kSlowness = 1;
-#endif
+inline constexpr int kSlowness = support::kIsSanitized ? 10 : 1;
 constexpr int rounds(int usual) {
     return std::max(1, usual / kSlowness);
 }

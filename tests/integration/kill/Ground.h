@@ -15,6 +15,8 @@ enum class Seed { none, lost, torn, gap, duplicate, stale };
 
 inline constexpr int kWriters = 8;
 inline constexpr int kWatchers = 8;
+/// Whose settings are written and watched.
+inline constexpr std::int32_t kUser = 1;
 
 /// What all processes share: memory of its own, at the same place in each.
 struct Ground {

@@ -14,7 +14,6 @@ using okv::Value;
 using Data = OKVDataMng_protocol;
 using Admin = OKVDataAdmin_protocol;
 
-constexpr std::int32_t kUser = 1;
 // How often it looks whether the last revision is known, and reached.
 constexpr std::chrono::milliseconds kLookAgain{50};
 

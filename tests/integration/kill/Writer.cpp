@@ -13,7 +13,6 @@ using okv::ConnectionError;
 using okv::Value;
 using Data = OKVDataMng_protocol;
 
-constexpr std::int32_t kUser = 1;
 constexpr std::size_t kSharedKeys = 24;
 constexpr int kWriterWithTool = 0;
 constexpr std::chrono::milliseconds kConnectAgain{2};

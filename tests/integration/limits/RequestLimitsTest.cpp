@@ -21,7 +21,7 @@ using Kind = okv::Refusal::Kind;
 
 namespace {
 
-const datacenter::Limits kLimits;
+const datacenter::Limits kBounds;
 
 /// A string whose encoding takes so many bytes, of which 5 tell its length.
 std::string encodedAs(std::size_t bytes) {
@@ -97,7 +97,7 @@ std::size_t importSizeOf(const Dictionary& whole) {
 Dictionary exportWith(std::size_t first, std::size_t second) {
     Dictionary users;
     for (const auto& [user, listBytes] : {std::pair("1", first), std::pair("2", second)})
-        users.set(user, Dictionary{{"settings", numbered(0, 31, encodedAs(kLimits.valueBytes))},
+        users.set(user, Dictionary{{"settings", numbered(0, 31, encodedAs(kBounds.valueBytes))},
                                    {"hammer_list", encodedAs(listBytes)}});
     return {{"format", 1}, {"users", std::move(users)}};
 }
@@ -112,8 +112,8 @@ Dictionary exportOf(std::size_t payload) {
 }  // namespace
 
 TEST_F(RequestLimits, ARequestIsOneMebibyte) {
-    EXPECT_FALSE(refusalOf(*root_, readOf(kLimits.requestBytes)));
-    const auto refusal = refusalOf(*root_, readOf(kLimits.requestBytes + 1));
+    EXPECT_FALSE(refusalOf(*root_, readOf(kBounds.requestBytes)));
+    const auto refusal = refusalOf(*root_, readOf(kBounds.requestBytes + 1));
     ASSERT_TRUE(refusal);
     EXPECT_EQ(refusal->kind, Kind::tooLarge);
     EXPECT_EQ(okv::send<&Data::defaultUserIdPT>(*root_), 1) << "the connection lives";
@@ -124,18 +124,18 @@ TEST_F(RequestLimits, AFarLargerRequestEndsTheConnectionOfWhoIsNoAdministrator) 
     EXPECT_EQ(asAccount(23456,
                         [] {
                             const auto root = connect();
-                            if (!refusalOf(*root, readOf(2 * kLimits.requestBytes))) return 1;
+                            if (!refusalOf(*root, readOf(2 * kBounds.requestBytes))) return 1;
                             const auto kind = failureOf(
-                                [&] { refusalOf(*root, readOf(2 * kLimits.requestBytes + 1)); });
+                                [&] { refusalOf(*root, readOf(2 * kBounds.requestBytes + 1)); });
                             return kind ? 0 : 2;
                         }),
               0);
-    EXPECT_TRUE(refusalOf(*root_, readOf(2 * kLimits.requestBytes + 1)));
+    EXPECT_TRUE(refusalOf(*root_, readOf(2 * kBounds.requestBytes + 1)));
 }
 
 TEST_F(RequestLimits, AnImportIsSixteenMebibytes) {
-    auto whole = exportOf(kLimits.importBytes);
-    ASSERT_EQ(importSizeOf(whole), kLimits.importBytes);
+    auto whole = exportOf(kBounds.importBytes);
+    ASSERT_EQ(importSizeOf(whole), kBounds.importBytes);
     EXPECT_TRUE(okv::send<&Admin::importDataPT>(*root_, whole));
     EXPECT_EQ(taken("users"), 2);
     whole.set("f", 1);
@@ -157,19 +157,19 @@ TEST_F(RequestLimits, AFrameThatAnnouncesMoreEndsTheConnectionWithTheReason) {
 }
 
 TEST_F(RequestLimits, AValueIs256Kibibytes) {
-    expectAccepted(set("k", encodedAs(kLimits.valueBytes)), "at the limit");
-    expectRefused(set("k", encodedAs(kLimits.valueBytes + 1)), Kind::tooLarge, "beyond");
-    EXPECT_EQ(get(*root_, "k"), Value(encodedAs(kLimits.valueBytes)));
+    expectAccepted(set("k", encodedAs(kBounds.valueBytes)), "at the limit");
+    expectRefused(set("k", encodedAs(kBounds.valueBytes + 1)), Kind::tooLarge, "beyond");
+    EXPECT_EQ(get(*root_, "k"), Value(encodedAs(kBounds.valueBytes)));
 }
 
 TEST_F(RequestLimits, AKeyIs255Bytes) {
-    expectAccepted(set(std::string(kLimits.keyBytes, 'k'), 1), "at the limit");
-    expectRefused(set(std::string(kLimits.keyBytes + 1, 'k'), 1), Kind::invalid, "beyond");
+    expectAccepted(set(std::string(kBounds.keyBytes, 'k'), 1), "at the limit");
+    expectRefused(set(std::string(kBounds.keyBytes + 1, 'k'), 1), Kind::invalid, "beyond");
 }
 
 TEST_F(RequestLimits, AValueIsNestedSixtyDeepAndAMessageSixtyFour) {
-    expectAccepted(set("k", nested(kLimits.nesting)), "at the limit");
-    expectRefused(set("k", nested(kLimits.nesting + 1)), Kind::invalid, "beyond");
+    expectAccepted(set("k", nested(kBounds.nesting)), "at the limit");
+    expectRefused(set("k", nested(kBounds.nesting + 1)), Kind::invalid, "beyond");
     expectRefused(set("k", nested(okv::kMaxValueDepth)), Kind::invalid, "at the wire's");
     EXPECT_THROW(set("k", nested(okv::kMaxValueDepth + 1)), std::length_error);
     std::string frame;
@@ -178,11 +178,11 @@ TEST_F(RequestLimits, AValueIsNestedSixtyDeepAndAMessageSixtyFour) {
     okv::finishRequest(frame);
     EXPECT_EQ(failureOf([&] { root_->port().call(frame); }),
               okv::ConnectionError::Kind::notUnderstood);
-    EXPECT_EQ(get(*root_, "k"), nested(kLimits.nesting)) << "and the connection lives";
+    EXPECT_EQ(get(*root_, "k"), nested(kBounds.nesting)) << "and the connection lives";
 }
 
 TEST_F(RequestLimits, AUserHasTenThousandKeys) {
-    const auto count = static_cast<int>(kLimits.scopeKeys);
+    const auto count = static_cast<int>(kBounds.scopeKeys);
     expectRefused(setAll(numbered(0, count + 1)), Kind::tooLarge, "at once");
     EXPECT_EQ(taken("scope_keys"), 0) << "nothing of it was stored";
     expectAccepted(setAll(numbered(0, count)), "at the limit");
@@ -194,13 +194,13 @@ TEST_F(RequestLimits, AUserHasTenThousandKeys) {
 }
 
 TEST_F(RequestLimits, AUserHasSixteenMebibytes) {
-    const auto whole = encodedAs(kLimits.valueBytes);
+    const auto whole = encodedAs(kBounds.valueBytes);
     for (int i = 10; i < 73; ++i) expectAccepted(set("k" + std::to_string(i), whole), "to fill it");
-    const auto left = static_cast<std::size_t>(kLimits.scopeBytes - taken("scope_bytes"));
-    ASSERT_LE(left, kLimits.valueBytes);
+    const auto left = static_cast<std::size_t>(kBounds.scopeBytes - taken("scope_bytes"));
+    ASSERT_LE(left, kBounds.valueBytes);
     expectRefused(set("last", encodedAs(left - 4 + 1)), Kind::tooLarge, "beyond");
     expectAccepted(set("last", encodedAs(left - 4)), "at the limit");
-    EXPECT_EQ(taken("scope_bytes"), kLimits.scopeBytes);
+    EXPECT_EQ(taken("scope_bytes"), kBounds.scopeBytes);
     expectRefused(set("x", 1), Kind::tooLarge, "beyond");
     expectRefused(okv::sendForAnswer<&Data::setOkvHammerListPT_value>(*root_, 1, Array{}),
                   Kind::tooLarge, "a list beyond");
@@ -210,12 +210,12 @@ TEST_F(RequestLimits, AUserHasSixteenMebibytes) {
 
 TEST_F(RequestLimits, AReadNamesTenThousandKeys) {
     Array keys;
-    for (std::size_t i = 0; i < kLimits.readKeys; ++i) keys.emplace_back("k" + std::to_string(i));
+    for (std::size_t i = 0; i < kBounds.readKeys; ++i) keys.emplace_back("k" + std::to_string(i));
     auto beyond = keys;
     beyond.emplace_back("one more");
     const auto expectOf = [](const auto& met, const auto& passed) {
         EXPECT_FALSE(met.refusal);
-        EXPECT_EQ(met.value.template as<Dictionary>().size(), kLimits.readKeys);
+        EXPECT_EQ(met.value.template as<Dictionary>().size(), kBounds.readKeys);
         expectRefused(passed, Kind::tooLarge, "one more");
     };
     expectOf(okv::sendForAnswer<&Data::okvDataAllPT>(*root_, keys),

@@ -65,8 +65,8 @@ std::vector<Row> administration() {
     const Dictionary processes{{"name", "identifier"}};
     const Dictionary whole{{"format", 1}, {"everybody", Dictionary{{kKey, "imported"}}}};
     return {{"setOKVCommonDataAllPT:", Class::administer, {Dictionary{{kKey, "all"}}}},
-            {"lockOKVDataPT:", Class::administer, {Array{kKey}}},
-            {"unlockOKVDataPT:", Class::administer, {Array{kKey}}},
+            {"lockOKVDataPT:", Class::administer, {Value(Array{kKey})}},
+            {"unlockOKVDataPT:", Class::administer, {Value(Array{kKey})}},
             {"setOkvFltProcWhiteListPT:", Class::administer, {processes}},
             {"setOkvFltProcBlackListPT:", Class::administer, {processes}},
             {"setOkvKillWebProcListPT:", Class::administer, {processes}},
@@ -102,7 +102,7 @@ std::string_view typesOf(std::string_view selector) {
     throw std::logic_error("neither protocol has " + std::string(selector));
 }
 
-void write(okv::CborWriter& out, char type, const Value& argument) {
+void writeArgument(okv::CborWriter& out, char type, const Value& argument) {
     if (argument.isNil()) return out.reference(7);  // a client of the caller's
     if (type == 'i') return out.integer(argument.as<std::int64_t>());
     if (type == 'c') return out.boolean(argument.as<bool>());
@@ -123,7 +123,7 @@ std::string requestFor(const Row& row) {
     std::string frame;
     okv::beginRequest(frame, okv::kRootObject, row.selector, types);
     okv::CborWriter out(frame);
-    for (std::size_t i = 0; i < types.size(); ++i) write(out, types[i], row.arguments[i]);
+    for (std::size_t i = 0; i < types.size(); ++i) writeArgument(out, types[i], row.arguments[i]);
     okv::finishRequest(frame);
     return frame;
 }

@@ -2,6 +2,8 @@
 
 #include <Verb.h>
 
+#include "support/Sanitizers.h"
+
 #include <OKVTesting/FakeDataServer.h>
 #include <OKVTesting/RuntimeFolder.h>
 
@@ -24,11 +26,7 @@ struct Row {
 
 /// What scripts are promised, the start of the process included; a sanitizer takes its own time to
 /// start.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double kAtOnce = 0.5;
-#else
-constexpr double kAtOnce = 0.1;
-#endif
+constexpr double kAtOnce = support::kIsSanitized ? 0.5 : 0.1;
 constexpr int kTries = 20;
 
 class Usage : public testing::TestWithParam<Row> {};

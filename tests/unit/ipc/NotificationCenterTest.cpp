@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr char kName[] = "jp.nrm.test.notice";
+constexpr char kNotice[] = "jp.nrm.test.notice";
 
 NotificationCenter& center() {
     return NotificationCenter::defaultCenter();
@@ -38,7 +38,7 @@ public:
 protected:
     void dealloc() override {
         if (onDealloc) onDealloc();
-        center().removeObserver(*this, kName);
+        center().removeObserver(*this, kNotice);
     }
 
 private:
@@ -53,10 +53,10 @@ protected:
     }
     okv::Ref<Listener> listening(const std::string& name, const okv::Object* object = nullptr) {
         auto made = listener(name);
-        center().addObserver(*made, &Listener::hear, kName, object);
+        center().addObserver(*made, &Listener::hear, kNotice, object);
         return made;
     }
-    std::vector<std::string> post(okv::Object* object = nullptr, const char* name = kName) {
+    std::vector<std::string> post(okv::Object* object = nullptr, const char* name = kNotice) {
         calls_.clear();
         center().post({name, object});
         return calls_;
@@ -78,11 +78,11 @@ TEST_F(NotificationCenterTest, ObserversAreCalledInTheOrderOfTheirRegistration) 
 TEST_F(NotificationCenterTest, AnObserverAddedTwiceIsCalledTwiceAndRemovedAtOnce) {
     const auto a = listening("a");
     const auto b = listening("b");
-    center().addObserver(*a, &Listener::hearElsewhere, kName);
+    center().addObserver(*a, &Listener::hearElsewhere, kNotice);
     EXPECT_THAT(post(), ElementsAre("a", "b", "a elsewhere"));
-    center().removeObserver(*a, kName);
+    center().removeObserver(*a, kNotice);
     EXPECT_THAT(post(), ElementsAre("b"));
-    center().removeObserver(*a, kName);
+    center().removeObserver(*a, kNotice);
 }
 
 TEST_F(NotificationCenterTest, AnObserverOfOneObjectHearsOfThatAlone) {
@@ -100,8 +100,8 @@ TEST_F(NotificationCenterTest, RemovingForOneObjectLeavesTheOtherRegistrations) 
     const auto one = okv::make<okv::Object>();
     const auto two = okv::make<okv::Object>();
     const auto a = listening("a", one.get());
-    center().addObserver(*a, &Listener::hearElsewhere, kName, two.get());
-    center().removeObserver(*a, kName, one.get());
+    center().addObserver(*a, &Listener::hearElsewhere, kNotice, two.get());
+    center().removeObserver(*a, kNotice, one.get());
     EXPECT_THAT(post(one.get()), IsEmpty());
     EXPECT_THAT(post(two.get()), ElementsAre("a elsewhere"));
 }
@@ -115,14 +115,14 @@ TEST_F(NotificationCenterTest, RemovingForAnotherNameChangesNothing) {
 TEST_F(NotificationCenterTest, WhatAnEarlierCallbackRemovedIsNotCalledAnyMore) {
     const auto a = listening("a");
     const auto b = listening("b");
-    a->onHearing = [&] { center().removeObserver(*b, kName); };
+    a->onHearing = [&] { center().removeObserver(*b, kNotice); };
     EXPECT_THAT(post(), ElementsAre("a"));
 }
 
 TEST_F(NotificationCenterTest, ACallbackMayRemoveItself) {
     const auto a = listening("a");
-    center().addObserver(*a, &Listener::hearElsewhere, kName);
-    a->onHearing = [&] { center().removeObserver(*a, kName); };
+    center().addObserver(*a, &Listener::hearElsewhere, kNotice);
+    a->onHearing = [&] { center().removeObserver(*a, kNotice); };
     EXPECT_THAT(post(), ElementsAre("a"));
     EXPECT_THAT(post(), IsEmpty());
 }
@@ -169,7 +169,7 @@ TEST_F(NotificationCenterTest, ACallbackMayPost) {
     const auto a = listening("a");
     int depth = 0;
     a->onHearing = [&] {
-        if (++depth < 3) center().post({kName, nullptr});
+        if (++depth < 3) center().post({kNotice, nullptr});
     };
     EXPECT_EQ(post().size(), 3U);
 }
@@ -186,16 +186,16 @@ TEST_F(NotificationCenterTest, ObserversComeAndGoWhileAnotherThreadPosts) {
         std::atomic<int> heard{0};
 
     protected:
-        void dealloc() override { center().removeObserver(*this, kName); }
+        void dealloc() override { center().removeObserver(*this, kNotice); }
     };
     const auto constant = okv::make<Counter>();
-    center().addObserver(*constant, &Counter::hear, kName);
+    center().addObserver(*constant, &Counter::hear, kNotice);
     std::thread poster([] {
-        for (int i = 0; i < 1000; ++i) center().post({kName, nullptr});
+        for (int i = 0; i < 1000; ++i) center().post({kNotice, nullptr});
     });
     for (int i = 0; i < 500; ++i) {
         const auto passing = okv::make<Counter>();
-        center().addObserver(*passing, &Counter::hear, kName);
+        center().addObserver(*passing, &Counter::hear, kNotice);
     }
     poster.join();
     EXPECT_EQ(constant->heard, 1000);

@@ -12,8 +12,6 @@ using okv::Dictionary;
 using okv::Null;
 using Manager = okvDataManager;
 
-const std::int32_t kAccount = static_cast<std::int32_t>(getuid());
-
 }  // namespace
 
 Operation forwarding(std::string name, OperationCall call, ReceivedMessage message, Value answer,

@@ -1,7 +1,5 @@
 #include "Support.h"
 
-#include <unistd.h>
-
 // The session user, and the server's clock.
 
 namespace dmtest {
@@ -21,8 +19,6 @@ protected:
 
     LoggedEntries entries_;
 };
-
-const std::int64_t kAccount = getuid();
 
 std::string switchLine(std::int64_t account, std::int32_t user) {
     return "->userSwitch! osUid:" + std::to_string(account) +

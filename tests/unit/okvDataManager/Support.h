@@ -10,6 +10,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -58,6 +61,8 @@ inline constexpr char kConnectedLine[] = "-> connect is ok!";
 inline constexpr char kFailLine[] = "DataSrv is connect fail. (connection fail...)";
 inline constexpr char kDisconnectLine[] = "DataFW: disConnectSrv. ";
 inline constexpr char kReconnectLine[] = "DataFW: reconnectSrv.";
+/// The account that the tests run as.
+inline const std::int64_t kAccount = getuid();
 
 /// All lines of NSLog for the life of the object; a watcher sees each as it is logged.
 class LoggedLines {

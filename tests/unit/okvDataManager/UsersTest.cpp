@@ -16,7 +16,6 @@ using testing::IsEmpty;
 
 using UsersTest = ConnectedTest;
 
-const std::int64_t kAccount = getuid();
 constexpr std::int64_t kBeyond32Bits = std::int64_t{1} << 32;
 
 }  // namespace

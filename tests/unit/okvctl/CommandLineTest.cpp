@@ -33,12 +33,12 @@ std::string mistakeIn(const Words& words) {
     return "none";
 }
 
-struct Row {
+struct MistakeRow {
     Words words;
     const char* mistake;
 };
 
-class Mistake : public testing::TestWithParam<Row> {};
+class Mistake : public testing::TestWithParam<MistakeRow> {};
 
 }  // namespace
 
@@ -96,15 +96,16 @@ TEST_P(Mistake, IsNamed) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, Mistake,
-    testing::Values(Row{{"--jsno"}, "did you mean --json?"}, Row{{"--json=1"}, "takes no value"},
-                    Row{{"--json", "--format", "table"}, "two formats were asked for"},
-                    Row{{"--format=plist", "--json"}, "two formats were asked for"},
-                    Row{{"--format", "xml"}, "table|json|plist|raw, not 'xml'"},
-                    Row{{"--wait=1"}, "takes no value"}, Row{{"--user"}, "needs a value"},
-                    Row{{"--user", "0"}, "not '0'"}, Row{{"--user", "-1"}, "not '-1'"},
-                    Row{{"--user", "2147483648"}, "from 1 on"}, Row{{"--user="}, "not ''"},
-                    Row{{"--timeout", "nan"}, "not 'nan'"}, Row{{"--timeout", "-1"}, "not '-1'"},
-                    Row{{"--timeout", "inf"}, "not 'inf'"},
-                    Row{{"--type", "integer"}, "string|int|bool|real|date|data|json|null"},
-                    Row{{"--since", "-1"}, "from 0 on"}, Row{{"--since", "x"}, "from 0 on"},
-                    Row{{"--runtime-dir", ""}, "names no folder"}, Row{{""}, "empty"}));
+    testing::Values(
+        MistakeRow{{"--jsno"}, "did you mean --json?"}, MistakeRow{{"--json=1"}, "takes no value"},
+        MistakeRow{{"--json", "--format", "table"}, "two formats were asked for"},
+        MistakeRow{{"--format=plist", "--json"}, "two formats were asked for"},
+        MistakeRow{{"--format", "xml"}, "table|json|plist|raw, not 'xml'"},
+        MistakeRow{{"--wait=1"}, "takes no value"}, MistakeRow{{"--user"}, "needs a value"},
+        MistakeRow{{"--user", "0"}, "not '0'"}, MistakeRow{{"--user", "-1"}, "not '-1'"},
+        MistakeRow{{"--user", "2147483648"}, "from 1 on"}, MistakeRow{{"--user="}, "not ''"},
+        MistakeRow{{"--timeout", "nan"}, "not 'nan'"}, MistakeRow{{"--timeout", "-1"}, "not '-1'"},
+        MistakeRow{{"--timeout", "inf"}, "not 'inf'"},
+        MistakeRow{{"--type", "integer"}, "string|int|bool|real|date|data|json|null"},
+        MistakeRow{{"--since", "-1"}, "from 0 on"}, MistakeRow{{"--since", "x"}, "from 0 on"},
+        MistakeRow{{"--runtime-dir", ""}, "names no folder"}, MistakeRow{{""}, "empty"}));

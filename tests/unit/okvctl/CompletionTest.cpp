@@ -13,7 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
-using Words = std::vector<std::string_view>;
+using Line = std::vector<std::string_view>;
 
 namespace {
 
@@ -35,18 +35,18 @@ Sources sources() {
     return known;
 }
 
-std::vector<std::string> wordsFor(const Words& words) {
+std::vector<std::string> wordsFor(const Line& words) {
     std::vector<std::string> found;
     for (auto& candidate : complete(words, sources()).words) found.push_back(candidate.word);
     return found;
 }
 
-struct Row {
-    Words words;
+struct CompletionRow {
+    Line words;
     std::vector<std::string> found;
 };
 
-class Completes : public testing::TestWithParam<Row> {};
+class Completes : public testing::TestWithParam<CompletionRow> {};
 
 }  // namespace
 
@@ -57,34 +57,42 @@ TEST_P(Completes, WhatIsWritten) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, Completes,
     testing::Values(
-        Row{{"unl"}, {"unlock"}}, Row{{"--json", "unl"}, {"unlock"}},
-        Row{{"--user", "1", "unl"}, {"unlock"}}, Row{{"get", "dc-"}, {"dc-a", "dc-b c"}},
-        Row{{"get", "dc-a", "o"}, {"other"}}, Row{{"get", "--user", "1"}, {"1", "12"}},
-        Row{{"get", "--user=1"}, {"--user=1", "--user=12"}}, Row{{"set", "o"}, {"other="}},
-        Row{{"set", "other=1"}, {}}, Row{{"unlock", ""}, {"dc-b c"}}, Row{{"list", "o"}, {"other"}},
-        Row{{"list", "dc-a", ""}, {}}, Row{{"users", "s"}, {"switch"}},
-        Row{{"users", "switch", ""}, {"501"}}, Row{{"users", "switch", "501", "12"}, {"12"}},
-        Row{{"users", "default", ""}, {}}, Row{{"users", "remove", ""}, {"1", "12"}},
-        Row{{"lists", "g"}, {"get"}}, Row{{"lists", "get", "h"}, {"hammer_list"}},
-        Row{{"procs", "k"}, {"kill"}}, Row{{"procs", "kill", "r"}, {"remove"}},
-        Row{{"procs", "kill", "remove", ""}, {"kill.app"}},
-        Row{{"procs", "kill", "remove", "a", ""}, {"kill.app"}},
-        Row{{"procs", "kill", "add", ""}, {}}, Row{{"procs", "system", ""}, {}},
-        Row{{"clock", "st"}, {"start", "stop"}}, Row{{"completions", "z"}, {"zsh"}},
-        Row{{"--form"}, {"--format"}}, Row{{"--format", "p"}, {"plist"}},
-        Row{{"--format=j"}, {"--format=json"}}, Row{{"set", "--type", "da"}, {"date", "data"}},
-        Row{{"get", "--ty"}, {}}, Row{{"set", "--ty"}, {"--type"}},
-        Row{{"import", "--d"}, {"--dry-run"}}, Row{{"get", "--", "--us"}, {}},
-        Row{{"nonsense", "x"}, {}}, Row{{"complet"}, {"completions"}}, Row{{"--no-such="}, {}}));
+        CompletionRow{{"unl"}, {"unlock"}}, CompletionRow{{"--json", "unl"}, {"unlock"}},
+        CompletionRow{{"--user", "1", "unl"}, {"unlock"}},
+        CompletionRow{{"get", "dc-"}, {"dc-a", "dc-b c"}},
+        CompletionRow{{"get", "dc-a", "o"}, {"other"}},
+        CompletionRow{{"get", "--user", "1"}, {"1", "12"}},
+        CompletionRow{{"get", "--user=1"}, {"--user=1", "--user=12"}},
+        CompletionRow{{"set", "o"}, {"other="}}, CompletionRow{{"set", "other=1"}, {}},
+        CompletionRow{{"unlock", ""}, {"dc-b c"}}, CompletionRow{{"list", "o"}, {"other"}},
+        CompletionRow{{"list", "dc-a", ""}, {}}, CompletionRow{{"users", "s"}, {"switch"}},
+        CompletionRow{{"users", "switch", ""}, {"501"}},
+        CompletionRow{{"users", "switch", "501", "12"}, {"12"}},
+        CompletionRow{{"users", "default", ""}, {}},
+        CompletionRow{{"users", "remove", ""}, {"1", "12"}}, CompletionRow{{"lists", "g"}, {"get"}},
+        CompletionRow{{"lists", "get", "h"}, {"hammer_list"}},
+        CompletionRow{{"procs", "k"}, {"kill"}}, CompletionRow{{"procs", "kill", "r"}, {"remove"}},
+        CompletionRow{{"procs", "kill", "remove", ""}, {"kill.app"}},
+        CompletionRow{{"procs", "kill", "remove", "a", ""}, {"kill.app"}},
+        CompletionRow{{"procs", "kill", "add", ""}, {}}, CompletionRow{{"procs", "system", ""}, {}},
+        CompletionRow{{"clock", "st"}, {"start", "stop"}},
+        CompletionRow{{"completions", "z"}, {"zsh"}}, CompletionRow{{"--form"}, {"--format"}},
+        CompletionRow{{"--format", "p"}, {"plist"}},
+        CompletionRow{{"--format=j"}, {"--format=json"}},
+        CompletionRow{{"set", "--type", "da"}, {"date", "data"}},
+        CompletionRow{{"get", "--ty"}, {}}, CompletionRow{{"set", "--ty"}, {"--type"}},
+        CompletionRow{{"import", "--d"}, {"--dry-run"}}, CompletionRow{{"get", "--", "--us"}, {}},
+        CompletionRow{{"nonsense", "x"}, {}}, CompletionRow{{"complet"}, {"completions"}},
+        CompletionRow{{"--no-such="}, {}}));
 
 TEST(Completion, OfFilesAndFoldersIsLeftToTheShell) {
-    EXPECT_EQ(complete(Words{"import", "x"}, sources()).kind, Candidates::Kind::files);
-    EXPECT_EQ(complete(Words{"--runtime-dir", ""}, sources()).kind, Candidates::Kind::folders);
+    EXPECT_EQ(complete(Line{"import", "x"}, sources()).kind, Candidates::Kind::files);
+    EXPECT_EQ(complete(Line{"--runtime-dir", ""}, sources()).kind, Candidates::Kind::folders);
 }
 
 TEST(Completion, LeavesAKeyThatIsToBeSetOpen) {
-    EXPECT_FALSE(complete(Words{"set", "o"}, sources()).ended);
-    EXPECT_TRUE(complete(Words{"get", "o"}, sources()).ended);
+    EXPECT_FALSE(complete(Line{"set", "o"}, sources()).ended);
+    EXPECT_TRUE(complete(Line{"get", "o"}, sources()).ended);
 }
 
 TEST(Completion, OfNothingOffersEveryVerbButTheHiddenOnes) {
@@ -99,18 +107,18 @@ TEST(Completion, OfNothingOffersEveryVerbButTheHiddenOnes) {
 }
 
 TEST(Completion, FindsAnOptionsValueInBothForms) {
-    EXPECT_EQ(optionIn(Words{"get", "--user", "5"}, "--user"), "5");
-    EXPECT_EQ(optionIn(Words{"--user=6", "get"}, "--user"), "6");
-    EXPECT_EQ(optionIn(Words{"--user"}, "--user"), "");
-    EXPECT_EQ(optionIn(Words{"--", "--user=6"}, "--user"), "");
-    EXPECT_EQ(optionIn(Words{"--users=6"}, "--user"), "");
+    EXPECT_EQ(optionIn(Line{"get", "--user", "5"}, "--user"), "5");
+    EXPECT_EQ(optionIn(Line{"--user=6", "get"}, "--user"), "6");
+    EXPECT_EQ(optionIn(Line{"--user"}, "--user"), "");
+    EXPECT_EQ(optionIn(Line{"--", "--user=6"}, "--user"), "");
+    EXPECT_EQ(optionIn(Line{"--users=6"}, "--user"), "");
 }
 
 TEST(Completion, PutsWordsTogetherThatTheShellCut) {
-    EXPECT_THAT(joinedAtSigns(Words{"get", "--user", "=", "1"}), ElementsAre("get", "--user=1"));
-    EXPECT_THAT(joinedAtSigns(Words{"--user", "="}), ElementsAre("--user="));
-    EXPECT_THAT(joinedAtSigns(Words{"a", ":", "b", "c"}), ElementsAre("a:b", "c"));
-    EXPECT_THAT(joinedAtSigns(Words{}), IsEmpty());
+    EXPECT_THAT(joinedAtSigns(Line{"get", "--user", "=", "1"}), ElementsAre("get", "--user=1"));
+    EXPECT_THAT(joinedAtSigns(Line{"--user", "="}), ElementsAre("--user="));
+    EXPECT_THAT(joinedAtSigns(Line{"a", ":", "b", "c"}), ElementsAre("a:b", "c"));
+    EXPECT_THAT(joinedAtSigns(Line{}), IsEmpty());
 }
 
 TEST(CompletionScript, IsThereForThreeShells) {

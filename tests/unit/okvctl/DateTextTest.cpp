@@ -9,13 +9,13 @@ using okvctl::parseDate;
 
 namespace {
 
-struct Row {
+struct DateRow {
     const char* text;
     double seconds;
 };
 
-class DateText : public testing::TestWithParam<Row> {};
-class ReadDate : public testing::TestWithParam<Row> {};
+class DateText : public testing::TestWithParam<DateRow> {};
+class ReadDate : public testing::TestWithParam<DateRow> {};
 class NoDate : public testing::TestWithParam<const char*> {};
 
 }  // namespace
@@ -26,25 +26,26 @@ TEST_P(DateText, IsWrittenSoAndReadsBack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, DateText,
-                         testing::Values(Row{"1970-01-01T00:00:00Z", 0},
-                                         Row{"2026-01-31T23:59:59.25Z", 1769903999.25},
-                                         Row{"2026-11-21T08:23:14.714483Z", 1795249394.714483},
-                                         Row{"0001-01-01T00:00:00Z", -62135596800.0},
-                                         Row{"9999-12-31T23:59:59Z", 253402300799.0},
-                                         Row{"@-0.5", -0.5}, Row{"@253402300800", 253402300800.0},
-                                         Row{"@1e+300", 1e300}, Row{"@5e-324", 5e-324},
-                                         Row{"@inf", 1.0 / 0.0}));
+                         testing::Values(DateRow{"1970-01-01T00:00:00Z", 0},
+                                         DateRow{"2026-01-31T23:59:59.25Z", 1769903999.25},
+                                         DateRow{"2026-11-21T08:23:14.714483Z", 1795249394.714483},
+                                         DateRow{"0001-01-01T00:00:00Z", -62135596800.0},
+                                         DateRow{"9999-12-31T23:59:59Z", 253402300799.0},
+                                         DateRow{"@-0.5", -0.5},
+                                         DateRow{"@253402300800", 253402300800.0},
+                                         DateRow{"@1e+300", 1e300}, DateRow{"@5e-324", 5e-324},
+                                         DateRow{"@inf", 1.0 / 0.0}));
 
 TEST_P(ReadDate, IsReadSo) {
     EXPECT_EQ(parseDate(GetParam().text), Date{GetParam().seconds});
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ReadDate,
-                         testing::Values(Row{"2026-02-01T08:59:59+09:00", 1769903999},
-                                         Row{"2026-01-31T18:29:59-05:30", 1769903999},
-                                         Row{"1969-12-31T23:59:59.5Z", -0.5}, Row{"@0", 0},
-                                         Row{"@1.5", 1.5},
-                                         Row{"2026-01-31T23:59:59.250Z", 1769903999.25}));
+                         testing::Values(DateRow{"2026-02-01T08:59:59+09:00", 1769903999},
+                                         DateRow{"2026-01-31T18:29:59-05:30", 1769903999},
+                                         DateRow{"1969-12-31T23:59:59.5Z", -0.5}, DateRow{"@0", 0},
+                                         DateRow{"@1.5", 1.5},
+                                         DateRow{"2026-01-31T23:59:59.250Z", 1769903999.25}));
 
 TEST_P(NoDate, IsRefused) {
     EXPECT_EQ(parseDate(GetParam()), std::nullopt);

@@ -30,12 +30,12 @@ Value nested(std::size_t depth, bool numberKeys) {
     return value;
 }
 
-struct Row {
+struct JsonRow {
     Value value;
     const char* json;
 };
 
-class JsonForm : public testing::TestWithParam<Row> {};
+class JsonForm : public testing::TestWithParam<JsonRow> {};
 
 struct BadRow {
     const char* name;
@@ -56,29 +56,30 @@ TEST_P(JsonForm, IsWrittenSoAndReadsBackAsItself) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, JsonForm,
     testing::Values(
-        Row{Null{}, "null"}, Row{Value(), R"({"$nil":true})"}, Row{true, "true"},
-        Row{false, "false"}, Row{0, "0"}, Row{INT64_MIN, "-9223372036854775808"},
-        Row{INT64_MAX, "9223372036854775807"}, Row{1.0, "1.0"}, Row{-0.5, "-0.5"},
-        Row{1e300, "1e+300"}, Row{5e-324, "5e-324"}, Row{0.1, "0.1"},
-        Row{std::nan(""), R"({"$real":"nan"})"}, Row{kInfinity, R"({"$real":"inf"})"},
-        Row{-kInfinity, R"({"$real":"-inf"})"}, Row{"", R"("")"},
-        Row{"a\nb\"\\\x01", R"("a\nb\"\\\u0001")"}, Row{"\xE3\x81\x82", "\"\xE3\x81\x82\""},
-        Row{std::string("a\0b", 3), R"("a\u0000b")"}, Row{"\xFF", R"({"$bytes":"/w=="})"},
-        Row{"\xED\xA0\x80", R"({"$bytes":"7aCA"})"},
-        Row{Date{1769903999}, R"({"$date":"2026-01-31T23:59:59Z"})"},
-        Row{Date{1769903999.25}, R"({"$date":"2026-01-31T23:59:59.25Z"})"},
-        Row{Date{-1}, R"({"$date":"1969-12-31T23:59:59Z"})"}, Row{Date{-0.5}, R"({"$date":-0.5})"},
-        Row{Date{1e300}, R"({"$date":1e+300})"}, Row{Date{std::nan("")}, R"({"$date":"nan"})"},
-        Row{Date{kInfinity}, R"({"$date":"inf"})"}, Row{Data{}, R"({"$data":""})"},
-        Row{Data{0, 255}, R"({"$data":"AP8="})"}, Row{Array{}, "[]"},
-        Row{Array{1, Null{}, Value()}, R"([1,null,{"$nil":true}])"}, Row{Dictionary{}, "{}"},
-        Row{Dictionary{{"b", 1}, {"a", 2}}, R"({"b":1,"a":2})"},
-        Row{Dictionary{{"$date", 1}}, R"({"$dictionary":[["$date",1]]})"},
-        Row{Dictionary{{"$a", 1}, {"$b", 2}}, R"({"$a":1,"$b":2})"},
-        Row{Dictionary{{1, "x"}, {1.0, "y"}, {true, "z"}},
-            R"({"$dictionary":[[1,"x"],[1.0,"y"],[true,"z"]]})"},
-        Row{Dictionary{{"\xFF", 1}, {"a", 2}},
-            R"({"$dictionary":[[{"$bytes":"/w=="},1],["a",2]]})"}));
+        JsonRow{Null{}, "null"}, JsonRow{Value(), R"({"$nil":true})"}, JsonRow{true, "true"},
+        JsonRow{false, "false"}, JsonRow{0, "0"}, JsonRow{INT64_MIN, "-9223372036854775808"},
+        JsonRow{INT64_MAX, "9223372036854775807"}, JsonRow{1.0, "1.0"}, JsonRow{-0.5, "-0.5"},
+        JsonRow{1e300, "1e+300"}, JsonRow{5e-324, "5e-324"}, JsonRow{0.1, "0.1"},
+        JsonRow{std::nan(""), R"({"$real":"nan"})"}, JsonRow{kInfinity, R"({"$real":"inf"})"},
+        JsonRow{-kInfinity, R"({"$real":"-inf"})"}, JsonRow{"", R"("")"},
+        JsonRow{"a\nb\"\\\x01", R"("a\nb\"\\\u0001")"}, JsonRow{"\xE3\x81\x82", "\"\xE3\x81\x82\""},
+        JsonRow{std::string("a\0b", 3), R"("a\u0000b")"}, JsonRow{"\xFF", R"({"$bytes":"/w=="})"},
+        JsonRow{"\xED\xA0\x80", R"({"$bytes":"7aCA"})"},
+        JsonRow{Date{1769903999}, R"({"$date":"2026-01-31T23:59:59Z"})"},
+        JsonRow{Date{1769903999.25}, R"({"$date":"2026-01-31T23:59:59.25Z"})"},
+        JsonRow{Date{-1}, R"({"$date":"1969-12-31T23:59:59Z"})"},
+        JsonRow{Date{-0.5}, R"({"$date":-0.5})"}, JsonRow{Date{1e300}, R"({"$date":1e+300})"},
+        JsonRow{Date{std::nan("")}, R"({"$date":"nan"})"},
+        JsonRow{Date{kInfinity}, R"({"$date":"inf"})"}, JsonRow{Data{}, R"({"$data":""})"},
+        JsonRow{Data{0, 255}, R"({"$data":"AP8="})"}, JsonRow{Array{}, "[]"},
+        JsonRow{Array{1, Null{}, Value()}, R"([1,null,{"$nil":true}])"},
+        JsonRow{Dictionary{}, "{}"}, JsonRow{Dictionary{{"b", 1}, {"a", 2}}, R"({"b":1,"a":2})"},
+        JsonRow{Dictionary{{"$date", 1}}, R"({"$dictionary":[["$date",1]]})"},
+        JsonRow{Dictionary{{"$a", 1}, {"$b", 2}}, R"({"$a":1,"$b":2})"},
+        JsonRow{Dictionary{{1, "x"}, {1.0, "y"}, {true, "z"}},
+                R"({"$dictionary":[[1,"x"],[1.0,"y"],[true,"z"]]})"},
+        JsonRow{Dictionary{{"\xFF", 1}, {"a", 2}},
+                R"({"$dictionary":[[{"$bytes":"/w=="},1],["a",2]]})"}));
 
 TEST(JsonForm, NegativeZeroKeepsItsSign) {
     const auto read = parseJson(jsonText(-0.0));

@@ -51,12 +51,12 @@ Dictionary userWith(const char* part, const Value& content) {
     return storeWith("users", Dictionary{{"3", Dictionary{{part, content}}}});
 }
 
-struct Row {
+struct StoreRow {
     Value store;
     const char* mistake;
 };
 
-class Check : public testing::TestWithParam<Row> {};
+class Check : public testing::TestWithParam<StoreRow> {};
 
 std::string told(const okvctl::Difference& difference) {
     return difference.part + "|" + difference.whose + "|" + std::string(difference.change) + "|" +
@@ -156,36 +156,44 @@ TEST_P(Check, NamesTheEntryAndWhatToDo) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, Check,
     testing::Values(
-        Row{5, "the file: a dictionary belongs here, not a int"},
-        Row{Dictionary{}, "no \"format\""},
-        Row{Dictionary{{"format", 2}}, "format: only files of the form 1"},
-        Row{storeWith("evrybody", Dictionary{}), "evrybody: there is no such part; remove it; did"},
-        Row{storeWith("everybody", Array{}), "everybody: a dictionary belongs here, not a array"},
-        Row{storeWith("everybody", Dictionary{{"", 1}}), "1 to 255 bytes"},
-        Row{storeWith("everybody", Dictionary{{"a\nb", 1}}), "rename or remove it"},
-        Row{storeWith("everybody", Dictionary{{std::string(256, 'k'), 1}}), "kkk...: a key is"},
-        Row{storeWith("users", Dictionary{{"0", Dictionary{}}}), "users.0: a user is a number"},
-        Row{storeWith("users", Dictionary{{"x", Dictionary{}}}), "users.x: a user is a number"},
-        Row{storeWith("users", Dictionary{{"1", 5}}), "users.1: a dictionary belongs here"},
-        Row{userWith("setings", Dictionary{}), "users.3.setings: a user has no such part"},
-        Row{userWith("hamer_list", 1), "did you mean hammer_list?"},
-        Row{userWith("settings", Dictionary{{"dc-syscmnf-x", 1}}),
+        StoreRow{5, "the file: a dictionary belongs here, not a int"},
+        StoreRow{Dictionary{}, "no \"format\""},
+        StoreRow{Dictionary{{"format", 2}}, "format: only files of the form 1"},
+        StoreRow{storeWith("evrybody", Dictionary{}),
+                 "evrybody: there is no such part; remove it; did"},
+        StoreRow{storeWith("everybody", Array{}),
+                 "everybody: a dictionary belongs here, not a array"},
+        StoreRow{storeWith("everybody", Dictionary{{"", 1}}), "1 to 255 bytes"},
+        StoreRow{storeWith("everybody", Dictionary{{"a\nb", 1}}), "rename or remove it"},
+        StoreRow{storeWith("everybody", Dictionary{{std::string(256, 'k'), 1}}),
+                 "kkk...: a key is"},
+        StoreRow{storeWith("users", Dictionary{{"0", Dictionary{}}}),
+                 "users.0: a user is a number"},
+        StoreRow{storeWith("users", Dictionary{{"x", Dictionary{}}}),
+                 "users.x: a user is a number"},
+        StoreRow{storeWith("users", Dictionary{{"1", 5}}), "users.1: a dictionary belongs here"},
+        StoreRow{userWith("setings", Dictionary{}), "users.3.setings: a user has no such part"},
+        StoreRow{userWith("hamer_list", 1), "did you mean hammer_list?"},
+        StoreRow{
+            userWith("settings", Dictionary{{"dc-syscmnf-x", 1}}),
             "users.3.settings.dc-syscmnf-x: settings of the system are everybody's; move it to"},
-        Row{storeWith("accounts", Dictionary{{"-1", Dictionary{}}}), "accounts.-1: an account is"},
-        Row{storeWith("accounts", Dictionary{{"1", 1}}), "accounts.1: a dictionary belongs"},
-        Row{storeWith("locks", Dictionary{}), "locks: an array of keys"},
-        Row{storeWith("locks", Array{5}), "locks.5: a key is"},
-        Row{storeWith("current_user", "1"), "current_user: a number"},
-        Row{storeWith("highest_user", Null{}), "highest_user: a number"},
-        Row{storeWith("clock", Dictionary{{"time", 5}}), "clock.time: a date belongs here"},
-        Row{storeWith("clock", Dictionary{{"since", okv::Date{HUGE_VAL}}}), "clock.since: a date"},
-        Row{storeWith("kill_web_proc", Dictionary{{"", 1}}), "kill_web_proc"},
-        Row{Dictionary{{"format", 1}, {"users", Dictionary{}}, {"current_user", 7}},
-            "current_user: there is no user 7; add it to \"users\""},
-        Row{Dictionary{{"format", 1},
-                       {"users", Dictionary{{"1", Dictionary{}}}},
-                       {"accounts", Dictionary{{"501", Dictionary{{"appuid", 2}}}}}},
-            "accounts.501.appuid: there is no user 2"}));
+        StoreRow{storeWith("accounts", Dictionary{{"-1", Dictionary{}}}),
+                 "accounts.-1: an account is"},
+        StoreRow{storeWith("accounts", Dictionary{{"1", 1}}), "accounts.1: a dictionary belongs"},
+        StoreRow{storeWith("locks", Dictionary{}), "locks: an array of keys"},
+        StoreRow{storeWith("locks", Array{5}), "locks.5: a key is"},
+        StoreRow{storeWith("current_user", "1"), "current_user: a number"},
+        StoreRow{storeWith("highest_user", Null{}), "highest_user: a number"},
+        StoreRow{storeWith("clock", Dictionary{{"time", 5}}), "clock.time: a date belongs here"},
+        StoreRow{storeWith("clock", Dictionary{{"since", okv::Date{HUGE_VAL}}}),
+                 "clock.since: a date"},
+        StoreRow{storeWith("kill_web_proc", Dictionary{{"", 1}}), "kill_web_proc"},
+        StoreRow{Dictionary{{"format", 1}, {"users", Dictionary{}}, {"current_user", 7}},
+                 "current_user: there is no user 7; add it to \"users\""},
+        StoreRow{Dictionary{{"format", 1},
+                            {"users", Dictionary{{"1", Dictionary{}}}},
+                            {"accounts", Dictionary{{"501", Dictionary{{"appuid", 2}}}}}},
+                 "accounts.501.appuid: there is no user 2"}));
 
 TEST(StoreDifference, TellsWhatIsAddedChangedAndRemovedOfEachUser) {
     const auto user = [](const Dictionary& settings) { return Dictionary{{"settings", settings}}; };

@@ -15,13 +15,13 @@ using okvctl::valueTypeNamed;
 
 namespace {
 
-struct Row {
+struct ValueRow {
     const char* type;
     std::string text;
     Value value;
 };
 
-class ValueText : public testing::TestWithParam<Row> {};
+class ValueText : public testing::TestWithParam<ValueRow> {};
 class NoValue : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
 struct CellRow {
@@ -41,17 +41,18 @@ TEST_P(ValueText, IsReadByItsType) {
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, ValueText,
-    testing::Values(Row{"string", "12", "12"}, Row{"string", "", ""},
-                    Row{"string", "a\n\"\xFF", "a\n\"\xFF"}, Row{"int", "-12", -12},
-                    Row{"int", "0x1F", 31}, Row{"int", "-9223372036854775808", INT64_MIN},
-                    Row{"bool", "true", true}, Row{"bool", "on", true}, Row{"bool", "1", true},
-                    Row{"bool", "yes", true}, Row{"bool", "false", false},
-                    Row{"bool", "off", false}, Row{"bool", "0", false}, Row{"bool", "no", false},
-                    Row{"real", "1", 1.0}, Row{"real", "-2.5e3", -2500.0},
-                    Row{"date", "1970-01-01T00:00:01Z", Date{1}}, Row{"date", "@1.5", Date{1.5}},
-                    Row{"data", "aGk=", Data(std::string_view("hi"))}, Row{"data", "", Data()},
-                    Row{"json", "[1, {\"a\": null}]", Array{1, Dictionary{{"a", Null{}}}}},
-                    Row{"null", "", Null{}}));
+    testing::Values(
+        ValueRow{"string", "12", "12"}, ValueRow{"string", "", ""},
+        ValueRow{"string", "a\n\"\xFF", "a\n\"\xFF"}, ValueRow{"int", "-12", -12},
+        ValueRow{"int", "0x1F", 31}, ValueRow{"int", "-9223372036854775808", INT64_MIN},
+        ValueRow{"bool", "true", true}, ValueRow{"bool", "on", true}, ValueRow{"bool", "1", true},
+        ValueRow{"bool", "yes", true}, ValueRow{"bool", "false", false},
+        ValueRow{"bool", "off", false}, ValueRow{"bool", "0", false}, ValueRow{"bool", "no", false},
+        ValueRow{"real", "1", 1.0}, ValueRow{"real", "-2.5e3", -2500.0},
+        ValueRow{"date", "1970-01-01T00:00:01Z", Date{1}}, ValueRow{"date", "@1.5", Date{1.5}},
+        ValueRow{"data", "aGk=", Data(std::string_view("hi"))}, ValueRow{"data", "", Data()},
+        ValueRow{"json", "[1, {\"a\": null}]", Array{1, Dictionary{{"a", Null{}}}}},
+        ValueRow{"null", "", Null{}}));
 
 TEST_P(NoValue, IsRefusedWithAReason) {
     const auto read = parseValue(valueTypeNamed(GetParam().first).value(), GetParam().second);

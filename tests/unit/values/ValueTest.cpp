@@ -30,7 +30,8 @@ TEST(Value, NumbersOfDifferentKindsDiffer) {
 }
 
 TEST(Value, AnUnsignedIntegerAboveTheRangeIsRefused) {
-    EXPECT_THROW(Value(std::numeric_limits<std::uint64_t>::max()), std::out_of_range);
+    EXPECT_THROW(static_cast<void>(Value(std::numeric_limits<std::uint64_t>::max())),
+                 std::out_of_range);
     EXPECT_EQ(Value(std::uint64_t{INT64_MAX}).longLongValue(), INT64_MAX);
 }
 

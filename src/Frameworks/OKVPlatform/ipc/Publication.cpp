@@ -17,7 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kAcceptAgain{100};
 // Accepted in one turn, so that a storm of connections does not keep the connected waiting.
 constexpr int kAcceptsPerTurn = 16;
-constexpr char kUnwatched[] = "the system has no room to watch the name's socket";
+constexpr char kNoRoomForName[] = "the system has no room to watch the name's socket";
 
 }  // namespace
 
@@ -43,7 +43,7 @@ Ref<Publication> Publication::publish(std::string_view name, RootObject root,
     auto published = PublishedName::publish(name, options.name, why);
     const bool isNamed = published != nullptr;
     auto publication = serving(std::move(published), std::move(root), std::move(options));
-    if (isNamed && !publication) why = kUnwatched;
+    if (isNamed && !publication) why = kNoRoomForName;
     return publication;
 }
 
@@ -52,7 +52,7 @@ Ref<Publication> Publication::adopt(std::string_view name, int listener, RootObj
     auto adopted = PublishedName::adopt(name, listener, why);
     const bool isNamed = adopted != nullptr;
     auto publication = serving(std::move(adopted), std::move(root), std::move(options));
-    if (isNamed && !publication) why = kUnwatched;
+    if (isNamed && !publication) why = kNoRoomForName;
     return publication;
 }
 

@@ -13,7 +13,7 @@ namespace okv {
 namespace {
 
 // A connection of which the kernel tells nothing would never be served.
-constexpr char kUnwatched[] = "the server has no room to watch one more connection";
+constexpr char kNoRoomInServer[] = "the server has no room to watch one more connection";
 // What a connection without anything to be sent waits for. Edge-triggered: level-triggered, the
 // kernel looks at the socket once more for every request, to see that there is nothing left.
 constexpr std::uint32_t kCalm = EPOLLIN | EPOLLRDHUP | EPOLLET;
@@ -67,7 +67,7 @@ void ServedConnection::start() {
     events_ = kCalm;
     source_ = loop_->watch(
         socket_.get(), kCalm, [this](std::uint32_t events) { serve(events); }, this);
-    if (source_ == 0) return end(kUnwatched);
+    if (source_ == 0) return end(kNoRoomInServer);
     if (readOnce() && publication_ != nullptr) rearm();
     if (publication_ == nullptr || greeted_) return;
     greeting_ = loop_->performAfter(
@@ -292,7 +292,7 @@ bool ServedConnection::mayRead() const noexcept {
 }
 
 void ServedConnection::rearm() {
-    if (!loop_->rearm(source_)) end(kUnwatched);
+    if (!loop_->rearm(source_)) end(kNoRoomInServer);
 }
 
 void ServedConnection::updateEvents() {

@@ -11,6 +11,10 @@
 
 namespace okv {
 
+/// Of a process's "status", all that is wanted stands in its first lines, and so in this many
+/// bytes: the longest name is 64 bytes, each of which may be escaped.
+inline constexpr std::size_t kStatusHead = 1024;
+
 /// A folder shaped like "/proc", held open: one walk over the process ids, and single files of a
 /// process, named relative to the folder. For one thread. Not installed: the process room's own.
 class ProcFolder {

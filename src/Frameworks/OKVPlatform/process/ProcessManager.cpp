@@ -15,7 +15,6 @@ namespace okv {
 
 namespace {
 
-constexpr std::size_t kStatusHead = 1024;
 // Real ones are a few KiB; every listing reads them all.
 constexpr std::size_t kInformationLimit = std::size_t{1} << 20;
 

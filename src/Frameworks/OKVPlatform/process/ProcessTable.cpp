@@ -9,10 +9,6 @@ namespace okv {
 
 namespace {
 
-// All that is wanted of a status file stands in its first lines: the longest name is 64 bytes, each
-// of which may be escaped.
-constexpr std::size_t kStatusHead = 1024;
-
 int refuse(int error) noexcept {
     errno = error;
     return -1;

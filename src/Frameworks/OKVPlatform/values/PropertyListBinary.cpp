@@ -15,7 +15,7 @@ constexpr std::size_t kTrailerSize = 32;
 constexpr double kSecondsFrom1970To2001 = 978307200;
 
 // The high half of an object's first byte.
-enum Kind : unsigned {
+enum : unsigned {
     kSimple = 0x0,
     kInteger = 0x1,
     kReal = 0x2,
