@@ -21,9 +21,13 @@ void expectFound(const std::string& fault, const std::string& told) {
 
 TEST(Soak, IsKeptForHalfAMinute) {
     const auto ran = soakFor("30");
+    EXPECT_NE(ran.output.find("5 restarts"), std::string::npos) << ran.output;
+    EXPECT_NE(ran.output.find(", 0 others"), std::string::npos) << ran.output;
+    // A busy machine, or a sanitizer, leaves too few samples to judge growth by; nothing else does.
+    if (ran.code == 3 && ran.output.find("too few samples") != std::string::npos)
+        GTEST_SKIP() << "so slow that growth could not be judged; nothing was lost or went wrong";
     EXPECT_EQ(ran.code, 0) << ran.output;
     EXPECT_NE(ran.output.find("soak: kept"), std::string::npos) << ran.output;
-    EXPECT_NE(ran.output.find("5 restarts"), std::string::npos) << ran.output;
 }
 
 TEST(Soak, FindsAClientThatLeaksADescriptorASecond) {
