@@ -271,7 +271,7 @@ TEST_F(ProtocolTest, ALentObjectKeepsItsNumberUntilItIsWithdrawn) {
 }
 
 TEST_F(ProtocolTest, ALongTextThatStaysWhereItIsIsLeftOutOfTheFrameAndPartOfTheReply) {
-    using Rows = okv::Dispatcher<Counter>;
+    using Counting = okv::Dispatcher<Counter>;
     counter_.kept = std::string(100000, 'x');
     const auto payload = payloadOf("mix:of:with:", "@ic", [](okv::CborWriter& out) {
         out.value(kInPlace);
@@ -280,7 +280,7 @@ TEST_F(ProtocolTest, ALongTextThatStaysWhereItIsIsLeftOutOfTheFrameAndPartOfTheR
     });
     const auto request = okv::make<okv::IncomingRequest>(port_, 42U, payload);
     std::string frame;
-    const auto rest = Rows::carryOut(counter_, *request, *Rows::find("mix:of:with:"), frame);
+    const auto rest = Counting::carryOut(counter_, *request, *Counting::find("mix:of:with:"), frame);
     EXPECT_EQ(rest.data(), counter_.kept.as<std::string>().data()) << "not a copy";
     EXPECT_LT(frame.size(), 100U);
     request->answerFrom(frame, rest);
