@@ -1,5 +1,7 @@
 #include "DistributedCenterFixture.h"
 
+#include "support/Sanitizers.h"
+
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -77,13 +79,14 @@ TEST_F(DistributedCenter, TheLastObserverTakesTheWatchWithIt) {
 }
 
 TEST_F(DistributedCenter, ObserversMayGoOnAnyThreadWhileNoticesArrive) {
+    constexpr int kRounds = support::kIsSanitized ? 40 : 200;
     std::atomic<bool> done{false};
     std::jthread poster([&] {
         for (int i = 1; !done; ++i) center_.post("a", {}, i);
     });
     const auto steady = listener();
     steady->observe("a");
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < kRounds; ++i) {
         auto going = listener();
         going->observe("a");
         std::jthread other([held = std::move(going)]() mutable { held = nullptr; });

@@ -280,7 +280,8 @@ TEST_F(ProtocolTest, ALongTextThatStaysWhereItIsIsLeftOutOfTheFrameAndPartOfTheR
     });
     const auto request = okv::make<okv::IncomingRequest>(port_, 42U, payload);
     std::string frame;
-    const auto rest = Counting::carryOut(counter_, *request, *Counting::find("mix:of:with:"), frame);
+    const auto rest =
+        Counting::carryOut(counter_, *request, *Counting::find("mix:of:with:"), frame);
     EXPECT_EQ(rest.data(), counter_.kept.as<std::string>().data()) << "not a copy";
     EXPECT_LT(frame.size(), 100U);
     request->answerFrom(frame, rest);
