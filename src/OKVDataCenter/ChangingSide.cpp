@@ -51,6 +51,7 @@ bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t app
     if (settings.empty()) return ledger_.checkUser(appUid) && ledger_.mayChange(appUid);
     const auto everybodys = ledger_.store().usage(kEverybody);
     const auto users = ledger_.store().usage(appUid);
+    ledger_.expect(settings.size() + 1);  // and the record of the change
     for (const auto& [key, value] : settings) {
         if (!setOne(key, value, appUid)) return false;
     }

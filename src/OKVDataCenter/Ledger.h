@@ -63,6 +63,8 @@ public:
     /// Puts the reason beside the zero value; answers false, for bodies to hand on.
     bool refuse(okv::Refusal::Kind kind, std::string reason);
     void carryOut(Step step);
+    /// So many steps are about to come.
+    void expect(std::size_t steps) { outcome_.steps.reserve(steps); }
     void remember(Step step) { outcome_.steps.push_back(std::move(step)); }
 
     /// The account that asks; none when it is the server itself.

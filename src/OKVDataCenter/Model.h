@@ -103,18 +103,17 @@ struct Process {
 struct AddUser {
     std::int32_t user;
 };
-/// What a view gave up for a step: it may be much, and whoever keeps the step destroys it at
-/// leisure.
+/// What a view gave up for a step.
 using Remains = std::shared_ptr<void>;
 /// With its values, its lists, its assignments, and wherever it is the current user.
 struct RemoveUser {
     std::int32_t user;
-    mutable Remains remains = nullptr;
+    Remains remains = nullptr;
 };
 /// Only its values and lists.
 struct EmptyUser {
     std::int32_t user;
-    mutable Remains remains = nullptr;
+    Remains remains = nullptr;
 };
 struct Assign {
     std::int64_t osUid;

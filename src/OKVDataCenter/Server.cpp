@@ -153,7 +153,7 @@ void Server::refuse(okv::IncomingRequest& request, Method method, okv::Refusal r
 
 // The view first: whoever is answered reads what he wrote.
 void Server::take(const std::shared_ptr<Batch>& batch) {
-    for (const auto& step : batch->steps) view_.apply(step);
+    for (auto& step : batch->steps) view_.apply(step);
     for (auto& answer : batch->answers) {
         if (answer.isDenied) noteRefusal(*answer.request);
         if (answer.request)

@@ -4,6 +4,8 @@
 
 #include <OKVPlatform/values/Cbor.h>
 
+#include <utility>
+
 namespace datacenter {
 
 namespace {
@@ -15,6 +17,9 @@ constexpr const char* kPutList =
     "INSERT INTO lists VALUES(?, ?, ?) ON CONFLICT(user, list) DO UPDATE SET "
     "value = excluded.value";
 constexpr const char* kPutChange = "INSERT INTO changes VALUES(?, ?, ?, ?, ?, ?, ?)";
+
+// More are forgotten, rather than that they take memory for good.
+constexpr std::size_t kScopesKnown = 4096;
 
 std::int64_t number(UserList list) {
     return static_cast<std::int64_t>(list);
@@ -32,43 +37,64 @@ std::string encodedKeys(const std::vector<std::string>& keys) {
 
 }  // namespace
 
-void Store::begin() {
+// What others have committed shows only in a transaction.
+void Store::begin(Holds holds) {
     rollback();  // once more, where it failed for lack of memory
     database_->run("BEGIN IMMEDIATE");
+    holds_ = holds;
+    if (versionOfData() != knownVersion_) forget();
 }
 
 void Store::commit() {
     // Before: once it is committed, nothing may fail any more that would have it refused.
     const auto committed = revision();
     database_->run("COMMIT");
+    knownVersion_ = versionOfData();
+    if (known_.users.size() + known_.usage.size() > kScopesKnown) forget();
     // An older copy that is put back after a crash is noticed, too.
-    guard_->setMark(epoch_, committed);
+    if (std::exchange(committed_, committed) != committed) guard_->setMark(epoch_, committed);
+}
+
+unsigned Store::versionOfData() const noexcept {
+    unsigned version = 0;
+    sqlite3_file_control(database_->handle(), "main", SQLITE_FCNTL_DATA_VERSION, &version);
+    return version;
 }
 
 void Store::rollback() noexcept {
+    forget();
     // Where it fails, the next transaction begins with it.
     if (database_->inTransaction())
         sqlite3_exec(database_->handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 void Store::beginRequest() {
-    database_->run("SAVEPOINT request");
+    if (holds_ == Holds::requests) database_->run("SAVEPOINT request");
 }
 
 void Store::keepRequest() {
-    database_->run("RELEASE request");
+    if (holds_ == Holds::requests) database_->run("RELEASE request");
 }
 
 void Store::dropRequest() {
-    database_->run("ROLLBACK TO request");
-    database_->run("RELEASE request");
+    forget();
+    if (holds_ == Holds::oneRequest) {
+        database_->run("ROLLBACK");
+        database_->run("BEGIN IMMEDIATE");
+    } else {
+        database_->run("ROLLBACK TO request");
+        database_->run("RELEASE request");
+    }
 }
 
 void Store::carryOut(const Step& step) {
+    // Settings come in large numbers and touch little of what is known.
+    if (!std::holds_alternative<step::Setting>(step)) forget();
     std::visit([this](const auto& one) { write(one); }, step);
 }
 
 void Store::write(const step::Setting& set) {
+    known_.usage.erase(set.scope);
     if (set.value.isNull()) {
         database_->run("DELETE FROM settings WHERE scope = ? AND key = ?", wide(set.scope),
                        std::string_view(set.key));
@@ -187,13 +213,16 @@ void Store::write(const step::Reload&) {}
 void Store::record(Change& change) {
     change.revision = revision() + 1;
     write(step::Record{change});
+    known_.revision = change.revision;
 }
 
 void Store::clearSettings(Scope scope) {
+    forget();
     database_->run("DELETE FROM settings WHERE scope = ?", wide(scope));
 }
 
 void Store::clearUsers() {
+    forget();
     database_->run("DELETE FROM settings WHERE scope <> 0");
     database_->run("DELETE FROM lists");
     database_->run("DELETE FROM scopes WHERE id > ?", wide(kDefaultUser));
@@ -204,6 +233,7 @@ void Store::clearAccounts() {
 }
 
 void Store::clearLocks() {
+    forget();
     database_->run("DELETE FROM locks");
 }
 

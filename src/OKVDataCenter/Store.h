@@ -5,9 +5,12 @@
 #include "Sql.h"
 
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace datacenter {
 
@@ -68,8 +71,10 @@ public:
     /// Keeps other servers out of a store.
     class Guard;
 
-    /// A transaction, and inside of it one savepoint at a time. All throw SqlError.
-    void begin();
+    /// A transaction, and inside of it one request at a time, which may be dropped by itself. For
+    /// one that is alone, the transaction itself is begun anew then. All throw SqlError.
+    enum class Holds { requests, oneRequest };
+    void begin(Holds holds = Holds::requests);
     void commit();
     void rollback() noexcept;
     void beginRequest();
@@ -138,6 +143,17 @@ private:
     void loadLists(View& view);
     void loadChanges(View& view);
 
+    /// What was read before and still holds. Nobody else writes to a store that is ours, but for an
+    /// administrator's own tool, whose hand shows in the engine's version of the data.
+    struct Known {
+        std::optional<std::int64_t> revision;
+        std::unordered_map<Scope, Usage> usage;
+        std::unordered_set<std::int32_t> users;  ///< some that are there
+        std::optional<std::set<std::string, std::less<>>> locks;
+    };
+    void forget() noexcept { known_ = Known(); }
+    unsigned versionOfData() const noexcept;
+
     template <class T>
     void setMeta(std::string_view name, const T& value);
     std::int64_t metaNumber(std::string_view name);
@@ -151,6 +167,10 @@ private:
     std::string epoch_;
     std::string setAside_;
     std::shared_ptr<View> opened_;
+    Known known_;
+    unsigned knownVersion_ = 0;  ///< of the data, when it was known
+    Holds holds_ = Holds::requests;
+    std::int64_t committed_ = 0;  ///< the last revision that was
 };
 
 }  // namespace datacenter

@@ -114,8 +114,12 @@ okv::Dictionary Store::processes(ProcessList list) {
 }
 
 bool Store::hasUser(std::int32_t user) {
-    return user > kEverybody &&
-           database_->number("SELECT 1 FROM scopes WHERE id = ?", std::int64_t{user}) == 1;
+    if (user <= kEverybody) return false;
+    if (known_.users.contains(user)) return true;
+    if (database_->number("SELECT 1 FROM scopes WHERE id = ?", std::int64_t{user}) != 1)
+        return false;
+    known_.users.insert(user);
+    return true;
 }
 
 std::vector<std::int32_t> Store::users() {
@@ -131,13 +135,21 @@ std::optional<std::int32_t> Store::assignedUser(std::int64_t osUid) {
 }
 
 bool Store::isLocked(std::string_view key) {
-    return database_->number("SELECT 1 FROM locks WHERE key = ?", key) == 1;
+    if (!known_.locks) {
+        std::set<std::string, std::less<>> locks;
+        for (auto rows = database_->query("SELECT key FROM locks"); rows.next();)
+            locks.emplace(rows.bytes(0));
+        known_.locks = std::move(locks);
+    }
+    return known_.locks->contains(key);
 }
 
 Usage Store::usage(Scope scope) {
+    if (const auto known = known_.usage.find(scope); known != known_.usage.end())
+        return known->second;
     auto rows =
         database_->query("SELECT keys, bytes FROM scopes WHERE id = ?", std::int64_t{scope});
-    return rows.next() ? Usage{rows.integer(0), rows.integer(1)} : Usage{};
+    return known_.usage[scope] = rows.next() ? Usage{rows.integer(0), rows.integer(1)} : Usage{};
 }
 
 std::int64_t Store::bytesInAll() {
@@ -179,7 +191,8 @@ std::int32_t Store::highestUser() {
 }
 
 std::int64_t Store::revision() {
-    return metaNumber("revision");
+    if (!known_.revision) known_.revision = metaNumber("revision");
+    return *known_.revision;
 }
 
 Clock Store::clock() {

@@ -148,6 +148,7 @@ void Store::openOrThrow() {
 }
 
 Store::~Store() {
+    forget();
     try {
         guard_->setMark(epoch_, revision());
     } catch (const std::exception&) {
@@ -238,7 +239,8 @@ void Store::migrate(std::int64_t version) {
 void Store::noteRestoredBackup() {
     const auto mark = guard_->mark();
     if (mark.epoch == epoch_ && revision() < mark.revision) renewEpoch();
-    guard_->setMark(epoch_, revision());
+    committed_ = revision();
+    guard_->setMark(epoch_, committed_);
 }
 
 void Store::renewEpoch() {

@@ -17,8 +17,8 @@ std::size_t at(ProcessList list) {
 
 }  // namespace
 
-void View::apply(const Step& step) {
-    std::visit([this](const auto& one) { take(one); }, step);
+void View::apply(Step& step) {
+    std::visit([this](auto& one) { take(one); }, step);
 }
 
 View::Settings& View::settingsOf(Scope scope) {
@@ -29,20 +29,27 @@ void View::reserve(Scope scope, std::size_t count) {
     settingsOf(scope).reserve(count);
 }
 
-void View::take(const step::Setting& set) {
+void View::take(step::Setting& set) {
     auto& settings = settingsOf(set.scope);
     auto& bytes = set.scope == kEverybody ? everybodyBytes_ : userFor(set.scope).settingBytes;
-    const auto before = settings.size();
+    if (set.value.isNull()) return remove(settings, bytes, set);
+    const auto size = static_cast<std::uint32_t>(set.key.size() + set.encoded.size());
+    const auto [at, isNew] = settings.try_emplace(std::move(set.key));
+    auto& held = at->second;
+    bytes += std::int64_t{size} - held.size;
+    std::swap(held.value, set.value);
+    held.size = size;
+    held.stamp = set.stamp;
+    settingCount_ += isNew ? 1 : 0;
+}
+
+void View::remove(Settings& settings, std::int64_t& bytes, step::Setting& set) {
     const auto held = settings.find(set.key);
-    if (held != settings.end()) bytes -= held->second.size;
-    if (!set.value.isNull()) {
-        const auto size = static_cast<std::uint32_t>(set.key.size() + set.encoded.size());
-        settings.insert_or_assign(held, set.key, Setting{set.value, size, set.stamp});
-        bytes += size;
-    } else if (held != settings.end()) {
-        settings.erase(held);
-    }
-    settingCount_ += static_cast<std::int64_t>(settings.size()) - static_cast<std::int64_t>(before);
+    if (held == settings.end()) return;
+    bytes -= held->second.size;
+    std::swap(held->second.value, set.value);
+    settings.erase(held);
+    --settingCount_;
 }
 
 void View::take(const step::Lock& set) {
@@ -53,19 +60,20 @@ void View::take(const step::Lock& set) {
     }
 }
 
-void View::take(const step::List& set) {
+void View::take(step::List& set) {
     auto& user = userFor(set.user);
     const bool isThere = !set.value.isNull();
-    user.lists[at(set.list)] = isThere ? set.value : okv::Value();
+    if (!isThere) set.value = okv::Value();
+    std::swap(user.lists[at(set.list)], set.value);
     user.listBytes[at(set.list)] = isThere ? static_cast<std::int64_t>(set.encoded.size()) : 0;
 }
 
-void View::take(const step::Process& set) {
+void View::take(step::Process& set) {
     auto& processes = processes_[at(set.list)];
     if (set.identifier.isNull()) {
         processes.erase(set.name);
     } else {
-        processes.set(set.name, set.identifier);
+        processes.set(std::move(set.name), std::move(set.identifier));
     }
 }
 
@@ -85,7 +93,7 @@ step::Remains View::forget(User& user) {
     return std::make_shared<User>(std::exchange(user, User()));
 }
 
-void View::take(const step::RemoveUser& remove) {
+void View::take(step::RemoveUser& remove) {
     remove.remains = forget(userFor(remove.user));
     users_.erase(remove.user);
     userIds_ = {};
@@ -98,7 +106,7 @@ void View::take(const step::RemoveUser& remove) {
     }
 }
 
-void View::take(const step::EmptyUser& empty) {
+void View::take(step::EmptyUser& empty) {
     empty.remains = forget(userFor(empty.user));
 }
 
@@ -122,18 +130,18 @@ void View::take(const step::ServerClock& set) {
     clock_ = set.clock;
 }
 
-void View::take(const step::Record& record) {
+void View::take(step::Record& record) {
     revision_ = record.change.revision;
-    changes_.push_back(record.change);
-    while (changes_.size() > static_cast<std::size_t>(changesKept_)) changes_.pop_front();
+    changes_.push_back(std::move(record.change));
+    for (; changes_.size() > static_cast<std::size_t>(changesKept_); changes_.pop_front())
+        record.change = std::move(changes_.front());
 }
 
-void View::take(const step::Processes& whole) {
+void View::take(step::Processes& whole) {
     std::swap(processes_[at(whole.list)], *whole.processes);
 }
 
-void View::take(const step::Reload& reload) {
-    // What was held goes into the step, for whoever keeps it to give up at leisure.
+void View::take(step::Reload& reload) {
     std::swap(*this, *reload.view);
 }
 

@@ -38,7 +38,10 @@ public:
     };
     using Locks = std::map<std::string, Stamp, std::less<>>;
 
-    void apply(const Step& step);
+    /// Takes over what the step holds, and leaves in it what that replaces: to destroy that may
+    /// take long, and whoever keeps the step does so at leisure.
+    void apply(Step& step);
+    void apply(Step&& step) { apply(step); }
 
     /// What a read for the scope finds, and where; null when there is nothing.
     struct Found {
@@ -79,20 +82,21 @@ public:
     void reserve(Scope scope, std::size_t count);
 
 private:
-    void take(const step::Setting& set);
+    void take(step::Setting& set);
     void take(const step::Lock& set);
-    void take(const step::List& set);
-    void take(const step::Process& set);
+    void take(step::List& set);
+    void take(step::Process& set);
     void take(const step::AddUser& add);
-    void take(const step::RemoveUser& remove);
-    void take(const step::EmptyUser& empty);
+    void take(step::RemoveUser& remove);
+    void take(step::EmptyUser& empty);
     void take(const step::Assign& assign);
     void take(const step::Switch& change);
     void take(const step::CurrentUser& set);
     void take(const step::ServerClock& set);
-    void take(const step::Record& record);
-    void take(const step::Processes& whole);
-    void take(const step::Reload& reload);
+    void take(step::Record& record);
+    void take(step::Processes& whole);
+    void take(step::Reload& reload);
+    void remove(Settings& settings, std::int64_t& bytes, step::Setting& set);
     Settings& settingsOf(Scope scope);
     User& userFor(std::int32_t id);
     step::Remains forget(User& user);

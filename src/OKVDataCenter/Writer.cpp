@@ -157,7 +157,7 @@ void Writer::noteSuccess() {
 // Why none of it was committed; nothing when all was.
 std::optional<okv::Refusal> Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
     try {
-        store_.begin();
+        store_.begin(group.size() == 1 ? Store::Holds::oneRequest : Store::Holds::requests);
         for (const auto& queued : group) {
             auto frame = carryOutOne(queued, batch);
             batch.answers.push_back(

@@ -29,9 +29,9 @@ struct Batch {
 };
 
 /// The one thread that writes to the store. It takes what has queued up meanwhile into one
-/// transaction, each request in a savepoint with an outcome of its own, commits, and hands the
-/// batch over. Nothing is answered before it is committed; where the commit fails, every request of
-/// the group is refused with the reason. Nothing waits for a group to fill.
+/// transaction, each request with an outcome of its own, commits, and hands the batch over. Nothing
+/// is answered before it is committed; where the commit fails, every request of the group is
+/// refused with the reason. Nothing waits for a group to fill.
 ///
 /// Notices are posted once their batch has come back by `acknowledge`: who hears one and reads,
 /// reads the new value.

@@ -348,3 +348,71 @@ TEST(Store, TakesBackWhatADroppedRequestDid) {
     EXPECT_EQ(view->user(8), nullptr);
     EXPECT_EQ(view->highestUser(), 1);
 }
+
+TEST(Store, TakesBackWhatADroppedRequestDidThatWasAlone) {
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
+    store.begin(Store::Holds::oneRequest);
+    store.beginRequest();
+    store.carryOut(setting(1, "dropped", 1));
+    store.carryOut(step::AddUser{8});
+    store.dropRequest();
+    EXPECT_FALSE(store.isTransactionLost());
+    store.commit();
+    const auto view = store.load();
+    EXPECT_FALSE(view->user(1)->settings.contains("dropped"));
+    EXPECT_EQ(view->user(8), nullptr);
+}
+
+TEST(Store, KnowsNothingThatADroppedRequestMadeSo) {
+    for (const auto holds : {Store::Holds::requests, Store::Holds::oneRequest}) {
+        const support::TempFolder folder;
+        Store store(folder / "s", Limits());
+        store.begin(holds);
+        store.beginRequest();
+        store.carryOut(step::AddUser{8});
+        store.carryOut(step::Lock{"locked", true, {}});
+        store.carryOut(setting(8, "key", 1));
+        EXPECT_TRUE(store.hasUser(8));
+        EXPECT_TRUE(store.isLocked("locked"));
+        EXPECT_EQ(store.usage(8).keys, 1);
+        store.dropRequest();
+        EXPECT_FALSE(store.hasUser(8));
+        EXPECT_FALSE(store.isLocked("locked"));
+        EXPECT_EQ(store.usage(8).keys, 0);
+    }
+}
+
+TEST(Store, KnowsAfterEachSettingHowMuchTheUserHas) {
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
+    store.begin();
+    for (int i = 1; i <= 3; ++i) {
+        store.carryOut(setting(1, "key" + std::to_string(i), i));
+        EXPECT_EQ(store.usage(1).keys, i);
+    }
+    store.carryOut(step::EmptyUser{1});
+    EXPECT_EQ(store.usage(1).keys, 0);
+    store.commit();
+}
+
+TEST(Store, SeesInTheNextTransactionWhatAnAdministratorsOwnToolChanged) {
+    const support::TempFolder folder;
+    Store store(folder / "s", Limits());
+    store.begin();
+    EXPECT_FALSE(store.hasUser(8));
+    EXPECT_FALSE(store.isLocked("locked"));
+    EXPECT_EQ(store.usage(1).keys, 0);
+    EXPECT_EQ(store.revision(), 0);
+    store.commit();
+    datacenter::Database tool(folder / "s", SQLITE_OPEN_READWRITE);
+    tool.execute(
+        "INSERT INTO scopes(id) VALUES(8); INSERT INTO locks VALUES('locked', 0, 0.0);"
+        "INSERT INTO settings VALUES(1, 'key', x'01', 0, 0.0);"
+        "UPDATE meta SET value = 41 WHERE name = 'revision'");
+    store.begin();
+    EXPECT_TRUE(store.hasUser(8));
+    EXPECT_TRUE(store.isLocked("locked"));
+    EXPECT_EQ(store.usage(1).keys, 1);
+    EXPECT_EQ(store.revision(), 41);
+}

@@ -61,8 +61,8 @@ TEST(View, GivesWhatARemovedUserHadToTheStep) {
     View view;
     view.apply(step::AddUser{1});
     view.apply(step::AddUser{2});
-    const datacenter::Step removing = step::RemoveUser{2};
-    const datacenter::Step emptying = step::EmptyUser{1};
+    datacenter::Step removing = step::RemoveUser{2};
+    datacenter::Step emptying = step::EmptyUser{1};
     view.apply(removing);
     view.apply(emptying);
     EXPECT_TRUE(std::get<step::RemoveUser>(removing).remains);

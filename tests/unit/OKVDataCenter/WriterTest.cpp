@@ -91,7 +91,7 @@ TEST_F(WriterAlone, WhatQueuedUpMeanwhileIsOneTransactionWithOutcomesOfItsOwn) {
     datacenter::View view;
     view.begin("", 0, 10);
     view.apply(datacenter::step::AddUser{1});
-    for (const auto& step : batch->steps) view.apply(step);
+    for (auto& step : batch->steps) view.apply(step);
     EXPECT_EQ(view.revision(), 3);
     EXPECT_EQ(view.settingCount(), 2);
     EXPECT_EQ(view.find(1, "c").setting, nullptr);
