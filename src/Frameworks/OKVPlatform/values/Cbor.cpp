@@ -337,6 +337,7 @@ std::size_t CborReader::arrayHeader() {
 
 std::string encodeCbor(const Value& value) {
     std::string bytes;
+    if (const auto* text = value.getIf<std::string>()) bytes.reserve(text->size() + kHeadSize);
     CborWriter(bytes).value(value);
     return bytes;
 }
