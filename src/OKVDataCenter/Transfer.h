@@ -15,7 +15,7 @@ okv::Dictionary exportOf(const View& view);
 bool fitsInReply(const okv::Value& value, std::size_t limit);
 
 /// Puts such a dictionary into the store, part by part. Refuses through the ledger what is bad; the
-/// request's savepoint then takes back what was done.
+/// request is then dropped with all that it did.
 class Import {
 public:
     explicit Import(Ledger& ledger) : ledger_(ledger), store_(ledger.store()) {}

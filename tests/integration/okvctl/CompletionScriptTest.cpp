@@ -10,9 +10,8 @@
 
 #include <sstream>
 
-using okvctl_test::Child;
-using okvctl_test::DataCenter;
-using okvctl_test::run;
+namespace okvctl_test::completion_script {
+
 using support::TempFolder;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -164,3 +163,5 @@ TEST(Fish, CompletesVerbsAndRealKeys) {
     EXPECT_THAT(offered("get dc-gui-"), ElementsAre("dc-gui-colour", "dc-gui-size"));
     EXPECT_THAT(offered("users switch 501 1"), ElementsAre("1", "12"));
 }
+
+}  // namespace okvctl_test::completion_script

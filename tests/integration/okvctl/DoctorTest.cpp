@@ -9,11 +9,11 @@
 
 #include <unistd.h>
 
+namespace okvctl_test::doctor {
+
 using nlohmann::json;
 using okv::testing::FakeDataServer;
 using okv::testing::RuntimeFolder;
-using okvctl_test::DataCenter;
-using okvctl_test::run;
 using testing::HasSubstr;
 
 namespace {
@@ -21,7 +21,7 @@ namespace {
 constexpr uid_t kNobody = 65533;
 
 /// The checks by their names.
-json checksOf(const okvctl_test::Ran& ran) {
+json checksOf(const Ran& ran) {
     json checks;
     const auto answer = json::parse(ran.out);
     for (const auto& check : answer["checks"]) checks[check["check"]] = check;
@@ -108,3 +108,5 @@ TEST(Doctor, IsATableForPeople) {
     EXPECT_THAT(ran.out, HasSubstr("\nrights "));
     EXPECT_THAT(ran.out, testing::EndsWith("\n\n7 checks\n"));
 }
+
+}  // namespace okvctl_test::doctor

@@ -11,9 +11,8 @@
 
 #include <set>
 
-using okvctl_test::DataCenter;
-using okvctl_test::Ran;
-using okvctl_test::run;
+namespace okvctl_test::formats {
+
 using support::TempFolder;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -197,3 +196,5 @@ TEST(Legend, StandsAroundTablesUnlessItIsTurnedOff) {
     EXPECT_EQ(run({"get", "dc-a", "--format=table", "--no-legend"}).out, "dc-a  string  1\n");
     EXPECT_THAT(run({"describe", "dc-a"}).out, testing::StartsWith("key     dc-a\n"));
 }
+
+}  // namespace okvctl_test::formats

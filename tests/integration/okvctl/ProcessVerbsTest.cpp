@@ -17,10 +17,10 @@
 #include <csignal>
 #include <functional>
 
+namespace okvctl_test::process_verbs {
+
 using nlohmann::json;
 using okv::testing::RuntimeFolder;
-using okvctl_test::DataCenter;
-using okvctl_test::run;
 using support::Child;
 using testing::HasSubstr;
 
@@ -157,3 +157,5 @@ TEST(Category, OfTheWrongLengthIsAUsageError) {
     EXPECT_EQ(run({"category", "decode", "!"}).code, 2);
     EXPECT_EQ(run({"category", "pack", "1"}).code, 2);
 }
+
+}  // namespace okvctl_test::process_verbs

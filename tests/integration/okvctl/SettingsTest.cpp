@@ -8,11 +8,10 @@
 
 #include <unistd.h>
 
+namespace okvctl_test::settings {
+
 using okv::Value;
 using okvctl::parseJson;
-using okvctl_test::DataCenter;
-using okvctl_test::Ran;
-using okvctl_test::run;
 using testing::AllOf;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
@@ -226,12 +225,12 @@ TEST(Clock, IsSetStartedAndStopped) {
 
 TEST(Output, ThatNobodyReadsToItsEndIsNoMistake) {
     const DataCenter server;
-    okvctl_test::Child filling(
-        "/bin/bash", {"-c", "for i in {1..2000}; do echo -n \"dc-$i=" + std::string(200, 'x') +
-                                " \"; done | xargs " OKVCTL_PROGRAM " set"});
+    Child filling("/bin/bash",
+                  {"-c", "for i in {1..2000}; do echo -n \"dc-$i=" + std::string(200, 'x') +
+                             " \"; done | xargs " OKVCTL_PROGRAM " set"});
     ASSERT_EQ(filling.wait(), 0);
-    okvctl_test::Child shell(
-        "/bin/bash", {"-c", "set -o pipefail; " OKVCTL_PROGRAM " list 2>&1 | head -n 1; echo $?"});
+    Child shell("/bin/bash",
+                {"-c", "set -o pipefail; " OKVCTL_PROGRAM " list 2>&1 | head -n 1; echo $?"});
     EXPECT_THAT(shell.line(), testing::MatchesRegex("KEY +TYPE +VALUE"));
     EXPECT_EQ(shell.line(), "0");
 }
@@ -239,6 +238,8 @@ TEST(Output, ThatNobodyReadsToItsEndIsNoMistake) {
 TEST(Output, ThatCannotBeWrittenIsAFailure) {
     const DataCenter server;
     done({"set", "dc-a=1"});
-    okvctl_test::Child shell("/bin/sh", {"-c", OKVCTL_PROGRAM " get dc-a >/dev/full 2>/dev/null"});
+    Child shell("/bin/sh", {"-c", OKVCTL_PROGRAM " get dc-a >/dev/full 2>/dev/null"});
     EXPECT_EQ(shell.wait(), 1);
 }
+
+}  // namespace okvctl_test::settings

@@ -13,11 +13,12 @@
 #include <mutex>
 #include <vector>
 
+namespace okvctl_test::silent_server {
+
 using okv::Value;
 using okv::testing::FakeDataServer;
 using okv::testing::RuntimeFolder;
 using okv::testing::ServiceThread;
-using okvctl_test::run;
 using testing::HasSubstr;
 
 namespace {
@@ -159,3 +160,5 @@ TEST(Urls, AreThoseThatTheSuitesProcessesUse) {
         EXPECT_EQ(*urls.value, Value(urlsOf(*manager)));
     }
 }
+
+}  // namespace okvctl_test::silent_server

@@ -11,9 +11,8 @@
 
 #include <future>
 
-using okvctl_test::DataCenter;
-using okvctl_test::OnTerminal;
-using okvctl_test::run;
+namespace okvctl_test::terminal {
+
 using support::TempFolder;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -126,3 +125,5 @@ TEST(Progress, IsShownOnNothingButATerminal) {
     EXPECT_GT(ran.seconds, 0.4);
     EXPECT_EQ(ran.out + ran.error, "");
 }
+
+}  // namespace okvctl_test::terminal

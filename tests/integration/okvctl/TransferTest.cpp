@@ -8,9 +8,9 @@
 
 #include <gmock/gmock.h>
 
+namespace okvctl_test::transfer {
+
 using nlohmann::json;
-using okvctl_test::DataCenter;
-using okvctl_test::run;
 using support::TempFolder;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -208,7 +208,7 @@ TEST(Import, ReadsOnlyRegularFilesOfABoundedSize) {
     const auto file = folder.write("large", "");
     ASSERT_EQ(truncate(file.c_str(), 65L << 20), 0);
     EXPECT_EQ(run({"import", file}).code, 1);
-    okvctl_test::Child shell("/bin/sh", {"-c", OKVCTL_PROGRAM " import - </dev/zero 2>/dev/null"});
+    Child shell("/bin/sh", {"-c", OKVCTL_PROGRAM " import - </dev/zero 2>/dev/null"});
     EXPECT_EQ(shell.wait(), 1);
 }
 
@@ -232,3 +232,5 @@ TEST(Import, ByWhomItIsNotAllowedEndsWith4) {
         EXPECT_THAT(ran.error, HasSubstr("okvadmin"));
     }
 }
+
+}  // namespace okvctl_test::transfer

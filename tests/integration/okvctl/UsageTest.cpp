@@ -9,7 +9,8 @@
 
 #include <gmock/gmock.h>
 
-using okvctl_test::run;
+namespace okvctl_test::usage {
+
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -138,7 +139,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Wait, IsForAServerThatIsNotThereYet) {
     const okv::testing::RuntimeFolder folder;
-    okvctl_test::Child waiting(OKVCTL_PROGRAM, {"--wait", "--json", "ping"});
+    Child waiting(OKVCTL_PROGRAM, {"--wait", "--json", "ping"});
     okv::testing::FakeDataServer server;
     EXPECT_THAT(waiting.line(), HasSubstr("milliseconds"));
     EXPECT_EQ(waiting.wait(), 0);
@@ -163,3 +164,5 @@ TEST(Procs, OfTheSystemNeedNoServer) {
     EXPECT_EQ(ran.code, 0);
     EXPECT_THAT(ran.out, HasSubstr("KVAgent.app "));
 }
+
+}  // namespace okvctl_test::usage

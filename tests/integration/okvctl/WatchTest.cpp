@@ -8,10 +8,9 @@
 
 #include <csignal>
 
+namespace okvctl_test::watch {
+
 using okv::Value;
-using okvctl_test::Child;
-using okvctl_test::DataCenter;
-using okvctl_test::run;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
@@ -98,3 +97,5 @@ TEST(Watch, EndsWithTheSignalThatItGets) {
     watch.signal(SIGINT);
     EXPECT_EQ(watch.wait(), 128 + SIGINT);
 }
+
+}  // namespace okvctl_test::watch

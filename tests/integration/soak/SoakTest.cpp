@@ -17,6 +17,14 @@ void expectFound(const std::string& fault, const std::string& told) {
     EXPECT_NE(ran.output.find("soak: BROKEN"), std::string::npos) << ran.output;
 }
 
+// How the soak judges: the server does there what it does in the one that is kept.
+class SoakJudge : public testing::Test {
+protected:
+    void SetUp() override {
+        if (faults::kSlowness > 1) GTEST_SKIP() << "tested where no sanitizer slows it down";
+    }
+};
+
 }  // namespace
 
 TEST(Soak, IsKeptForHalfAMinute) {
@@ -30,39 +38,37 @@ TEST(Soak, IsKeptForHalfAMinute) {
     EXPECT_NE(ran.output.find("soak: kept"), std::string::npos) << ran.output;
 }
 
-TEST(Soak, FindsAClientThatLeaksADescriptorASecond) {
-    if (faults::kSlowness > 1) GTEST_SKIP() << "slowed down, it lives too short to be judged";
+TEST_F(SoakJudge, FindsAClientThatLeaksADescriptorASecond) {
     expectFound("descriptors", "something grew");
 }
 
-TEST(Soak, FindsAClientThatLeaksAMegabyteASecond) {
-    if (faults::kSlowness > 1) GTEST_SKIP() << "memory is not judged under a sanitizer";
+TEST_F(SoakJudge, FindsAClientThatLeaksAMegabyteASecond) {
     expectFound("memory", "something grew");
 }
 
-TEST(Soak, FindsAFailureThatNoRestartExplains) {
+TEST_F(SoakJudge, FindsAFailureThatNoRestartExplains) {
     expectFound("error", "an error put in on purpose");
 }
 
-TEST(Soak, FindsAnAcknowledgedWriteThatIsGone) {
+TEST_F(SoakJudge, FindsAnAcknowledgedWriteThatIsGone) {
     expectFound("lost-write", ": 0 is not in");
 }
 
-TEST(Soak, SaysThatItCouldNotJudgeARunThatIsTooShort) {
+TEST_F(SoakJudge, SaysThatItCouldNotJudgeARunThatIsTooShort) {
     const auto ran = soakFor("3");
     EXPECT_EQ(ran.code, 3) << ran.output;
     EXPECT_NE(ran.output.find("the run is too short"), std::string::npos) << ran.output;
     EXPECT_NE(ran.output.find("soak: NOT JUDGED"), std::string::npos) << ran.output;
 }
 
-TEST(Soak, SaysThatItCouldNotJudgeARunThatWasInterrupted) {
+TEST_F(SoakJudge, SaysThatItCouldNotJudgeARunThatWasInterrupted) {
     const auto ran = faults::runProgram("timeout --preserve-status 4 " OKV_SOAK " 3600");
     EXPECT_EQ(ran.code, 3) << ran.output;
     EXPECT_NE(ran.output.find("interrupted"), std::string::npos) << ran.output;
     EXPECT_NE(ran.output.find("the server: too few samples"), std::string::npos) << ran.output;
 }
 
-TEST(Soak, FindsWhatBrokeInARunThatIsTooShortToo) {
+TEST_F(SoakJudge, FindsWhatBrokeInARunThatIsTooShortToo) {
     const auto ran = soakFor("3 error");
     EXPECT_EQ(ran.code, 1) << ran.output;
 }
