@@ -39,7 +39,7 @@ std::string encodedKeys(const std::vector<std::string>& keys) {
 
 // What others have committed shows only in a transaction.
 void Store::begin(Holds holds) {
-    rollback();  // once more, where it failed for lack of memory
+    if (database_->inTransaction()) rollback();  // once more, where it failed for lack of memory
     database_->run("BEGIN IMMEDIATE");
     holds_ = holds;
     if (versionOfData() != knownVersion_) forget();
