@@ -137,11 +137,11 @@ void View::take(step::Record& record) {
         record.change = std::move(changes_.front());
 }
 
-void View::take(step::Processes& whole) {
+void View::take(const step::Processes& whole) {
     std::swap(processes_[at(whole.list)], *whole.processes);
 }
 
-void View::take(step::Reload& reload) {
+void View::take(const step::Reload& reload) {
     std::swap(*this, *reload.view);
 }
 

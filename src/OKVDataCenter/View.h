@@ -94,8 +94,8 @@ private:
     void take(const step::CurrentUser& set);
     void take(const step::ServerClock& set);
     void take(step::Record& record);
-    void take(step::Processes& whole);
-    void take(step::Reload& reload);
+    void take(const step::Processes& whole);
+    void take(const step::Reload& reload);
     void remove(Settings& settings, std::int64_t& bytes, step::Setting& set);
     Settings& settingsOf(Scope scope);
     User& userFor(std::int32_t id);
