@@ -1,3 +1,4 @@
+#include <OKVPlatform/values/NumberText.h>
 #include <OKVPlatform/values/PropertyListScalars.h>
 
 #include <array>
@@ -13,12 +14,6 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r\n";
 constexpr std::string_view kBase64 =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-bool takeSign(std::string_view& text) {
-    const bool negative = text.starts_with('-');
-    if (negative || text.starts_with('+')) text.remove_prefix(1);
-    return negative;
-}
 
 bool takeHexMark(std::string_view& text) {
     const bool marked = text.starts_with("0x") || text.starts_with("0X");

@@ -1,3 +1,4 @@
+#include <OKVPlatform/values/NumberText.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <algorithm>
@@ -18,12 +19,6 @@ bool sameReal(double a, double b) noexcept {
 std::string_view withoutBlanks(std::string_view text) noexcept {
     const auto start = text.find_first_not_of(" \t\n\v\f\r");
     return start == std::string_view::npos ? std::string_view() : text.substr(start);
-}
-
-bool takeSign(std::string_view& text) noexcept {
-    const bool negative = text.starts_with('-');
-    if (negative || text.starts_with('+')) text.remove_prefix(1);
-    return negative;
 }
 
 bool isDigit(char c) noexcept {
