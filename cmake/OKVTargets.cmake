@@ -26,6 +26,9 @@ function(okv_add_framework name export_name)
     target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${OKV_CALLS_ITS_PROGRAM}>>:LINKER:--no-undefined>)
     set_target_properties(${name} PROPERTIES EXPORT_NAME ${export_name} VERSION ${OKV_ABI_VERSION}.0.0
         SOVERSION ${OKV_ABI_VERSION} VERIFY_INTERFACE_HEADER_SETS ON POSITION_INDEPENDENT_CODE ON)
+    if(arg_STATIC)  # others' linkers take it as it is
+        set_target_properties(${name} PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+    endif()
     set_property(GLOBAL APPEND PROPERTY OKV_FRAMEWORKS ${name})
 endfunction()
 
