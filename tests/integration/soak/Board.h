@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -73,6 +74,7 @@ struct Board {
     static Board& make();
 
     std::atomic<bool> stop{false};
+    std::chrono::milliseconds pause{0};  ///< of every client between two steps, beside its own
     Slot slots[kSlots];
     Register registers[kRegisters];
     std::size_t slotsUsed = 0, registersUsed = 0;

@@ -14,6 +14,7 @@ constexpr std::chrono::milliseconds kRestAfterFailure{50};
 
 void Client::run(long steps) {
     while (!board_.stop && steps-- != 0) {
+        std::this_thread::sleep_for(board_.pause);
         if (stepAndTell()) {
             rest();
         } else {

@@ -19,6 +19,8 @@ constexpr std::chrono::milliseconds kTurn{20};
 constexpr std::int64_t kClientsMoreOrLess = 8;
 // Failures that are told one by one.
 constexpr std::size_t kFailuresTold = 20;
+// A fault that is there for certain needs no busy machine to be found.
+constexpr std::chrono::milliseconds kPauseWithAFault{50};
 // What the server opens for good with the first change and the first notice.
 constexpr std::int64_t kOpenedLater = 3;
 
@@ -50,7 +52,9 @@ void print(const std::vector<Finding>& findings) {
 }  // namespace
 
 Director::Director(const Schedule& schedule, Fault fault)
-    : schedule_(schedule), fault_(fault), board_(Board::make()), processes_(board_, fault) {}
+    : schedule_(schedule), fault_(fault), board_(Board::make()), processes_(board_, fault) {
+    if (fault != Fault::none) board_.pause = kPauseWithAFault;
+}
 
 void Director::startServer() {
     if (!server_.start()) throw std::runtime_error("the data server does not start");
