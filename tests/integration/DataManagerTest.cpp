@@ -12,7 +12,6 @@ namespace dmtest {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class DataManagerProcess : public RealServerTest {
 protected:

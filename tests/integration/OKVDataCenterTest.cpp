@@ -19,7 +19,6 @@
 
 using okv::Array;
 using okv::Dictionary;
-using okv::Null;
 using okv::Value;
 using support::asAccount;
 using support::bytesOf;

@@ -18,7 +18,6 @@
 #include <fstream>
 
 using namespace durability;
-using faults::Admin;
 using faults::connect;
 using faults::get;
 using faults::set;

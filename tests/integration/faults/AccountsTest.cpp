@@ -15,7 +15,6 @@
 #include <filesystem>
 
 using namespace faults;
-using okv::Value;
 
 namespace {
 

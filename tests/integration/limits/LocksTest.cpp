@@ -11,7 +11,6 @@ using okv::Array;
 using okv::Dictionary;
 using okv::Null;
 using okv::Value;
-using okvctl_test::Ran;
 using okvctl_test::run;
 using testing::AllOf;
 using testing::ContainsRegex;

@@ -14,7 +14,6 @@
 namespace okvctl_test::terminal {
 
 using support::TempFolder;
-using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using Words = std::vector<std::string>;

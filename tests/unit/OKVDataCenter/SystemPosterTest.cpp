@@ -13,7 +13,6 @@
 using datacenter::SystemPoster;
 using okv::Array;
 using okv::Dictionary;
-using okv::Value;
 using namespace std::chrono_literals;
 
 namespace {

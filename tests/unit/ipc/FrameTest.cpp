@@ -10,7 +10,6 @@ using okv::Frame;
 using okv::FrameBuffer;
 using okv::FrameError;
 using okv::FrameKind;
-using okv::kFrameHeaderSize;
 
 namespace {
 

@@ -18,7 +18,6 @@
 #include "PrivateRoot.h"
 #include "unit/process/Support.h"
 
-using okv::Array;
 using okv::OSStatus;
 using okv::ProcessSerialNumber;
 using processtest::Child;

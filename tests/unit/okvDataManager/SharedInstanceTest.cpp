@@ -16,7 +16,6 @@ namespace dmtest {
 namespace {
 
 using Inspector = okvDataManagerInspector;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -12,7 +12,6 @@ namespace {
 using okv::Array;
 using okv::Dictionary;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using UsersTest = ConnectedTest;
 
