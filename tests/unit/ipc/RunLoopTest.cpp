@@ -322,6 +322,18 @@ TEST_F(RunLoopTest, WhatAnOwnerAskedForIsDroppedWhenItIsForgotten) {
     EXPECT_THAT(order_, ElementsAre(4));
 }
 
+TEST_F(RunLoopTest, ATimerGoesOffThoughAnEarlierOneWasForgotten) {
+    const auto owner = okv::make<Owner>(loop());
+    loop().performAfter(milliseconds(1), noting(1), owner.get());
+    loop().performAfter(milliseconds(20), [this] {
+        order_.push_back(2);
+        loop().stop();
+    });
+    loop().forget(owner.get());
+    loop().runUntil(okv::RunLoop::Clock::now() + std::chrono::seconds(20));
+    EXPECT_THAT(order_, ElementsAre(2));
+}
+
 TEST_F(RunLoopTest, HandlersRunUnderAReferenceToTheirOwner) {
     auto owner = okv::make<Owner>(loop());
     bool gone = false;

@@ -211,6 +211,7 @@ void RunLoop::forget(const Object* owner) noexcept {
         const auto timer = at++;
         if (timer->second.owner == owner) droppedTimers.insert(timers_.extract(timer));
     }
+    if (!droppedTimers.empty()) setTimer();
 }
 
 // Lock held.
@@ -287,7 +288,7 @@ void RunLoop::serveTimers() {
         {
             const std::lock_guard lock(mutex_);
             const auto first = timers_.begin();
-            if (first == timers_.end() || first->first > now) return;
+            if (first == timers_.end() || first->first > now) return setTimer();
             due = std::move(first->second);
             owner = Ref<const Object>::unlessDying(due.owner);
             timers_.erase(first);
