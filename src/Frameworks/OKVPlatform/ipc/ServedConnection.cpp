@@ -1,5 +1,6 @@
 #include <OKVPlatform/ipc/ServedConnection.h>
 
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -140,10 +141,13 @@ bool ServedConnection::takeSomeFrames() {
     return false;
 }
 
+// A client that always has more to ask keeps this thread busy for good. Who waits for its core, the
+// server's other threads and the clients that it answered, has his turn first.
 void ServedConnection::takeMoreNextTurn() {
     taking_ = Taking::nextTurn;
     loop_->perform(
         [this] {
+            sched_yield();
             taking_ = Taking::no;
             takeFrames();
             // What came meanwhile was told of, and passed over.
