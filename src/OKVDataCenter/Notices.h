@@ -4,23 +4,47 @@
 
 #include <OKVPlatform/values/Value.h>
 
-#include <string_view>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace datacenter {
 
 /// The name of the notice that tells every process of the suite that settings have changed.
 inline constexpr char kSettingsNotice[] = "jp.nrm.okv6.notification";
 
-/// Where notices go. Posting may wait for a lock, so it is done on the writer's thread.
+/// A change, and the epoch of the store that it was made in.
+struct Told {
+    Change change;
+    std::string epoch;
+};
+
+/// Where notices go. Any thread; must not wait.
 class NoticePoster {
 public:
     virtual ~NoticePoster() = default;
-    virtual void post(std::string_view name, const okv::Dictionary& userInfo) = 0;
+    virtual void post(Told told) = 0;
 };
 
 /// The user information of a change's notice: what `describe` tells, and "epoch". "osuserid" and
 /// "session_userid" are always there, because each client takes a notice for a user switch and
 /// reads a missing "osuserid" as root's: -1 and 0 are nobody's.
-okv::Dictionary noticeFor(const Change& change, const std::string& epoch);
+okv::Dictionary noticeFor(const Told& told);
+
+/// What stands for changes that were not told: of each account the last switch, because no client
+/// asks for that by itself, and one change of whatever keys and users at the last revision.
+class MissedChanges {
+public:
+    /// In any order: the revision tells which of two is the later one.
+    void add(Told told);
+    bool isEmpty() const noexcept { return !last_; }
+    /// In order of revision; none is missed any more.
+    std::vector<Told> take();
+
+private:
+    std::map<std::int64_t, Told> switches_;  ///< of an account
+    std::optional<Told> last_;
+};
 
 }  // namespace datacenter

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace datacenter {
@@ -27,6 +28,13 @@ std::shared_ptr<View> openedView(Store& store) {
     return view ? view : store.load();
 }
 
+// Whether what the view gave up for it may take long to be given back.
+bool leavesMuch(const Step& step) {
+    if (const auto* const set = std::get_if<step::Setting>(&step))
+        return set->value.is<okv::Array>() || set->value.is<okv::Dictionary>();
+    return !std::holds_alternative<step::Record>(step);
+}
+
 double secondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
@@ -42,7 +50,7 @@ Server::Server(Store& store, Rights rights, Surroundings surroundings)
       log_(surroundings_.log),
       refusals_(log_),
       view_(std::move(*openedView(store))),
-      writer_(store, rights_, surroundings_.now, poster_, handlers()) {
+      writer_(store, rights_, surroundings_.now, handlers()) {
     state_.now = surroundings_.now;
     state_.end = [this] { loop_->perform([this] { end(); }); };
     state_.status = [this] { return status(); };
@@ -102,10 +110,9 @@ bool Server::adopt(int listener, std::string& why) {
 bool Server::started(okv::Ref<okv::Publication> publication) {
     publication_ = std::move(publication);
     if (!publication_) return false;
-    // Before anything is served: the writer has nothing to post yet.
     Change nothing;
     nothing.revision = view_.revision();
-    poster_.post(kSettingsNotice, noticeFor(nothing, view_.epoch()));
+    poster_.post({std::move(nothing), view_.epoch()});
     return true;
 }
 
@@ -162,7 +169,8 @@ void Server::take(const std::shared_ptr<Batch>& batch) {
             reloaded(answer.frame);
         answer.request = nullptr;
     }
-    writer_.acknowledge(batch);
+    for (auto& change : batch->told) poster_.post({std::move(change), view_.epoch()});
+    if (std::any_of(batch->steps.begin(), batch->steps.end(), leavesMuch)) writer_.takeApart(batch);
 }
 
 void Server::reloaded(const std::string& failure) {

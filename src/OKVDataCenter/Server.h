@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Notices.h"
 #include "ReadingSide.h"
 #include "RefusalLog.h"
 #include "Rights.h"
@@ -42,7 +43,8 @@ public:
     bool publish(std::string& why);
     bool adopt(int listener, std::string& why);
 
-    /// Serves until it was told to end and everything it had taken is committed, answered and told.
+    /// Serves until it was told to end and everything it had taken is committed, answered and
+    /// handed to the poster.
     void run();
     /// Takes no more clients and ends when all is done. Clients find their connection closed, and
     /// connect again by themselves when there is a server again.

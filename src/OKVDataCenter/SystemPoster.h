@@ -6,32 +6,54 @@
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 
 #include <chrono>
-#include <functional>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 namespace datacenter {
 
-/// Posts to every process of the machine. A notice that cannot be posted is logged and dropped:
-/// what it tells is stored, and can be asked for by revision. The next one that is posted then
-/// carries no keys: it stands for those that were dropped, too.
+/// Posts to every process of the machine, in the order in which it was told, on a thread of its
+/// own: posting waits for a lock that every poster of the machine takes, and neither a change nor
+/// an answer waits for that. When posting fails, that is logged once, and nothing is tried for a
+/// while; then, and when more is told than can be posted, few notices stand for all that were
+/// missed (see MissedChanges).
 class SystemPoster final : public NoticePoster {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// After a failure nothing is tried for so long: changes must not wait for each notice.
     static constexpr std::chrono::seconds kQuietAfterFailure{2};
+    /// Changes that wait to be posted one by one.
+    static constexpr std::size_t kWaiting = 1024;
 
-    explicit SystemPoster(LogLine log, std::function<Clock::time_point()> now = Clock::now);
+    explicit SystemPoster(LogLine log, Clock::duration quietAfterFailure = kQuietAfterFailure);
+    /// Posts what waits, for a few seconds at the most; what fails then is not tried again: whoever
+    /// starts next tells everybody to look anew.
+    ~SystemPoster() override;
+    SystemPoster(const SystemPoster&) = delete;
+    SystemPoster& operator=(const SystemPoster&) = delete;
 
-    void post(std::string_view name, const okv::Dictionary& userInfo) override;
+    void post(Told told) override;
 
 private:
-    void tryPost(std::string_view name, const okv::Dictionary& userInfo);
+    void run();
+    bool next(Told& told);
+    bool tryPost(const Told& told);
+    void noteFailure(const char* reason);
+    void miss(Told told);
 
     const LogLine log_;
-    const std::function<Clock::time_point()> now_;
+    const Clock::duration quietAfterFailure_;
     okv::DistributedNotificationCenter center_;
-    Clock::time_point quietUntil_ = Clock::time_point::min();
-    bool dropped_ = false;
+    bool failing_ = false;  ///< the thread's alone
+
+    std::mutex mutex_;  // guards all down to the thread
+    std::condition_variable changed_;
+    std::deque<Told> waiting_;
+    MissedChanges missed_;  ///< later than all that waits
+    bool ending_ = false;
+    Clock::time_point endBy_;
+    std::thread thread_;
 };
 
 }  // namespace datacenter

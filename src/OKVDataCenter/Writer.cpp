@@ -16,21 +16,14 @@ void append(std::vector<T>& all, std::vector<T> more) {
 
 }  // namespace
 
-Writer::Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster& poster,
-               Handlers handlers)
+Writer::Writer(Store& store, const Rights& rights, Ledger::Now now, Handlers handlers)
     : store_(store),
       ledger_(store, rights, std::move(now)),
-      poster_(poster),
       handlers_(std::move(handlers)),
       thread_([this] { run(); }) {}
 
 Writer::~Writer() {
-    {
-        const std::lock_guard lock(mutex_);
-        finishing_ = true;
-        abandoned_ = true;
-        wake_.notify_one();
-    }
+    finish();
     thread_.join();
 }
 
@@ -52,10 +45,9 @@ void Writer::queueReload() {
     wake_.notify_one();
 }
 
-void Writer::acknowledge(std::shared_ptr<Batch> batch) {
+void Writer::takeApart(std::shared_ptr<Batch> batch) {
     const std::lock_guard lock(mutex_);
-    --unacknowledged_;
-    acknowledged_.push_back(std::move(batch));
+    remains_.push_back(std::move(batch));
     wake_.notify_one();
 }
 
@@ -77,7 +69,7 @@ std::size_t Writer::waitingBytes() const {
 
 // Lock held.
 bool Writer::hasWork() const {
-    return !queue_.empty() || !acknowledged_.empty();
+    return !queue_.empty() || !remains_.empty();
 }
 
 // Lock held.
@@ -92,30 +84,21 @@ void Writer::takeRequests(Work& work) {
 
 bool Writer::next(Work& work) {
     std::unique_lock lock(mutex_);
-    wake_.wait(
-        lock, [this] { return hasWork() || (finishing_ && (unacknowledged_ == 0 || abandoned_)); });
+    wake_.wait(lock, [this] { return hasWork() || finishing_; });
     if (!hasWork()) return false;
-    work.acknowledged.swap(acknowledged_);
+    work.remains.swap(remains_);
     takeRequests(work);
-    if (!work.requests.empty()) ++unacknowledged_;
     return true;
 }
 
 void Writer::run() {
     for (Work work; next(work);) {
         busySince_ = std::chrono::steady_clock::now().time_since_epoch().count();
-        // It ends there, under no lock: a batch may hold a whole former view.
-        carryOut(std::exchange(work, Work()));
+        if (!work.requests.empty()) carryOut(work.requests);
+        work = Work();  // under no lock: what remains may be a whole former view
         busySince_ = kIdle;
     }
     handlers_.finished();
-}
-
-void Writer::carryOut(Work work) {
-    for (const auto& batch : work.acknowledged) {
-        for (const auto& change : batch->told) post(change);
-    }
-    if (!work.requests.empty()) carryOut(work.requests);
 }
 
 std::chrono::nanoseconds Writer::busyFor() const noexcept {
@@ -123,10 +106,6 @@ std::chrono::nanoseconds Writer::busyFor() const noexcept {
     const auto since = busySince_.load();
     if (since == kIdle) return {};
     return Steady::now() - Steady::time_point(Steady::duration(since));
-}
-
-void Writer::post(const Change& change) {
-    poster_.post(kSettingsNotice, noticeFor(change, store_.epoch()));
 }
 
 void Writer::carryOut(const std::vector<Queued>& group) {

@@ -2,7 +2,6 @@
 
 #include "ChangingSide.h"
 #include "Ledger.h"
-#include "Notices.h"
 
 #include <atomic>
 #include <chrono>
@@ -16,7 +15,7 @@
 namespace datacenter {
 
 /// What one transaction came to, for the thread that answers: first the steps for the view, then
-/// the answers, then the batch goes back to the writer, which tells everybody.
+/// the answers, then what everybody is told. (Who hears that and reads, reads the new value.)
 struct Batch {
     struct Answer {
         okv::Ref<okv::IncomingRequest> request;  ///< none for what the server asked of itself
@@ -32,9 +31,6 @@ struct Batch {
 /// transaction, each request with an outcome of its own, commits, and hands the batch over. Nothing
 /// is answered before it is committed; where the commit fails, every request of the group is
 /// refused with the reason. Nothing waits for a group to fill.
-///
-/// Notices are posted once their batch has come back by `acknowledge`: who hears one and reads,
-/// reads the new value.
 class Writer {
 public:
     /// Called on the writer's thread.
@@ -47,8 +43,7 @@ public:
         std::function<void()> lookAround = {};
     };
 
-    Writer(Store& store, const Rights& rights, Ledger::Now now, NoticePoster& poster,
-           Handlers handlers);
+    Writer(Store& store, const Rights& rights, Ledger::Now now, Handlers handlers);
     ~Writer();
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
@@ -57,8 +52,10 @@ public:
     bool queue(okv::Ref<okv::IncomingRequest> request, Method method);
     /// Reads the store again, as `reloadDataPT` does, without anybody asking.
     void queueReload();
-    void acknowledge(std::shared_ptr<Batch> batch);
-    /// Takes nothing more; what was taken is carried out, answered and told.
+    /// Gives the memory of a batch back that holds much of what a view was: nobody waits for it
+    /// here but who writes next.
+    void takeApart(std::shared_ptr<Batch> batch);
+    /// Takes nothing more; what was taken is carried out.
     void finish();
 
     /// Requests not yet carried out.
@@ -74,13 +71,12 @@ private:
     };
     struct Work {
         std::vector<Queued> requests;
-        std::vector<std::shared_ptr<Batch>> acknowledged;
+        std::vector<std::shared_ptr<Batch>> remains;
     };
 
     static constexpr std::chrono::steady_clock::rep kIdle = 0;
 
     void run();
-    void carryOut(Work work);
     bool next(Work& work);
     bool hasWork() const;
     void takeRequests(Work& work);
@@ -89,7 +85,6 @@ private:
     std::string carryOutOne(const Queued& queued, Batch& batch);
     std::string send(const Queued& queued);
     static std::string failed(const Queued& queued, const okv::Refusal& failure);
-    void post(const Change& change);
     void noteFailure(const okv::Refusal& failure);
     void noteSuccess();
 
@@ -97,7 +92,6 @@ private:
     Ledger ledger_;
     ChangingSide data_{ledger_};
     AdminChangingSide admin_{ledger_};
-    NoticePoster& poster_;
     const Handlers handlers_;
     bool failing_ = false;
     std::atomic<std::chrono::steady_clock::rep> busySince_{kIdle};
@@ -106,10 +100,8 @@ private:
     std::condition_variable wake_;
     std::vector<Queued> queue_;
     std::size_t queuedBytes_ = 0;
-    std::vector<std::shared_ptr<Batch>> acknowledged_;
-    std::size_t unacknowledged_ = 0;
+    std::vector<std::shared_ptr<Batch>> remains_;
     bool finishing_ = false;
-    bool abandoned_ = false;  ///< nobody is left to acknowledge a batch
     std::thread thread_;
 };
 

@@ -68,7 +68,8 @@ private:
 /// Looks at the notices: each tells of a later state than the one before.
 class Poster final : public datacenter::NoticePoster {
 public:
-    void post(std::string_view, const okv::Dictionary& notice) override {
+    void post(datacenter::Told told) override {
+        const auto notice = datacenter::noticeFor(told);
         const auto revision = notice["revision"].longLongValue();
         require(notice.contains("osuserid") && notice.contains("session_userid"));
         require(revision >= last_.exchange(revision));

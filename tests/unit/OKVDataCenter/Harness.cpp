@@ -7,14 +7,11 @@
 
 using namespace std::chrono_literals;
 
-void RecordingPoster::post(std::string_view name, const okv::Dictionary& userInfo) {
-    EXPECT_EQ(name, "jp.nrm.okv6.notification");
-    std::unique_lock lock(mutex_);
-    notices_.push_back(userInfo);
-    held_ = holding_;
+void RecordingPoster::post(datacenter::Told told) {
+    if (posting) posting();
+    const std::lock_guard lock(mutex_);
+    notices_.push_back(datacenter::noticeFor(told));
     changed_.notify_all();
-    changed_.wait(lock, [this] { return !holding_; });
-    held_ = false;
 }
 
 std::vector<okv::Dictionary> RecordingPoster::take(std::size_t count) {
@@ -23,20 +20,28 @@ std::vector<okv::Dictionary> RecordingPoster::take(std::size_t count) {
     return std::exchange(notices_, {});
 }
 
-void RecordingPoster::hold() {
+void Turnstile::hold() {
     const std::lock_guard lock(mutex_);
     holding_ = true;
 }
 
-void RecordingPoster::awaitHeld() {
+void Turnstile::awaitHeld() {
     std::unique_lock lock(mutex_);
     EXPECT_TRUE(changed_.wait_for(lock, 10s, [&] { return held_; }));
 }
 
-void RecordingPoster::letGo() {
+void Turnstile::letGo() {
     const std::lock_guard lock(mutex_);
     holding_ = false;
     changed_.notify_all();
+}
+
+void Turnstile::pass() {
+    std::unique_lock lock(mutex_);
+    held_ = holding_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return !holding_; });
+    held_ = false;
 }
 
 Harness::Harness(Options options) : options_(options) {
@@ -55,6 +60,7 @@ void Harness::start() {
                                                   },
                                                   [this] { return now.load(); }};
     surroundings.lookAround = [this](datacenter::Rights& rights) {
+        turnstile_.pass();
         rights.setAdminGroup(administrators);
     };
     surroundings.reloaded = [this](const std::string& failure) {
@@ -70,6 +76,12 @@ void Harness::stop() {
     server->run();
     server.reset();
     store.reset();
+}
+
+void Harness::holdWriter() {
+    turnstile_.hold();
+    server->reload();
+    turnstile_.awaitHeld();
 }
 
 void Harness::restart() {

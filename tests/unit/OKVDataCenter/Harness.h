@@ -34,22 +34,36 @@ private:
     okv::PeerIdentity peer_;
 };
 
-/// Keeps the notices; can hold the writer's thread while it posts one.
+/// Keeps the notices.
 class RecordingPoster final : public datacenter::NoticePoster {
 public:
-    void post(std::string_view name, const okv::Dictionary& userInfo) override;
+    void post(datacenter::Told told) override;
 
     /// Waits until there were so many; fails the test when they do not come.
     std::vector<okv::Dictionary> take(std::size_t count);
-    /// The next notice stays in `post` until `letGo`; `awaitHeld` waits until it is there.
-    void hold();
-    void awaitHeld();
-    void letGo();
+
+    std::function<void()> posting;  ///< called before each, on the server's thread
 
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<okv::Dictionary> notices_;
+};
+
+/// Keeps a thread where it passes, once it was told to hold.
+class Turnstile {
+public:
+    void hold();
+    /// Waits until a thread is held; fails the test when none comes.
+    void awaitHeld();
+    void letGo();
+
+    /// Stays until `letGo` when it is to be held.
+    void pass();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
     bool holding_ = false;
     bool held_ = false;
 };
@@ -120,6 +134,10 @@ public:
 
     std::string storeFile() const { return folder_ / "store.db"; }
 
+    /// Has the writer at work, on a reload, until `letWriterGo`.
+    void holdWriter();
+    void letWriterGo() { turnstile_.letGo(); }
+
     RecordingPoster poster;
     std::atomic<double> now = 1000000;
     std::vector<std::string> log;                       ///< lines of the server's own thread
@@ -131,6 +149,7 @@ public:
 private:
     const okv::Ref<okv::RunLoop> loop_ = okv::RunLoop::current();
     Options options_;
+    Turnstile turnstile_;
     support::TempFolder folder_;
 };
 

@@ -83,21 +83,17 @@ TEST(Server, IsNotWellWhenItsWriterDoesNotGetOnAndSaysSoOnce) {
     options.limits.writerStuckAfter = std::chrono::seconds(0);
     Harness harness(options);
     EXPECT_TRUE(harness.server->isWell()) << "a writer without work is not stuck";
-    harness.poster.hold();
-    harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
-    harness.poster.awaitHeld();
+    harness.holdWriter();
     harness.log.clear();
     EXPECT_FALSE(harness.server->isWell());
     EXPECT_FALSE(harness.server->isWell());
     EXPECT_EQ(harness.log.size(), 1U);
-    harness.poster.letGo();
+    harness.letWriterGo();
     while (!harness.server->isWell()) std::this_thread::yield();
     Harness patient;
-    patient.poster.hold();
-    patient.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
-    patient.poster.awaitHeld();
+    patient.holdWriter();
     EXPECT_TRUE(patient.server->isWell()) << "a slow disk is no reason";
-    patient.poster.letGo();
+    patient.letWriterGo();
 }
 
 namespace {

@@ -35,13 +35,15 @@ protected:
         batches_.erase(batches_.begin());
         return batch;
     }
-    /// What is queued until `letGo` goes into one transaction. Makes one change itself.
+    /// What is queued until `letGo` goes into one transaction.
     void holdWriter() {
-        queueSet("held", 0);
-        const auto batch = next();
-        poster.hold();
-        writer.acknowledge(batch);
-        poster.awaitHeld();
+        turnstile.hold();
+        writer.queueReload();
+        turnstile.awaitHeld();
+    }
+    void letGo() {
+        turnstile.letGo();
+        EXPECT_EQ(next()->answers.at(0).request, nullptr) << "the reload's own";
     }
 
     support::TempFolder folder;
@@ -49,7 +51,7 @@ protected:
     std::condition_variable came_;
     std::vector<std::shared_ptr<datacenter::Batch>> batches_;
     std::vector<std::string> log;  // written before the batch is handed over, read after
-    RecordingPoster poster;
+    Turnstile turnstile;
     datacenter::Store store{folder / "s", [] {
                                 datacenter::Limits limits;
                                 limits.storePages = 200;
@@ -60,13 +62,13 @@ protected:
     datacenter::Writer writer{store,
                               rights,
                               [] { return 1.0; },
-                              poster,
                               {[this](std::shared_ptr<datacenter::Batch> batch) {
                                    const std::lock_guard lock(mutex_);
                                    batches_.push_back(std::move(batch));
                                    came_.notify_all();
                                },
-                               [] {}, [this](const std::string& line) { log.push_back(line); }}};
+                               [] {}, [this](const std::string& line) { log.push_back(line); },
+                               [this] { turnstile.pass(); }}};
 };
 
 }  // namespace
@@ -77,7 +79,7 @@ TEST_F(WriterAlone, WhatQueuedUpMeanwhileIsOneTransactionWithOutcomesOfItsOwn) {
     queueSet("", 2);
     queueSet("b", 3);
     queue<&Data::setOKVDataAllPT_appUid>(Dictionary{{"c", 4}, {"", 5}}, 1);
-    poster.letGo();
+    letGo();
     const auto batch = next();
     ASSERT_EQ(batch->answers.size(), 4U);
     EXPECT_TRUE(answer(batch->answers[0]).value);
@@ -85,14 +87,14 @@ TEST_F(WriterAlone, WhatQueuedUpMeanwhileIsOneTransactionWithOutcomesOfItsOwn) {
     EXPECT_TRUE(answer(batch->answers[2]).value);
     EXPECT_FALSE(answer(batch->answers[3]).value);
     ASSERT_EQ(batch->told.size(), 2U);
-    EXPECT_EQ(batch->told[0].revision, 2);
-    EXPECT_EQ(batch->told[1].revision, 3);  // no gap for what was refused
+    EXPECT_EQ(batch->told[0].revision, 1);
+    EXPECT_EQ(batch->told[1].revision, 2);  // no gap for what was refused
 
     datacenter::View view;
     view.begin("", 0, 10);
     view.apply(datacenter::step::AddUser{1});
     for (auto& step : batch->steps) view.apply(step);
-    EXPECT_EQ(view.revision(), 3);
+    EXPECT_EQ(view.revision(), 2);
     EXPECT_EQ(view.settingCount(), 2);
     EXPECT_EQ(view.find(1, "c").setting, nullptr);
 }
@@ -102,24 +104,11 @@ TEST_F(WriterAlone, ALoneRequestIsCarriedOutAtOnce) {
     EXPECT_EQ(next()->answers.size(), 1U);
 }
 
-TEST_F(WriterAlone, TheNextGroupDoesNotWaitForTheAcknowledgementOfTheLast) {
+TEST_F(WriterAlone, TheNextGroupDoesNotWaitUntilTheLastIsAnswered) {
     queueSet("a", 1);
     const auto first = next();
     queueSet("b", 2);
     EXPECT_EQ(next()->told.at(0).revision, 2);
-}
-
-TEST_F(WriterAlone, TellsAChangeOnlyOnceItsAnswerWasHandedOn) {
-    queueSet("a", 1);
-    const auto first = next();
-    queueSet("b", 2);
-    const auto second = next();  // the writer went on, and told nothing yet
-    writer.acknowledge(first);
-    const auto notices = poster.take(1);
-    ASSERT_EQ(notices.size(), 1U);
-    EXPECT_EQ(notices[0]["revision"], Value(1));
-    writer.acknowledge(second);
-    EXPECT_EQ(poster.take(1).at(0)["revision"], Value(2));
 }
 
 TEST_F(WriterAlone, AFullStoreRefusesWhatDoesNotFitAndTakesTheRest) {
@@ -127,7 +116,7 @@ TEST_F(WriterAlone, AFullStoreRefusesWhatDoesNotFitAndTakesTheRest) {
     queueSet("small", 1);
     queue<&Data::setOkvHammerListPT_value>(1, std::string(900 << 10, 'x'));
     queueSet("small too", 1);
-    poster.letGo();
+    letGo();
     const auto batch = next();
     ASSERT_EQ(batch->answers.size(), 3U);
     const auto refused = answer(batch->answers[1]);
@@ -148,7 +137,7 @@ TEST_F(WriterAlone, TakesNoMoreThanItHasRoomFor) {
     EXPECT_TRUE(writer.queue(large, method));
     EXPECT_FALSE(writer.queue(large, method));
     EXPECT_EQ(writer.waiting(), 1U);
-    poster.letGo();
+    letGo();
     next();
     EXPECT_TRUE(writer.queue(large, method));
 }
@@ -160,7 +149,7 @@ TEST_F(WriterAlone, FinishingCarriesOutWhatWasTakenAndTakesNothingMore) {
     const auto port = okv::make<RecordingPort>(account(0));
     EXPECT_FALSE(writer.queue(requestFor<&Data::setOKVDataPT_value_appUid>(port, "b", 1, 1),
                               datacenter::methodOf<&Data::setOKVDataPT_value_appUid>()));
-    poster.letGo();
+    letGo();
     EXPECT_EQ(next()->told.size(), 1U);
 }
 
@@ -193,7 +182,7 @@ TEST_F(WriterAlone, AFailedCommitRefusesEveryRequestOfTheGroup) {
     queueSet("b", 2);
     {
         const FileSizeLimit limit(1);
-        poster.letGo();
+        letGo();
         const auto batch = next();
         ASSERT_EQ(batch->answers.size(), 2U);
         for (const auto& held : batch->answers) {
@@ -209,23 +198,36 @@ TEST_F(WriterAlone, AFailedCommitRefusesEveryRequestOfTheGroup) {
     queueSet("after", 3);
     const auto batch = next();
     EXPECT_TRUE(answer(batch->answers.at(0)).value);
-    EXPECT_EQ(batch->told.at(0).revision, 3);
+    EXPECT_EQ(batch->told.at(0).revision, 2);
     ASSERT_EQ(log.size(), 2U);
     EXPECT_NE(log[0].find("the store fails"), std::string::npos);
     EXPECT_EQ(log[1], "the store works again");
 }
 
+TEST(WriterInServer, AChangeIsToldOnceItIsAnsweredAndCanBeRead) {
+    Harness harness;
+    const auto port = okv::make<RecordingPort>(account(0));
+    Value read;
+    harness.poster.posting = [&] {
+        EXPECT_EQ(port->answers.size(), 1U);
+        read = harness.server->view().find(1, "k").setting->value;
+    };
+    harness.send<&Data::setOKVDataPT_value_appUid>(port, "k", 1, 1);
+    harness.awaitAnswer(*port);
+    EXPECT_EQ(harness.poster.take(1).at(0)["revision"], Value(1));
+    EXPECT_EQ(read, Value(1));
+}
+
 TEST(WriterInServer, ReadsDoNotWaitForTheWriter) {
     Harness harness;
-    harness.poster.hold();
     EXPECT_TRUE((harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1)));
-    harness.poster.awaitHeld();
+    harness.holdWriter();
     const auto port = okv::make<RecordingPort>(account(0));
     harness.send<&Data::setOKVDataPT_value_appUid>(port, "k", 2, 1);
     EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(1));
     EXPECT_EQ(harness.ask<&Admin::serverStatusPT>().as<Dictionary>()["waiting"], Value(1));
     EXPECT_TRUE(port->answers.empty());
-    harness.poster.letGo();
+    harness.letWriterGo();
     harness.awaitAnswer(*port);
     EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 1)), Value(2));
 }
