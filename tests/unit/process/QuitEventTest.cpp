@@ -11,7 +11,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 
 #include "Support.h"
 
@@ -60,6 +62,11 @@ bool isRunning(const Child& child) {
     siginfo_t info{};
     waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT | WNOHANG);
     return info.si_pid == 0;
+}
+
+std::unique_ptr<QuitEventListener> startAccepting(std::string* why = nullptr) {
+    return QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; },
+                                    QuitEventListener::isRootOrOwnUser, why);
 }
 
 class QuitEvent : public testing::Test {
@@ -158,8 +165,7 @@ TEST_F(QuitEvent, AnotherUserMayNotAsk) {
 TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
     const auto name = [&] { return appsFolder() + "/" + std::to_string(getpid()); };
     {
-        const auto listener =
-            QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+        const auto listener = startAccepting();
         ASSERT_TRUE(listener);
         EXPECT_TRUE(std::filesystem::exists(name()));
     }
@@ -167,8 +173,7 @@ TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
 }
 
 TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
-    const auto listener =
-        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+    const auto listener = startAccepting();
     struct stat status {};
     ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 01777U);
@@ -177,11 +182,48 @@ TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
 TEST_F(QuitEvent, AListenerThatCannotBeReachedSaysWhy) {
     std::ofstream(appsFolder()) << "no folder";
     std::string why;
-    const auto listener =
-        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; },
-                                 QuitEventListener::isRootOrOwnUser, &why);
+    const auto listener = startAccepting(&why);
     EXPECT_FALSE(listener);
     EXPECT_NE(why.find("apps"), std::string::npos) << why;
+}
+
+// A sanitizer's first look at a type takes descriptors, too: so in both tests a thread goes first,
+// whose run loop is its own.
+
+TEST_F(QuitEvent, ASenderWithoutDescriptorsSaysSoAndTakesNobodyForDeaf) {
+    const Child application(applicationPath(), with({"--reply", "-128"}));
+    ASSERT_TRUE(application.isReady());
+    const int refusals = processtest::inFork([&] {
+        std::thread([&] { sendQuit(application.pid()); }).join();
+        for (unsigned left = 0; left < 20; ++left) {
+            processtest::leaveDescriptors(left);
+            const auto outcome = sendQuit(application.pid());
+            if (outcome == Outcome{okv::noErr, -128}) return static_cast<int>(left);
+            if (outcome != Outcome{okv::tmfoErr, std::nullopt}) return 100;
+        }
+        return 101;
+    });
+    // The folder, the socket, the three of a run loop.
+    EXPECT_GE(refusals, 4);
+    EXPECT_LT(refusals, 20);
+}
+
+TEST_F(QuitEvent, AListenerWithoutDescriptorsIsNoneAndSaysWhyAndLeavesNoName) {
+    ASSERT_TRUE(startAccepting());
+    const int refusals = processtest::inFork([&] {
+        std::thread([] { startAccepting(); }).join();
+        for (unsigned left = 0; left < 20; ++left) {
+            std::string why;
+            processtest::leaveDescriptors(left);
+            const auto listener = startAccepting(&why);
+            processtest::leaveDescriptors(20);
+            if (listener) return static_cast<int>(left);
+            if (why.empty() || !std::filesystem::is_empty(appsFolder())) return 100;
+        }
+        return 101;
+    });
+    EXPECT_GE(refusals, 4);
+    EXPECT_LT(refusals, 20);
 }
 
 TEST_F(QuitEvent, ASerialNumberMakesATargetAndNullNone) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
@@ -52,6 +53,19 @@ OSStatus statusOf(ConnectionError::Kind kind) noexcept {
             break;
     }
     return connectionInvalid;
+}
+
+// Who lacks what it takes to ask has not found out whether anybody listens.
+OSStatus statusOf(const ConnectedSocket& unreached) noexcept {
+    switch (unreached.error) {
+        case EMFILE:
+        case ENFILE:
+        case ENOMEM:
+        case ENOBUFS:
+            return tmfoErr;
+        default:
+            return procNotFound;
+    }
 }
 
 // What is left of an event's time, over its several steps.
@@ -103,11 +117,11 @@ QuitReply sendQuitEvent(const QuitEvent& event, std::int32_t ticks) {
     const Countdown time(ticks);
     if (pid <= 0) return {procNotFound, std::nullopt};
     auto reached = connectToProcess(pid, nameOf(pid), kAppsFolder);
-    if (!reached.socket.isValid()) return {procNotFound, std::nullopt};
+    if (!reached.socket.isValid()) return {statusOf(reached), std::nullopt};
     try {
         const auto connection =
             Connection::connectionWithSocket(std::move(reached.socket), std::move(reached.peer));
-        if (!connection) return {statusOf(ConnectionError::Kind::notSent), std::nullopt};
+        if (!connection) return {tmfoErr, std::nullopt};
         return ask(*connection, time);
     } catch (const ConnectionError& error) {
         return {statusOf(error.kind()), std::nullopt};
