@@ -5,15 +5,19 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Support.h"
 
@@ -22,6 +26,31 @@ using okv::QuitEventListener;
 
 using processtest::Child;
 using processtest::ChildOptions;
+
+namespace {
+
+// What comes between the making of a folder and the next step; once.
+std::function<void()> whenMade;
+
+int makeFolder(int at, const char* path, mode_t mode) {
+    const auto result = static_cast<int>(syscall(SYS_mkdirat, at, path, mode));
+    if (result == 0 && whenMade) std::exchange(whenMade, nullptr)();
+    return result;
+}
+
+}  // namespace
+
+// These stand before the system's own.
+#pragma GCC visibility push(default)
+extern "C" {
+int mkdir(const char* path, mode_t mode) noexcept {
+    return makeFolder(AT_FDCWD, path, mode);
+}
+int mkdirat(int at, const char* path, mode_t mode) noexcept {
+    return makeFolder(at, path, mode);
+}
+}
+#pragma GCC visibility pop
 
 namespace {
 
@@ -174,6 +203,29 @@ TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
 
 TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
     const auto listener = startAccepting();
+    struct stat status {};
+    ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 01777U);
+}
+
+TEST_F(QuitEvent, WhatIsPutInTheNewFoldersPlaceIsNotOpenedToAll) {
+    const auto victim = runtime_.path() / "victim";
+    ASSERT_EQ(mkdir(victim.c_str(), 0755), 0);
+    const auto away = appsFolder() + ".away";
+    whenMade = [&] {
+        std::filesystem::rename(appsFolder(), away);
+        std::filesystem::create_directory_symlink(victim, appsFolder());
+    };
+    const auto listener = startAccepting();
+    EXPECT_FALSE(whenMade) << "no folder was made";
+    struct stat status {};
+    ASSERT_EQ(stat(victim.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0755U);
+}
+
+TEST_F(QuitEvent, AnOwnFolderThatNobodyCouldOpenIsOpenedToAll) {
+    ASSERT_EQ(mkdir(appsFolder().c_str(), 0700), 0);
+    EXPECT_TRUE(startAccepting());
     struct stat status {};
     ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 01777U);

@@ -4,6 +4,7 @@
 #include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/process/QuitEvent.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -164,17 +165,23 @@ bool QuitEventListener::isRootOrOwnUser(const PeerIdentity& sender) {
     return sender.isAccount() && (sender.uid == 0 || sender.uid == geteuid());
 }
 
-// Where nobody made it yet, by whoever may: open to all, and nobody takes another's name away.
+// Where nobody made it yet, by whoever may: open to all, and nobody takes another's name away. By
+// descriptors, because the folder around it may be a lesser account's, which can put something else
+// in its place at any time.
 static void makeAppsFolder() {
     constexpr mode_t kSharedAndSticky = 01777;
-    const auto path = runtimeDirectory() + "/" + kAppsFolder;
+    const auto runtime = PrivateDescriptor::opened(
+        [] { return open(runtimeDirectory().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
+    if (!runtime.isValid()) return;
+    mkdirat(runtime.get(), kAppsFolder, 0700);
+    const auto folder = PrivateDescriptor::opened([&] {
+        return openat(runtime.get(), kAppsFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    });
     struct stat status {};
-    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!folder.isValid() || fstat(folder.get(), &status) != 0) return;
     // Also where somebody made it and ended before it was opened.
-    const bool ownUnopened = !made && lstat(path.c_str(), &status) == 0 &&
-                             S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
-                             (status.st_mode & 07777) == 0700;
-    if (made || ownUnopened) chmod(path.c_str(), kSharedAndSticky);
+    const bool isOwnUnopened = status.st_uid == geteuid() && (status.st_mode & 01777) == 0700;
+    if (isOwnUnopened) fchmod(folder.get(), kSharedAndSticky);
 }
 
 std::unique_ptr<QuitEventListener> QuitEventListener::start(Handler handler, Permission mayAsk,
