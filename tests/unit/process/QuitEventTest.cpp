@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -189,6 +190,31 @@ TEST_F(QuitEvent, AnotherUserMayNotAsk) {
     });
     EXPECT_EQ(outcome, 0);
     EXPECT_TRUE(isRunning(application));
+}
+
+TEST_F(QuitEvent, ANameThatAnotherAccountsProcessLeftDoesNotKeepOneFromBeingAsked) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
+    startAccepting();  // makes the folder
+    const int outcome = processtest::inFork([&] {
+        const auto left = appsFolder() + "/" + std::to_string(getpid());
+        std::ofstream(left) << "";
+        if (chown(left.c_str(), processtest::kNobody, processtest::kNobody) != 0) return 2;
+        if (setgid(1234) != 0 || setuid(1234) != 0) return 2;
+        const auto listener = startAccepting();
+        if (!listener) return 3;
+        Outcome asked{};
+        const auto loop = okv::RunLoop::current();
+        std::thread sender([&] {
+            asked = sendQuit(getpid());
+            loop->stop();
+        });
+        loop->run();
+        sender.join();
+        return asked == Outcome{okv::noErr, std::nullopt} ? 0 : 1;
+    });
+    EXPECT_EQ(outcome, 0);
+    const std::filesystem::directory_iterator names(appsFolder());
+    EXPECT_EQ(std::distance(begin(names), end(names)), 1) << "only what another account left";
 }
 
 TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {

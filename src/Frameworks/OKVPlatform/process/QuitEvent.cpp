@@ -11,7 +11,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 namespace okv {
 
@@ -57,16 +60,43 @@ OSStatus statusOf(ConnectionError::Kind kind) noexcept {
 }
 
 // Who lacks what it takes to ask has not found out whether anybody listens.
+bool isWant(int error) noexcept {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
 OSStatus statusOf(const ConnectedSocket& unreached) noexcept {
-    switch (unreached.error) {
-        case EMFILE:
-        case ENFILE:
-        case ENOMEM:
-        case ENOBUFS:
-            return tmfoErr;
-        default:
-            return procNotFound;
+    return isWant(unreached.error) ? tmfoErr : procNotFound;
+}
+
+// Where a process that was killed left its name, another account's one with the same id cannot take
+// it from the sticky folder: it goes by a name of its own. Nobody can guess that one and take it,
+// too.
+std::string otherNameOf(std::int32_t pid) {
+    const auto now = RunLoop::Clock::now().time_since_epoch().count();
+    return nameOf(pid) + "." + std::to_string(now);
+}
+
+std::vector<std::string> otherNamesIn(const std::string& folder, std::int32_t pid,
+                                      std::error_code& error) {
+    std::vector<std::string> names;
+    std::filesystem::directory_iterator at(folder, error);
+    for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+        auto name = at->path().filename().string();
+        if (name.starts_with(nameOf(pid) + ".")) names.push_back(std::move(name));
     }
+    return names;
+}
+
+ConnectedSocket reach(std::int32_t pid) {
+    auto reached = connectToProcess(pid, nameOf(pid), kAppsFolder);
+    if (reached.socket.isValid() || isWant(reached.error)) return reached;
+    std::error_code error;
+    for (const auto& name : otherNamesIn(runtimeDirectory() + "/" + kAppsFolder, pid, error)) {
+        reached = connectToProcess(pid, name, kAppsFolder);
+        if (reached.socket.isValid() || isWant(reached.error)) return reached;
+    }
+    if (error) reached.error = error.value();
+    return reached;
 }
 
 // What is left of an event's time, over its several steps.
@@ -117,7 +147,7 @@ QuitReply sendQuitEvent(const QuitEvent& event, std::int32_t ticks) {
     const auto pid = event.target.pid;
     const Countdown time(ticks);
     if (pid <= 0) return {procNotFound, std::nullopt};
-    auto reached = connectToProcess(pid, nameOf(pid), kAppsFolder);
+    auto reached = reach(pid);
     if (!reached.socket.isValid()) return {statusOf(reached), std::nullopt};
     try {
         const auto connection =
@@ -135,14 +165,7 @@ public:
         : handler_(std::move(handler)), mayAsk_(std::move(mayAsk)) {}
 
     bool publish(std::string& why) {
-        PublicationOptions options;
-        options.name.subfolder = kAppsFolder;
-        options.maxConnections = 32;
-        options.maxConnectionsPerUid = 8;
-        options.maxRequestBytes = 4096;
-        publication_ =
-            Publication::publish(nameOf(getpid()), rootObject<QuitProtocol>(*this), options, why);
-        return publication_ != nullptr;
+        return publishAs(nameOf(getpid()), why) || publishAs(otherNameOf(getpid()), why);
     }
 
     Value quitApplication() override {
@@ -152,6 +175,16 @@ public:
     }
 
 private:
+    bool publishAs(const std::string& name, std::string& why) {
+        PublicationOptions options;
+        options.name.subfolder = kAppsFolder;
+        options.maxConnections = 32;
+        options.maxConnectionsPerUid = 8;
+        options.maxRequestBytes = 4096;
+        publication_ = Publication::publish(name, rootObject<QuitProtocol>(*this), options, why);
+        return publication_ != nullptr;
+    }
+
     Handler handler_;
     Permission mayAsk_;
     Ref<Publication> publication_;
