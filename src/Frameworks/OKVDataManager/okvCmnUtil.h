@@ -119,7 +119,8 @@ public:
 
     /// Asks an application to quit and waits for its answer, at most 500/60 of a second.
     /// Answers 0 when it accepted (or `psn` is null), the error number it replied, -600 when the
-    /// process does not listen for the request, or the negative status of a failed sending.
+    /// process does not listen for the request, or the negative status of a failed sending (-42
+    /// when this process has no descriptors left to send it with).
     static std::int32_t sendQuitAppleEvent(const okv::ProcessSerialNumber* psn);
 
     /// Sends SIGTERM to the process, up to 5 times until the sending succeeds, then SIGKILL when it
@@ -262,8 +263,8 @@ public:
     /// are served while that runs). `timeout`, in seconds, is kept as request and reply time-out;
     /// it must not be 0 or less. A NaN is not less than anything and goes on: intended. The
     /// delegate, where given, is asked about new connections; it is not retained. Null on every
-    /// failure: no root object, no name, a name that is taken or cannot be had; then no name and no
-    /// connection is left behind.
+    /// failure: no root object, no name, a name that is taken or cannot be had, no descriptors
+    /// left; then no name and no connection is left behind.
     static okv::Ref<okv::Publication> rootObject_registerName_timeout_delegate(
         const okv::RootObject& rootObject, std::string_view name, double timeout,
         okv::PublicationDelegate* delegate);

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
+#include <new>
 #include <string>
 
 namespace {
@@ -18,9 +20,11 @@ using Sink = okv::SinkSlot<int, std::string_view>;
 
 std::atomic<int> levelInForce{okv::kDefaultLogLevel};
 
-// Never destroyed: threads may still log while the process ends.
-Sink& sink() {
-    static auto* const slot = new Sink;
+// Never destroyed: threads may still log while the process ends. In place: it is there without
+// memory, too.
+Sink& sink() noexcept {
+    alignas(Sink) static std::byte place[sizeof(Sink)];
+    static auto* const slot = new (place) Sink;
     return *slot;
 }
 
@@ -74,9 +78,12 @@ void OKVSystemLog(int level, const char* format, ...) {
     const int savedErrno = errno;
     std::va_list values;
     va_start(values, format);
-    const std::string text = okv::formattedText(format, values);
+    try {
+        log(level, okv::formattedText(format, values));
+    } catch (const std::bad_alloc&) {
+        // Without memory the text is dropped: whoever logs is no worse off for it.
+    }
     va_end(values);
-    log(level, text);
     errno = savedErrno;
 }
 

@@ -12,7 +12,7 @@
 /// `okv::NSLog`. The journal's priority is "err" for levels up to 0, "notice" for 1 to 9, "info"
 /// for 10 to 19 and "debug" from 20 on; the level itself is kept in the field OKV_LEVEL.
 ///
-/// Never fails, keeps errno. Any thread.
+/// Never fails, keeps errno; without memory the text is dropped. Any thread.
 extern "C" OKV_EXPORT void OKVSystemLog(int level, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -43,8 +43,14 @@ ExitCode runQuit(Call& call) {
     expectFormats(call, kConfirmFormats);
     const auto pid = processOf(call.operands()[0]);
     expectProcess(pid);
-    const auto status = okvCmnUtil::sendQuitAppleEventForPid(pid);
+    // By its serial number: `sendQuitAppleEventForPid` calls a process that it cannot look up one
+    // that has quit.
+    const okv::ProcessSerialNumber process{0, static_cast<std::uint32_t>(pid)};
+    const auto status = okvCmnUtil::sendQuitAppleEvent(&process);
     if (status == okv::procNotFound) return sendSignal(call, pid);
+    if (status == okv::tmfoErr)
+        throw ToolError(ExitCode::failure, "process " + std::to_string(pid) +
+                                               " was not asked to quit: no descriptors left");
     if (status != okv::noErr)
         throw ToolError(ExitCode::failure, "process " + std::to_string(pid) +
                                                " does not quit: it answered " +

@@ -3,6 +3,7 @@
 #include "ToolRun.h"
 
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
 
 #include <OKVPlatform/ipc/RunLoop.h>
 #include <OKVPlatform/process/QuitEvent.h>
@@ -16,6 +17,8 @@
 
 #include <csignal>
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace okvctl_test::process_verbs {
 
@@ -48,6 +51,14 @@ void sleepForEver(const std::function<void()>& ready) {
     ready();
     okv::RunLoop::current()->run();
     _exit(7);
+}
+
+/// The exit code of a tool that may have no descriptor from `limit` on.
+int codeWithDescriptors(int limit, const std::vector<std::string>& arguments) {
+    std::vector<std::string> words{"-c", "ulimit -n \"$0\"; exec \"$@\"", std::to_string(limit),
+                                   OKVCTL_PROGRAM};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return okvctl_test::Child("/bin/sh", words).wait();
 }
 
 const json* withPid(const json& records, pid_t pid) {
@@ -115,6 +126,23 @@ TEST(Quit, SignalsAProcessThatDoesNotListen) {
     EXPECT_EQ(ran.code, 0) << ran.error;
     EXPECT_EQ(json::parse(ran.out)["quit"]["by"], "signal");
     EXPECT_EQ(application.wait(), -SIGTERM);
+}
+
+TEST(Quit, WithoutDescriptorsToAskFailsAndSignalsNobody) {
+    if (support::kIsSanitized) GTEST_SKIP() << "sanitizers need descriptors of their own";
+    const RuntimeFolder folder;
+    Child application([](const auto& ready) { listenFor(okv::noErr, ready); });
+    ASSERT_TRUE(application.isReady());
+    int refusals = 0;
+    int code = 1;
+    // With the smallest limits the tool's libraries are not even loaded.
+    for (int limit = 3; limit < 20 && (code == 1 || code == 127); ++limit) {
+        code = codeWithDescriptors(limit, {"quit", idOf(application)});
+        if (code == 1) ++refusals;
+    }
+    EXPECT_EQ(code, 0);
+    EXPECT_GT(refusals, 0);
+    EXPECT_EQ(application.wait(), 7) << "it was asked, not signalled";
 }
 
 TEST(Quit, OfAnotherAccountsProcessIsRefused) {

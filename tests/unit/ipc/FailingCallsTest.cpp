@@ -1,14 +1,18 @@
 // What holds when a call of the system's fails, one after the other.
 #include "PublicationFixture.h"
 
+#include <OKVLog/OKVLog.h>
 #include <OKVPlatform/ipc/NotificationLogReader.h>
 #include <OKVPlatform/ipc/NotificationLogWriter.h>
+#include <OKVPlatform/system/NSLog.h>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <system_error>
 #include <thread>
+
+#include "../system/CapturedStderr.h"
 
 #include "support/FailingCall.h"
 #include "support/NotificationTesting.h"
@@ -250,4 +254,35 @@ TEST(ANotificationLog, TakesANoticeThatIsWrittenInTwoPieces) {
             EXPECT_EQ(namesIn(reader), (std::vector<std::string>{"a", "b"}));
         });
     EXPECT_EQ(count, 3U) << "a header and two records";
+}
+
+namespace {
+
+/// Logs with each allocation failing in turn: errno is kept, and nothing is thrown.
+template <class Log>
+std::uint32_t allocationsSurvivedBy(Log log) {
+    const std::string text(3000, 'x');  // no text that needs no memory
+    return forEachFailingCall(Function::allocate, Kind::any, ENOMEM, [&](FailingCall& failing) {
+        CapturedStderr standardError;
+        failing.arm();
+        errno = ENOENT;
+        log(text.c_str());
+        const int error = errno;
+        failing.disarm();
+        EXPECT_EQ(error, ENOENT);
+    });
+}
+
+}  // namespace
+
+TEST(ALogWithoutMemory, DropsTheTextAndKeepsErrno) {
+    EXPECT_GT(allocationsSurvivedBy([](const char* text) { okv::NSLog("%s", text); }), 1U);
+    int heard = 0;
+    okv::setLogSink([&](int, std::string_view) { ++heard; });
+    const auto count = allocationsSurvivedBy([](const char* text) {
+        OKVSystemLog(okv::kDefaultLogLevel + 1, "%s", text);  // for the sink alone
+    });
+    okv::setLogSink(nullptr);
+    EXPECT_GT(count, 0U);
+    EXPECT_EQ(heard, 1) << "the one that had memory";
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 using okv::Data;
 
 namespace {
@@ -128,4 +130,40 @@ TEST(CutAtDelimiter, CutsALargeBufferIntoAllItsLines) {
     }
     EXPECT_FALSE(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"));
     EXPECT_EQ(buffer, bytes("rest"));
+}
+
+// As whoever reads a stream uses them: the buffer grows between cuts, and is handed on.
+
+TEST(CutBySize, AGrowingBufferIsCutAgain) {
+    Data buffer = bytes("abcdef");
+    Data piece;
+    ASSERT_TRUE(okvCmnUtil::subData_size_dstData(buffer, 4, piece));
+    buffer.append("ghi");
+    ASSERT_TRUE(okvCmnUtil::subData_size_dstData(buffer, 3, piece));
+    EXPECT_EQ(piece, bytes("efg"));
+    Data handedOn = std::move(buffer);
+    // NOLINTNEXTLINE(bugprone-use-after-move): it is empty, and cannot be cut.
+    EXPECT_FALSE(okvCmnUtil::subData_size_dstData(buffer, 1, piece));
+    EXPECT_FALSE(okvCmnUtil::subData_size_dstData(handedOn, 3, piece));
+    EXPECT_EQ(piece, bytes("efg"));
+    ASSERT_TRUE(okvCmnUtil::subData_size_dstData(handedOn, 2, piece));
+    EXPECT_EQ(piece, bytes("hi"));
+    buffer.append("xyz");
+    ASSERT_TRUE(okvCmnUtil::subData_size_dstData(buffer, 2, piece));
+    EXPECT_EQ(piece, bytes("xy"));
+}
+
+TEST(CutAtDelimiter, AGrowingBufferIsCutAgain) {
+    Data buffer = bytes("one\ntw");
+    EXPECT_EQ(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"), bytes("one"));
+    EXPECT_FALSE(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"));
+    buffer.append("o\nthree\nfo");
+    EXPECT_EQ(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"), bytes("two"));
+    Data handedOn = std::move(buffer);
+    // NOLINTNEXTLINE(bugprone-use-after-move): it is empty, so nothing is found in it.
+    EXPECT_FALSE(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"));
+    buffer.append("a\nb");
+    EXPECT_EQ(okvCmnUtil::subDataToDelimiter_delimiter(buffer, "\n"), bytes("a"));
+    EXPECT_EQ(okvCmnUtil::subDataToDelimiter_delimiter(handedOn, "\n"), bytes("three"));
+    EXPECT_EQ(handedOn, bytes("fo"));
 }

@@ -257,6 +257,21 @@ TEST(SendQuit, ReachesAnApplicationThatListens) {
     EXPECT_TRUE(isRunning(declining.pid()));
 }
 
+TEST(SendQuit, ASenderWithoutDescriptorsAnswersAStatusOfItsOwn) {
+    const okv::testing::RuntimeFolder runtime;
+    const Child listening(OKV_TEST_QUITTING_APPLICATION);
+    const ProcessSerialNumber psn{0, static_cast<std::uint32_t>(listening.pid())};
+    const int outcome = processtest::inFork([&] {
+        for (unsigned left = 0; left < 4; ++left) {
+            processtest::leaveDescriptors(left);
+            if (okvCmnUtil::sendQuitAppleEvent(&psn) != okv::tmfoErr) return 1;
+        }
+        return 0;
+    });
+    EXPECT_EQ(outcome, 0);
+    EXPECT_TRUE(isRunning(listening.pid()));
+}
+
 // ---- Launching ----
 
 namespace {

@@ -9,6 +9,10 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
+#include <thread>
+
+#include "unit/process/Support.h"
 
 namespace {
 
@@ -130,6 +134,24 @@ TEST_F(Publishing, ADelegateMayTurnConnectionsAway) {
     EXPECT_THROW(connection->rootProxy(), okv::ConnectionError);
     service.on([&](okv::Publication& publication) { publication.setDelegate(nullptr); });
     EXPECT_TRUE(okv::Connection::connectionWithRegisteredName(kName)->rootProxy());
+}
+
+TEST_F(Publishing, WithoutDescriptorsThereIsNoConnectionAndNoNameIsLeft) {
+    const int refusals = processtest::inFork([&] {
+        // A sanitizer's first look at a type takes descriptors, too.
+        std::thread([] { published(); }).join();
+        for (unsigned left = 0; left < 20; ++left) {
+            processtest::leaveDescriptors(left);
+            const auto connection = published();
+            processtest::leaveDescriptors(20);
+            if (connection) return static_cast<int>(left);
+            if (std::filesystem::exists(folder_.path() / kName)) return 100;
+        }
+        return 101;
+    });
+    // The three of a run loop, and the name's folder, lock and socket.
+    EXPECT_GE(refusals, 4);
+    EXPECT_LT(refusals, 20);
 }
 
 TEST(BulkRelease, TakesOneReferenceOfEachElementAndOneOfTheArray) {

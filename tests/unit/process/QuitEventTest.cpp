@@ -5,13 +5,20 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "Support.h"
 
@@ -20,6 +27,31 @@ using okv::QuitEventListener;
 
 using processtest::Child;
 using processtest::ChildOptions;
+
+namespace {
+
+// What comes between the making of a folder and the next step; once.
+std::function<void()> whenMade;
+
+int makeFolder(int at, const char* path, mode_t mode) {
+    const auto result = static_cast<int>(syscall(SYS_mkdirat, at, path, mode));
+    if (result == 0 && whenMade) std::exchange(whenMade, nullptr)();
+    return result;
+}
+
+}  // namespace
+
+// These stand before the system's own.
+#pragma GCC visibility push(default)
+extern "C" {
+int mkdir(const char* path, mode_t mode) noexcept {
+    return makeFolder(AT_FDCWD, path, mode);
+}
+int mkdirat(int at, const char* path, mode_t mode) noexcept {
+    return makeFolder(at, path, mode);
+}
+}
+#pragma GCC visibility pop
 
 namespace {
 
@@ -60,6 +92,11 @@ bool isRunning(const Child& child) {
     siginfo_t info{};
     waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT | WNOHANG);
     return info.si_pid == 0;
+}
+
+std::unique_ptr<QuitEventListener> startAccepting(std::string* why = nullptr) {
+    return QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; },
+                                    QuitEventListener::isRootOrOwnUser, why);
 }
 
 class QuitEvent : public testing::Test {
@@ -155,11 +192,35 @@ TEST_F(QuitEvent, AnotherUserMayNotAsk) {
     EXPECT_TRUE(isRunning(application));
 }
 
+TEST_F(QuitEvent, ANameThatAnotherAccountsProcessLeftDoesNotKeepOneFromBeingAsked) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
+    startAccepting();  // makes the folder
+    const int outcome = processtest::inFork([&] {
+        const auto left = appsFolder() + "/" + std::to_string(getpid());
+        std::ofstream(left) << "";
+        if (chown(left.c_str(), processtest::kNobody, processtest::kNobody) != 0) return 2;
+        if (setgid(1234) != 0 || setuid(1234) != 0) return 2;
+        const auto listener = startAccepting();
+        if (!listener) return 3;
+        Outcome asked{};
+        const auto loop = okv::RunLoop::current();
+        std::thread sender([&] {
+            asked = sendQuit(getpid());
+            loop->stop();
+        });
+        loop->run();
+        sender.join();
+        return asked == Outcome{okv::noErr, std::nullopt} ? 0 : 1;
+    });
+    EXPECT_EQ(outcome, 0);
+    const std::filesystem::directory_iterator names(appsFolder());
+    EXPECT_EQ(std::distance(begin(names), end(names)), 1) << "only what another account left";
+}
+
 TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
     const auto name = [&] { return appsFolder() + "/" + std::to_string(getpid()); };
     {
-        const auto listener =
-            QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+        const auto listener = startAccepting();
         ASSERT_TRUE(listener);
         EXPECT_TRUE(std::filesystem::exists(name()));
     }
@@ -167,8 +228,30 @@ TEST_F(QuitEvent, AListenerThatGoesAwayTakesItsNameAlong) {
 }
 
 TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
-    const auto listener =
-        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; });
+    const auto listener = startAccepting();
+    struct stat status {};
+    ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 01777U);
+}
+
+TEST_F(QuitEvent, WhatIsPutInTheNewFoldersPlaceIsNotOpenedToAll) {
+    const auto victim = runtime_.path() / "victim";
+    ASSERT_EQ(mkdir(victim.c_str(), 0755), 0);
+    const auto away = appsFolder() + ".away";
+    whenMade = [&] {
+        std::filesystem::rename(appsFolder(), away);
+        std::filesystem::create_directory_symlink(victim, appsFolder());
+    };
+    const auto listener = startAccepting();
+    EXPECT_FALSE(whenMade) << "no folder was made";
+    struct stat status {};
+    ASSERT_EQ(stat(victim.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0755U);
+}
+
+TEST_F(QuitEvent, AnOwnFolderThatNobodyCouldOpenIsOpenedToAll) {
+    ASSERT_EQ(mkdir(appsFolder().c_str(), 0700), 0);
+    EXPECT_TRUE(startAccepting());
     struct stat status {};
     ASSERT_EQ(stat(appsFolder().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 01777U);
@@ -177,11 +260,48 @@ TEST_F(QuitEvent, TheFolderOfNamesIsOpenToAllAndSticky) {
 TEST_F(QuitEvent, AListenerThatCannotBeReachedSaysWhy) {
     std::ofstream(appsFolder()) << "no folder";
     std::string why;
-    const auto listener =
-        QuitEventListener::start([](const okv::PeerIdentity&) { return okv::noErr; },
-                                 QuitEventListener::isRootOrOwnUser, &why);
+    const auto listener = startAccepting(&why);
     EXPECT_FALSE(listener);
     EXPECT_NE(why.find("apps"), std::string::npos) << why;
+}
+
+// A sanitizer's first look at a type takes descriptors, too: so in both tests a thread goes first,
+// whose run loop is its own.
+
+TEST_F(QuitEvent, ASenderWithoutDescriptorsSaysSoAndTakesNobodyForDeaf) {
+    const Child application(applicationPath(), with({"--reply", "-128"}));
+    ASSERT_TRUE(application.isReady());
+    const int refusals = processtest::inFork([&] {
+        std::thread([&] { sendQuit(application.pid()); }).join();
+        for (unsigned left = 0; left < 20; ++left) {
+            processtest::leaveDescriptors(left);
+            const auto outcome = sendQuit(application.pid());
+            if (outcome == Outcome{okv::noErr, -128}) return static_cast<int>(left);
+            if (outcome != Outcome{okv::tmfoErr, std::nullopt}) return 100;
+        }
+        return 101;
+    });
+    // The folder, the socket, the three of a run loop.
+    EXPECT_GE(refusals, 4);
+    EXPECT_LT(refusals, 20);
+}
+
+TEST_F(QuitEvent, AListenerWithoutDescriptorsIsNoneAndSaysWhyAndLeavesNoName) {
+    ASSERT_TRUE(startAccepting());
+    const int refusals = processtest::inFork([&] {
+        std::thread([] { startAccepting(); }).join();
+        for (unsigned left = 0; left < 20; ++left) {
+            std::string why;
+            processtest::leaveDescriptors(left);
+            const auto listener = startAccepting(&why);
+            processtest::leaveDescriptors(20);
+            if (listener) return static_cast<int>(left);
+            if (why.empty() || !std::filesystem::is_empty(appsFolder())) return 100;
+        }
+        return 101;
+    });
+    EXPECT_GE(refusals, 4);
+    EXPECT_LT(refusals, 20);
 }
 
 TEST_F(QuitEvent, ASerialNumberMakesATargetAndNullNone) {

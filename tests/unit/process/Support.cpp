@@ -1,9 +1,11 @@
 #include "Support.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -75,6 +77,21 @@ void waitForEnd(pid_t child) {
 std::size_t openDescriptors() {
     const std::filesystem::directory_iterator folder("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(folder), end(folder)));
+}
+
+static void limitDescriptors(rlim_t count) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min(count, limit.rlim_max);
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("no limit");
+}
+
+void leaveDescriptors(unsigned count) {
+    limitDescriptors(RLIM_INFINITY);  // after an earlier call
+    const int next = dup(STDERR_FILENO);
+    if (next < 0) throw std::runtime_error("no descriptor to count from");
+    close(next);
+    limitDescriptors(static_cast<rlim_t>(next) + count);
 }
 
 }  // namespace processtest

@@ -48,4 +48,8 @@ void waitForEnd(pid_t child);
 
 std::size_t openDescriptors();
 
+/// From now on this process may open `count` more descriptors at the most; for children that
+/// `inFork` made.
+void leaveDescriptors(unsigned count);
+
 }  // namespace processtest

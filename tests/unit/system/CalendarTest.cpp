@@ -1,12 +1,21 @@
 #include "LocalZone.h"
 
+#include <OKVPlatform/process/Task.h>
 #include <OKVPlatform/system/Calendar.h>
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <limits>
+#include <string>
 #include <thread>
+
+#include "support/Files.h"
 
 using okv::Calendar;
 using okv::CalendarDate;
@@ -93,6 +102,52 @@ INSTANTIATE_TEST_SUITE_P(Rows, Offset,
                                          OffsetRow{"Australia/Sydney", 2541456000, 36000},
                                          OffsetRow{"Asia/Tokyo", 2541456000, 32400},
                                          OffsetRow{"America/Sao_Paulo", 2525817600, -10800}));
+
+namespace {
+
+constexpr char kZoneCompiler[] = "/usr/sbin/zic";
+constexpr char kRules[] =
+    "Rule R 2007 max - Mar Sun>=8 2:00 1:00 D\n"
+    "Rule R 2007 max - Nov Sun>=1 2:00 0 S\n"
+    "Zone America/Boise -7:00 R M%sT\n";
+
+void compile(const std::string& rules, const std::string& into) {
+    okv::Task task;
+    task.setLaunchPath(kZoneCompiler);
+    task.setArguments({"-b", "slim", "-d", into, rules});
+    task.launch();
+    task.waitUntilExit();
+}
+
+/// In a process of its own: puts the zone file in the system's one's place, and looks into it.
+[[noreturn]] void lookInto(const std::string& file) {
+    constexpr char kInstalled[] = "/usr/share/zoneinfo/America/Boise";
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(file.c_str(), kInstalled, nullptr, MS_BIND, nullptr) != 0)
+        _exit(77);
+    const auto boise = zone("America/Boise");
+    const bool isRight = boise.offsetAt(1752580800) == -21600 &&  // July and December 2025
+                         boise.offsetAt(1765800000) == -25200 &&
+                         boise.offsetAt(1783000000) == -21600 &&  // July 2026
+                         boise.offsetAt(1800000000) == -25200 &&  // January 2027
+                         boise.offsetAt(2225700000) == -21600;    // July 2040
+    _exit(isRight ? 0 : 1);
+}
+
+}  // namespace
+
+TEST(TimeZone, ASlimZoneFilesRuleHoldsAfterItsLastListedChange) {
+    if (access(kZoneCompiler, X_OK) != 0) GTEST_SKIP() << "no " << kZoneCompiler;
+    const support::TempFolder folder;
+    compile(folder.write("rules", kRules), folder / "out");
+    ASSERT_EQ(access((folder / "out/America/Boise").c_str(), R_OK), 0);
+    const auto child = fork();
+    if (child == 0) lookInto(folder / "out/America/Boise");
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no right to make a mount namespace";
+    EXPECT_EQ(status, 0);
+}
 
 TEST(TimeZone, TheLocalZoneTakesEveryFormOfTheVariable) {
     const std::int64_t july2020 = 1594771200;

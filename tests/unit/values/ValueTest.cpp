@@ -8,6 +8,7 @@
 #include <limits>
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 using okv::Array;
@@ -69,6 +70,67 @@ TEST(Data, CuttingTheFrontKeepsTheRest) {
     EXPECT_EQ(data, Data{7});
     EXPECT_THROW(data.cutFront(2), std::out_of_range);
     EXPECT_THROW(data.sub(0, 2), std::out_of_range);
+}
+
+namespace {
+
+/// "def", with three dead bytes before it.
+Data cutData() {
+    Data data("abcdef");
+    data.cutFront(3);
+    return data;
+}
+
+}  // namespace
+
+TEST(Data, WhatACutOneIsMovedFromIsEmptyAndCanBeUsedAgain) {
+    Data source = cutData();
+    const Data constructed(std::move(source));
+    EXPECT_EQ(constructed, Data("def"));
+    // NOLINTBEGIN(bugprone-use-after-move): that it is empty is a promise.
+    EXPECT_EQ(source.size(), 0U);
+    EXPECT_TRUE(source.empty());
+    source.append("xy");
+    EXPECT_EQ(source, Data("xy"));
+    source.cutFront(1);
+    Data assigned("another text");
+    assigned.cutFront(8);
+    assigned = std::move(source);
+    EXPECT_EQ(assigned, Data("y"));
+    EXPECT_EQ(source.size(), 0U);
+    source.resize(2);
+    EXPECT_EQ(source, (Data{0, 0}));
+    // NOLINTEND(bugprone-use-after-move)
+}
+
+TEST(Data, ACutOneIsCopiedAndComparedByItsBytesOnly) {
+    const Data source = cutData();
+    Data copy = source;
+    EXPECT_EQ(copy, source);
+    EXPECT_EQ(copy, Data("def"));
+    EXPECT_FALSE(copy == Data("abcdef"));
+    copy[0] = 'D';
+    EXPECT_EQ(source, Data("def"));
+    Data assigned("a longer text");
+    assigned = source;
+    EXPECT_EQ(assigned, Data("def"));
+    EXPECT_EQ(source.sub(1, 2), Data("ef"));
+}
+
+TEST(Data, ACutOneIsClearedResizedAndAppendedTo) {
+    Data data = cutData();
+    data.append("gh");
+    data.push_back('i');
+    EXPECT_EQ(data, Data("defghi"));
+    data.resize(2);
+    EXPECT_EQ(data, Data("de"));
+    data.resize(4);
+    EXPECT_EQ(data, Data(std::string_view("de\0\0", 4)));
+    data.cutFront(1);
+    data.clear();
+    EXPECT_EQ(data.size(), 0U);
+    data.append("z");
+    EXPECT_EQ(data, Data("z"));
 }
 
 TEST(Dictionary, KeepsInsertionOrderAndReplacesInPlace) {

@@ -52,6 +52,7 @@ Ref<Connection> Connection::connectionWithRegisteredName(std::string_view name,
 }
 
 Ref<Connection> Connection::connectionWithSocket(PrivateDescriptor socket, PeerIdentity peer) {
+    if (!RunLoop::currentIfPossible()) return nullptr;
     auto connection = make<Connection>(std::move(socket), std::move(peer));
     return connection->start() ? connection : nullptr;
 }

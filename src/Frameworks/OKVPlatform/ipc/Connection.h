@@ -40,8 +40,9 @@ namespace okv {
 /// reference to its connection.
 class OKV_EXPORT Connection final : public MessagePort {
 public:
-    /// Null when nobody serves the name or nobody that this process trusts; `why`, where given,
-    /// then tells the reason. `host` must be none: other machines are not looked at.
+    /// Null when nobody serves the name or nobody that this process trusts, or for want of
+    /// descriptors; `why`, where given, then tells the reason. `host` must be none: other machines
+    /// are not looked at.
     static Ref<Connection> connectionWithRegisteredName(
         std::string_view name, std::optional<std::string_view> host = std::nullopt,
         std::string* why = nullptr);

@@ -19,6 +19,12 @@ constexpr std::chrono::milliseconds kAcceptAgain{100};
 constexpr int kAcceptsPerTurn = 16;
 constexpr char kNoRoomForName[] = "the system has no room to watch the name's socket";
 
+bool hasRunLoop(std::string& why) {
+    if (RunLoop::currentIfPossible()) return true;
+    why = "the system has no room for this thread's run loop";
+    return false;
+}
+
 }  // namespace
 
 Publication::Publication(std::unique_ptr<PublishedName> name, RootObject root,
@@ -40,6 +46,9 @@ Ref<Publication> Publication::serving(std::unique_ptr<PublishedName> name, RootO
 
 Ref<Publication> Publication::publish(std::string_view name, RootObject root,
                                       PublicationOptions options, std::string& why) {
+    // First: a name that cannot be served is not to be seen for a moment, nor to put another's file
+    // away.
+    if (!hasRunLoop(why)) return nullptr;
     auto published = PublishedName::publish(name, options.name, why);
     const bool isNamed = published != nullptr;
     auto publication = serving(std::move(published), std::move(root), std::move(options));
@@ -51,6 +60,7 @@ Ref<Publication> Publication::adopt(std::string_view name, int listener, RootObj
                                     PublicationOptions options, std::string& why) {
     auto adopted = PublishedName::adopt(name, listener, why);
     const bool isNamed = adopted != nullptr;
+    if (isNamed && !hasRunLoop(why)) return nullptr;
     auto publication = serving(std::move(adopted), std::move(root), std::move(options));
     if (isNamed && !publication) why = kNoRoomForName;
     return publication;

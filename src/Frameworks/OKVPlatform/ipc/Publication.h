@@ -87,7 +87,8 @@ struct PublicationUse {
 /// Destroying it withdraws the name and closes every connection. In a forked child it is nothing.
 class OKV_EXPORT Publication final : public Object {
 public:
-    /// Null when the name cannot be had; `why` then says what stands in the way.
+    /// Null when the name cannot be had, or not be served for want of descriptors; `why` then says
+    /// what stands in the way, and no name is left behind.
     static Ref<Publication> publish(std::string_view name, RootObject root,
                                     PublicationOptions options, std::string& why);
     /// Serves the name's listening socket that a service manager handed over.

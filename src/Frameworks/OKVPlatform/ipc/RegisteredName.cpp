@@ -113,6 +113,10 @@ bool PublishedName::lockName(const std::string& lockFile, std::string& why) {
 bool PublishedName::bindTemporary(const std::string& temporary, const Options& options,
                                   std::string& why) {
     listener_ = unixSocket();
+    if (!listener_.isValid()) {
+        why = withReason("a socket");
+        return false;
+    }
     const auto address = addressIn(folder_.get(), temporary);
     unlinkat(folder_.get(), temporary.c_str(), 0);
     struct stat status {};
@@ -233,19 +237,27 @@ ConnectedSocket notConnected(std::string why, bool refusedPeer = false) {
     return result;
 }
 
+ConnectedSocket notConnectedBySystem(const std::string& what) {
+    const int error = errno;
+    auto result = notConnected(withReason(what));
+    result.error = error;
+    return result;
+}
+
 // Without looking at who the peer is.
 ConnectedSocket connectToAnybody(std::string_view name, std::string_view subfolder) {
     if (!isRegisteredName(name)) return notConnected("not a registered name");
     const auto folder = PrivateDescriptor::opened(
         [&] { return open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     if (!folder.isValid())
-        return notConnected(withReason("the runtime folder " + folderPath(subfolder)));
+        return notConnectedBySystem("the runtime folder " + folderPath(subfolder));
     ConnectedSocket result;
     result.socket = unixSocket();
+    if (!result.socket.isValid()) return notConnectedBySystem("a socket");
     const auto address = addressIn(folder.get(), std::string(name));
     if (connect(result.socket.get(), asSocketAddress(address), sizeof address) != 0)
-        return notConnected(
-            withReason("no server at " + folderPath(subfolder) + "/" + std::string(name)));
+        return notConnectedBySystem("no server at " + folderPath(subfolder) + "/" +
+                                    std::string(name));
     if (const auto peer = PeerIdentity::ofSocket(result.socket.get(), false)) result.peer = *peer;
     fcntl(result.socket.get(), F_SETFL, 0);
     return result;

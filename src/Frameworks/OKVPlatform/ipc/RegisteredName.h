@@ -68,6 +68,7 @@ struct ConnectedSocket {
     PeerIdentity peer;
     std::string why;
     bool refusedPeer = false;  ///< somebody serves the name, but nobody this process trusts
+    int error = 0;             ///< the errno of what the system refused; 0 where it refused nothing
 };
 
 /// Connects to a registered name without ever waiting: a server whose backlog is full counts as

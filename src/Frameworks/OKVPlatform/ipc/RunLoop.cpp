@@ -73,6 +73,14 @@ Ref<RunLoop> RunLoop::current() {
     return currentLoop;
 }
 
+Ref<RunLoop> RunLoop::currentIfPossible() {
+    try {
+        return current();
+    } catch (const std::system_error&) {
+        return nullptr;
+    }
+}
+
 bool RunLoop::isCurrent() const noexcept {
     return loopOfThread == this;
 }

@@ -40,6 +40,8 @@ public:
     /// The calling thread's loop, made at the first call. Throws std::system_error without
     /// descriptors.
     static Ref<RunLoop> current();
+    /// The same, but null without descriptors.
+    static Ref<RunLoop> currentIfPossible();
 
     /// Serves until `stop()`.
     void run();

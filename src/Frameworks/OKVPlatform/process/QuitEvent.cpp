@@ -4,12 +4,17 @@
 #include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/process/QuitEvent.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 namespace okv {
 
@@ -52,6 +57,46 @@ OSStatus statusOf(ConnectionError::Kind kind) noexcept {
             break;
     }
     return connectionInvalid;
+}
+
+// Who lacks what it takes to ask has not found out whether anybody listens.
+bool isWant(int error) noexcept {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+OSStatus statusOf(const ConnectedSocket& unreached) noexcept {
+    return isWant(unreached.error) ? tmfoErr : procNotFound;
+}
+
+// Where a process that was killed left its name, another account's one with the same id cannot take
+// it from the sticky folder: it goes by a name of its own. Nobody can guess that one and take it,
+// too.
+std::string otherNameOf(std::int32_t pid) {
+    const auto now = RunLoop::Clock::now().time_since_epoch().count();
+    return nameOf(pid) + "." + std::to_string(now);
+}
+
+std::vector<std::string> otherNamesIn(const std::string& folder, std::int32_t pid,
+                                      std::error_code& error) {
+    std::vector<std::string> names;
+    std::filesystem::directory_iterator at(folder, error);
+    for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+        auto name = at->path().filename().string();
+        if (name.starts_with(nameOf(pid) + ".")) names.push_back(std::move(name));
+    }
+    return names;
+}
+
+ConnectedSocket reach(std::int32_t pid) {
+    auto reached = connectToProcess(pid, nameOf(pid), kAppsFolder);
+    if (reached.socket.isValid() || isWant(reached.error)) return reached;
+    std::error_code error;
+    for (const auto& name : otherNamesIn(runtimeDirectory() + "/" + kAppsFolder, pid, error)) {
+        reached = connectToProcess(pid, name, kAppsFolder);
+        if (reached.socket.isValid() || isWant(reached.error)) return reached;
+    }
+    if (error) reached.error = error.value();
+    return reached;
 }
 
 // What is left of an event's time, over its several steps.
@@ -102,12 +147,12 @@ QuitReply sendQuitEvent(const QuitEvent& event, std::int32_t ticks) {
     const auto pid = event.target.pid;
     const Countdown time(ticks);
     if (pid <= 0) return {procNotFound, std::nullopt};
-    auto reached = connectToProcess(pid, nameOf(pid), kAppsFolder);
-    if (!reached.socket.isValid()) return {procNotFound, std::nullopt};
+    auto reached = reach(pid);
+    if (!reached.socket.isValid()) return {statusOf(reached), std::nullopt};
     try {
         const auto connection =
             Connection::connectionWithSocket(std::move(reached.socket), std::move(reached.peer));
-        if (!connection) return {statusOf(ConnectionError::Kind::notSent), std::nullopt};
+        if (!connection) return {tmfoErr, std::nullopt};
         return ask(*connection, time);
     } catch (const ConnectionError& error) {
         return {statusOf(error.kind()), std::nullopt};
@@ -120,14 +165,7 @@ public:
         : handler_(std::move(handler)), mayAsk_(std::move(mayAsk)) {}
 
     bool publish(std::string& why) {
-        PublicationOptions options;
-        options.name.subfolder = kAppsFolder;
-        options.maxConnections = 32;
-        options.maxConnectionsPerUid = 8;
-        options.maxRequestBytes = 4096;
-        publication_ =
-            Publication::publish(nameOf(getpid()), rootObject<QuitProtocol>(*this), options, why);
-        return publication_ != nullptr;
+        return publishAs(nameOf(getpid()), why) || publishAs(otherNameOf(getpid()), why);
     }
 
     Value quitApplication() override {
@@ -137,6 +175,16 @@ public:
     }
 
 private:
+    bool publishAs(const std::string& name, std::string& why) {
+        PublicationOptions options;
+        options.name.subfolder = kAppsFolder;
+        options.maxConnections = 32;
+        options.maxConnectionsPerUid = 8;
+        options.maxRequestBytes = 4096;
+        publication_ = Publication::publish(name, rootObject<QuitProtocol>(*this), options, why);
+        return publication_ != nullptr;
+    }
+
     Handler handler_;
     Permission mayAsk_;
     Ref<Publication> publication_;
@@ -150,17 +198,23 @@ bool QuitEventListener::isRootOrOwnUser(const PeerIdentity& sender) {
     return sender.isAccount() && (sender.uid == 0 || sender.uid == geteuid());
 }
 
-// Where nobody made it yet, by whoever may: open to all, and nobody takes another's name away.
+// Where nobody made it yet, by whoever may: open to all, and nobody takes another's name away. By
+// descriptors, because the folder around it may be a lesser account's, which can put something else
+// in its place at any time.
 static void makeAppsFolder() {
     constexpr mode_t kSharedAndSticky = 01777;
-    const auto path = runtimeDirectory() + "/" + kAppsFolder;
+    const auto runtime = PrivateDescriptor::opened(
+        [] { return open(runtimeDirectory().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
+    if (!runtime.isValid()) return;
+    mkdirat(runtime.get(), kAppsFolder, 0700);
+    const auto folder = PrivateDescriptor::opened([&] {
+        return openat(runtime.get(), kAppsFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    });
     struct stat status {};
-    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!folder.isValid() || fstat(folder.get(), &status) != 0) return;
     // Also where somebody made it and ended before it was opened.
-    const bool ownUnopened = !made && lstat(path.c_str(), &status) == 0 &&
-                             S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
-                             (status.st_mode & 07777) == 0700;
-    if (made || ownUnopened) chmod(path.c_str(), kSharedAndSticky);
+    const bool isOwnUnopened = status.st_uid == geteuid() && (status.st_mode & 01777) == 0700;
+    if (isOwnUnopened) fchmod(folder.get(), kSharedAndSticky);
 }
 
 std::unique_ptr<QuitEventListener> QuitEventListener::start(Handler handler, Permission mayAsk,

@@ -13,6 +13,7 @@
 namespace okv {
 
 /// Results of events beside the Process Manager's, under their platform names.
+inline constexpr OSStatus tmfoErr = -42;  ///< not sent: the sender has no descriptors left
 inline constexpr OSStatus connectionInvalid = -609;        ///< the target ended without a reply
 inline constexpr OSStatus errAEEventNotHandled = -1708;    ///< the target does not know the event
 inline constexpr OSStatus errAEReplyNotValid = -1709;      ///< the reply cannot be read
@@ -49,8 +50,9 @@ OKV_EXPORT std::optional<QuitEvent> makeQuitEvent(const QuitTarget& target);
 
 /// Sends the event and waits for the reply, `ticks` at most. Only the target itself, by the
 /// kernel's word on its process id, is ever asked. The status is procNotFound when it does not
-/// listen for quit events, else noErr or one of the above. Throws std::system_error without
-/// descriptors. Any thread may call it, except the one whose run loop serves the target's listener.
+/// listen for quit events, tmfoErr when this process lacks the descriptors or the system the memory
+/// to find that out, else noErr or one of the above. Any thread may call it, except the one whose
+/// run loop serves the target's listener.
 OKV_EXPORT QuitReply sendQuitEvent(const QuitEvent& event, std::int32_t ticks);
 
 /// How an application hears that it shall quit:

@@ -5,8 +5,10 @@
 #include <unistd.h>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
+#include <new>
 
 namespace okv {
 
@@ -14,9 +16,11 @@ namespace {
 
 using Sink = SinkSlot<std::string_view>;
 
-// Never destroyed: threads may still log while the process ends.
-Sink& sink() {
-    static auto* const slot = new Sink;
+// Never destroyed: threads may still log while the process ends. In place: it is there without
+// memory, too.
+Sink& sink() noexcept {
+    alignas(Sink) static std::byte place[sizeof(Sink)];
+    static auto* const slot = new (place) Sink;
     return *slot;
 }
 
@@ -81,10 +85,14 @@ void NSLog(const char* format, ...) {
     const int savedErrno = errno;
     std::va_list values;
     va_start(values, format);
-    const std::string text = formattedText(format, values);
+    try {
+        const std::string text = formattedText(format, values);
+        sink()(text);
+        writeLogLine(text);
+    } catch (const std::bad_alloc&) {
+        // Without memory the text is dropped: whoever logs is no worse off for it.
+    }
     va_end(values);
-    sink()(text);
-    writeLogLine(text);
     errno = savedErrno;
 }
 

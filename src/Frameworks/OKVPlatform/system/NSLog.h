@@ -14,7 +14,7 @@ namespace okv {
 /// `format` and its values are printf's. A line feed inside the text is written as the two
 /// characters `\n`, so that one call is always one line; one at the end is dropped. The line goes
 /// out in one write(2): lines of several threads or processes do not mix. Never fails, keeps
-/// errno. Any thread.
+/// errno; without memory the line is dropped. Any thread.
 OKV_EXPORT void NSLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// What a sink is given: the text alone, as it was formatted.

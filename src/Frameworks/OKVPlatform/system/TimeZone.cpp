@@ -16,8 +16,8 @@ namespace {
 constexpr std::int64_t kHour = 3600;
 // No offset in the database is wider, summer time and local mean time included.
 constexpr std::int64_t kWidestOffset = 26 * kHour;
-// The database's files list every change up to the end of 2037; later ones follow a rule.
-constexpr std::int64_t kEndOfListedChanges = 2145916800;
+// A listed change lies before it.
+constexpr date::sys_days kNoChange{date::year{10000} / 1 / 1};
 
 using Abbreviation = std::pair<std::string_view, std::string_view>;
 
@@ -100,8 +100,9 @@ std::int64_t localOffset(std::int64_t instant) {
     return localtime_r(&time, &fields) == nullptr ? 0 : fields.tm_gmtoff;
 }
 
-// The rule for all later years stands, in TZ's form, in the last line of the zone's file.
-std::string laterRuleOf(const std::string& name) {
+// The rule for all time after the listed changes stands, in TZ's form, in the last line of the
+// zone's file: "fat" files list the changes up to 2037, "slim" ones only those that no rule gives.
+std::string readLaterRule(const std::string& name) {
     std::ifstream file("/usr/share/zoneinfo/" + name, std::ios::binary);
     std::string line;
     std::string last;
@@ -109,8 +110,16 @@ std::string laterRuleOf(const std::string& name) {
     return last;
 }
 
-std::int64_t listedOffset(const date::time_zone& zone, std::int64_t instant) {
-    return zone.get_info(sysSeconds(instant)).offset.count();
+// Read once, for as long as the thread asks for one zone only. (No lock that a fork could leave
+// locked.)
+const std::string& laterRuleOf(const date::time_zone* zone, const std::string& name) {
+    thread_local std::pair<const date::time_zone*, std::string> last;
+    if (last.first != zone) last = {zone, readLaterRule(name)};
+    return last.second;
+}
+
+bool hasSummerTime(const std::string& rule) {
+    return rule.find(',') != std::string::npos;
 }
 
 }  // namespace
@@ -138,10 +147,12 @@ std::optional<TimeZone> TimeZone::withAbbreviation(std::string_view abbreviation
 
 std::int64_t TimeZone::offsetAt(std::int64_t instant) const {
     if (zone_ == nullptr) return localOffset(instant);
-    if (instant < kEndOfListedChanges) return listedOffset(*zone_, instant);
+    const auto listed = zone_->get_info(sysSeconds(instant));
+    if (listed.end < kNoChange) return listed.offset.count();
+    const auto& rule = laterRuleOf(zone_, name_);
     // Without a readable rule, as at the last listed change.
-    if (const auto offset = offsetByRule(laterRuleOf(name_), instant)) return *offset;
-    return listedOffset(*zone_, instant);
+    const auto later = hasSummerTime(rule) ? offsetByRule(rule, instant) : std::nullopt;
+    return later.value_or(listed.offset.count());
 }
 
 std::int64_t TimeZone::instantOf(std::int64_t localTime) const {

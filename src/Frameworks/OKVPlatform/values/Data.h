@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace okv {
@@ -28,6 +29,19 @@ public:
     template <class Iterator>
     requires(!std::is_integral_v<Iterator>) Data(Iterator first, Iterator last)
         : bytes_(first, last) {}
+
+    Data(const Data&) = default;
+    Data& operator=(const Data&) = default;
+    /// What is moved from is empty.
+    Data(Data&& other) noexcept
+        : bytes_(std::exchange(other.bytes_, {})), front_(std::exchange(other.front_, 0)) {}
+    /// The same.
+    Data& operator=(Data&& other) noexcept {
+        bytes_ = std::exchange(other.bytes_, {});
+        front_ = std::exchange(other.front_, 0);
+        return *this;
+    }
+    ~Data() = default;
 
     /// In bytes, without those that were cut off.
     std::size_t size() const noexcept { return bytes_.size() - front_; }
