@@ -19,8 +19,8 @@ bool isOfSystem(const Value& key) {
 
 }  // namespace
 
-std::int32_t ChangingSide::assignedUser(std::int64_t osUid) const {
-    return ledger_.store().assignedUser(osUid).value_or(kNoUser);
+std::int32_t ChangingSide::assignedUser(std::int32_t osUid) const {
+    return ledger_.store().assignedUser(accountOf(osUid)).value_or(kNoUser);
 }
 
 // Whether a well-formed key may be written for the user.

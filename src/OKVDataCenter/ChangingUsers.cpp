@@ -41,6 +41,8 @@ bool ChangingSide::setCurrentUserIdForOSPT(const Value& user) {
     });
 }
 
+// A negative number is no account here, although it names one with a uid from 2^31 on elsewhere:
+// nobody is given a user by what may as well be a mistake.
 bool ChangingSide::assign(std::int32_t osUid, std::int32_t appUid) {
     auto& store = ledger_.store();
     if (!isAccount(osUid) || appUid <= kEverybody)
@@ -65,7 +67,7 @@ std::int32_t ChangingSide::delUseridPT(std::int32_t osUid) {
     ledger_.change([&] {
         user = assignedUser(osUid);
         if (user == kNoUser) return false;  // nothing to change, and no refusal either
-        ledger_.carryOut(step::Assign{osUid, std::nullopt});
+        ledger_.carryOut(step::Assign{accountOf(osUid), std::nullopt});
         return true;
     });
     return user;

@@ -20,6 +20,11 @@ inline constexpr std::int32_t kDefaultUser = 1;
 /// No account, or an account without a user.
 inline constexpr std::int32_t kNoUser = -1;
 
+/// The account whose uid the wire tells as a 32-bit int: uids from 2^31 on come negative there.
+constexpr std::int64_t accountOf(std::int32_t osUid) {
+    return static_cast<std::uint32_t>(osUid);
+}
+
 /// The four lists of a user, as they are numbered in the store.
 enum class UserList : std::uint8_t { userSetting, contentsWords, hammerList, blackExtensionList };
 inline constexpr std::size_t kUserLists = 4;

@@ -42,8 +42,9 @@ public:
     virtual bool setOkvFltProcBlackListPT(const okv::Value& processes) = 0;
     virtual bool setOkvKillWebProcListPT(const okv::Value& processes) = 0;
 
-    /// Switches the current user (a number object) of an account; NO for an unknown user. Posts the
-    /// switch notice.
+    /// Switches the current user (a number object) of an account, given by the 32 bits of its uid
+    /// (so those from 2^31 on are negative); NO for an unknown user, and for what is no account: -1
+    /// and 65534. Posts the switch notice.
     virtual bool setCurrentUserIdPT_osUid(const okv::Value& user, std::int32_t osUid) = 0;
 
     /// What changed after a revision (a number object): a dictionary with "epoch", "revision" (the

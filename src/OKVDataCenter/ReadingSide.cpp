@@ -76,7 +76,7 @@ Value ReadingSide::okvDataPT(const Value& key) {
 }
 
 Value ReadingSide::okvDataPT_osUid(const Value& key, std::int32_t osUid) {
-    return valueOf(view_, view_.userOf(osUid), key);
+    return valueOf(view_, view_.userOf(accountOf(osUid)), key);
 }
 
 Value ReadingSide::okvDataPT_appUid(const Value& key, std::int32_t appUid) {
@@ -88,7 +88,7 @@ Value ReadingSide::okvDataAllPT(const Value& keys) {
 }
 
 Value ReadingSide::okvDataAllPT_osUid(const Value& keys, std::int32_t osUid) {
-    return valuesOf(view_, view_.userOf(osUid), keys, limits_);
+    return valuesOf(view_, view_.userOf(accountOf(osUid)), keys, limits_);
 }
 
 Value ReadingSide::okvDataAllPT_appUid(const Value& keys, std::int32_t appUid) {
@@ -157,7 +157,7 @@ std::int32_t ReadingSide::maxUserIdPT() {
 }
 
 std::int32_t ReadingSide::userAppuidPT(std::int32_t osUid) {
-    return view_.userOf(osUid);
+    return view_.userOf(accountOf(osUid));
 }
 
 Value ReadingSide::uidListPT() {

@@ -66,6 +66,29 @@ TEST_F(UserMethods, TakingAnAssignmentAwayAnswersTheUserItHadOrMinusOne) {
     EXPECT_EQ(harness.server->view().revision(), 2);  // what changed nothing has no revision
 }
 
+// The wire carries a uid in a signed number: the larger ones come negative.
+TEST_F(UserMethods, AnAccountIsKnownByThe32BitsOfItsUid) {
+    constexpr uid_t kLarge = 3000000000;
+    const auto osUid = static_cast<std::int32_t>(kLarge);
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(
+        Dictionary{{"format", 1},
+                   {"users", Dictionary{{"1", Dictionary{}}, {"2", Dictionary{}}}},
+                   {"accounts", Dictionary{{"3000000000", Dictionary{{"appuid", 2}}}}}}));
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(osUid), 2);
+    EXPECT_TRUE(harness.ask<&Data::setOKVDataPT_value_osUid>("k", "one", osUid));
+    EXPECT_TRUE(harness.ask<&Data::setOKVDataAllPT_osUid>(Dictionary{{"l", "many"}}, osUid));
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 2)), Value("one"));
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_osUid>("k", osUid)), Value("one"));
+    EXPECT_EQ((harness.ask<&Data::okvDataAllPT_osUid>(Array{"l"}, osUid)),
+              Value(Dictionary{{"l", "many"}}));
+    EXPECT_TRUE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(1, osUid)));
+    EXPECT_EQ(currentOf(kLarge), 1);
+    EXPECT_EQ(harness.poster.take(4).back()["osuserid"], Value(std::int64_t{kLarge}));
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), 2);
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), -1);
+    EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{}));
+}
+
 TEST_F(UserMethods, TheCurrentUserIsTheLastSetElseTheAccountsElseTheGlobalOne) {
     harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
     harness.ask<&Data::setUseridPT_applyUid>(1001, 3);
