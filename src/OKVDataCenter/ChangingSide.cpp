@@ -96,7 +96,11 @@ bool ChangingSide::setOKVDataAllPT_osUid(const Value& settings, std::int32_t osU
 }
 
 bool ChangingSide::setAgentAutoRunPT(bool flag) {
-    return ledger_.change([&] { return setOne(kAgentAutoRunKey, flag, kDefaultUser); });
+    return ledger_.change([&] {
+        const auto before = ledger_.store().usage(kEverybody);
+        return setOne(kAgentAutoRunKey, flag, kDefaultUser) &&
+               ledger_.checkRoom(kEverybody, before);
+    });
 }
 
 bool ChangingSide::reloadDataPT() {

@@ -297,6 +297,22 @@ TEST(Server, HoldsAUserToItsRoomAndTakesWhatMakesItSmaller) {
                   Kind::tooLarge, "everybody's");
 }
 
+TEST(Server, HoldsTheAgentsFlagToEverybodysRoom) {
+    Harness::Options options;
+    options.limits.scopeKeys = 2;
+    Harness harness(options);
+    const auto setFlag = [&](bool flag) {
+        return harness.askAs<&Data::setAgentAutoRunPT>(account(0), flag);
+    };
+    EXPECT_TRUE(harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"a", 1}, {"b", 1}}));
+    expectRefused(setFlag(true), Kind::tooLarge, "a third key");
+    EXPECT_EQ(harness.ask<&Data::okvDataPT>("dc-syscmnf-agent_auto_run"), kNull);
+    EXPECT_TRUE(harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"b", kNull}}));
+    EXPECT_TRUE(setFlag(true).value);
+    EXPECT_TRUE(setFlag(false).value) << "one that is there";
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(harness.ask<&Admin::exportDataPT>()));
+}
+
 TEST(Server, TellsHowItIsDoing) {
     Harness harness;
     giveUsers(harness);
