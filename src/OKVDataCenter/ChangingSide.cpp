@@ -3,6 +3,8 @@
 #include "Keys.h"
 #include "View.h"
 
+#include <algorithm>
+
 namespace datacenter {
 
 using Kind = okv::Refusal::Kind;
@@ -55,6 +57,10 @@ bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t app
     for (const auto& [key, value] : settings) {
         if (!setOne(key, value, appUid)) return false;
     }
+    // Told as the user's change, the others would not read what is everybody's again.
+    if (std::any_of(settings.begin(), settings.end(),
+                    [](const auto& entry) { return isOfSystem(entry.key); }))
+        ledger_.told().appUid.reset();
     return ledger_.checkRoom(kEverybody, everybodys) && ledger_.checkRoom(appUid, users);
 }
 

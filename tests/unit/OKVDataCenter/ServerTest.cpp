@@ -166,6 +166,23 @@ TEST(Server, TellsEachAcceptedChangeOnceWithItsRevisionAndTheEpoch) {
     EXPECT_FALSE(removed.contains("keys"));
 }
 
+// Whoever hears of one user's change alone would not read everybody's values again.
+TEST(Server, TellsAChangeOfAUsersAndEverybodysKeysAsOneOfEverybody) {
+    Harness harness;
+    for (const auto& settings :
+         {Dictionary{{"dc-syscmnf-s", 1}, {"k", 1}}, Dictionary{{"k", 2}, {"dc-syscmnf-s", 2}}}) {
+        ASSERT_TRUE((harness.ask<&Data::setOKVDataAllPT_appUid>(settings, 1)));
+        const auto told = harness.poster.take(1).at(0);
+        EXPECT_FALSE(told.contains("appuid"));
+        EXPECT_EQ(told["keys"].as<Array>().size(), 2U);
+    }
+    ASSERT_TRUE((harness.ask<&Data::setOKVDataAllPT_appUid>(Dictionary{{"k", 3}, {"l", 3}}, 1)));
+    EXPECT_EQ(harness.poster.take(1).at(0)["appuid"], Value(1));
+    const auto changes = harness.ask<&Admin::changesPT>(0).as<Dictionary>()["changes"].as<Array>();
+    EXPECT_FALSE(changes.at(0).as<Dictionary>().contains("appuid"));
+    EXPECT_EQ(changes.at(2).as<Dictionary>()["appuid"], Value(1));
+}
+
 TEST(Server, AReloadReadsTheStoreAgainAndTellsSoWithoutARevision) {
     Harness harness;
     harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
