@@ -63,14 +63,14 @@ void ChangingSide::setUseridPT_applyUid(std::int32_t osUid, std::int32_t appUid)
 }
 
 std::int32_t ChangingSide::delUseridPT(std::int32_t osUid) {
-    std::int32_t user = 0;
+    std::int32_t answer = 0;  // also where the store fails
     ledger_.change([&] {
-        user = assignedUser(osUid);
-        if (user == kNoUser) return false;  // nothing to change, and no refusal either
-        ledger_.carryOut(step::Assign{accountOf(osUid), std::nullopt});
-        return true;
+        const auto user = assignedUser(osUid);
+        if (user != kNoUser) ledger_.carryOut(step::Assign{accountOf(osUid), std::nullopt});
+        answer = user;
+        return user != kNoUser;  // else nothing to change, and no refusal either
     });
-    return user;
+    return answer;
 }
 
 bool ChangingSide::removeUserInfoPT(const Value& user) {

@@ -1,5 +1,7 @@
 #include "Harness.h"
 
+#include "support/Answers.h"
+
 #include <cmath>
 
 using okv::Array;
@@ -87,6 +89,17 @@ TEST_F(UserMethods, AnAccountIsKnownByThe32BitsOfItsUid) {
     EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), 2);
     EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), -1);
     EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{}));
+}
+
+TEST_F(UserMethods, AnAssignmentThatCannotBeTakenAwayAnswersNoUser) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 12);
+    datacenter::Database(harness.storeFile(), SQLITE_OPEN_READWRITE)
+        .execute(
+            "CREATE TRIGGER stays BEFORE UPDATE ON accounts BEGIN"
+            " SELECT RAISE(ABORT, 'it stays'); END");
+    support::expectRefused(harness.askAs<&Data::delUseridPT>(account(0), 1000), Kind::failed,
+                           "an assignment");
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 12);
 }
 
 TEST_F(UserMethods, TheCurrentUserIsTheLastSetElseTheAccountsElseTheGlobalOne) {
