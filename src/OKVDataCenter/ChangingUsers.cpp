@@ -88,10 +88,7 @@ bool ChangingSide::removeUserInfoPT(const Value& user) {
 void ChangingSide::removeUserInfoAllPT() {
     ledger_.change([&] {
         auto& store = ledger_.store();
-        for (const auto id : store.users()) {
-            if (id != kDefaultUser) store.carryOut(step::RemoveUser{id});
-        }
-        store.carryOut(step::EmptyUser{kDefaultUser});
+        store.removeUsers();
         // One by one they would keep the view's thread busy: there may be very many.
         ledger_.remember(step::Reload{store.load()});
         ledger_.tellEveryKey();

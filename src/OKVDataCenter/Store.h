@@ -93,6 +93,8 @@ public:
     void clearLocks();
     void clearProcesses(ProcessList list);
     void setHighestUser(std::int32_t user);
+    /// Removes all users but the default one, and empties that.
+    void removeUsers();
 
     okv::Dictionary processes(ProcessList list);
     bool hasUser(std::int32_t user);

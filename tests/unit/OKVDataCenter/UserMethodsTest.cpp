@@ -1,6 +1,7 @@
 #include "Harness.h"
 
 #include "support/Answers.h"
+#include "support/Sanitizers.h"
 
 #include <cmath>
 
@@ -189,6 +190,54 @@ TEST_F(UserMethods, RemovingAllLeavesTheDefaultUserEmpty) {
         EXPECT_TRUE(harness.ask<&Data::okvUserSettingPT>(1).isNil());
         EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{{1001, 1}}));
         EXPECT_EQ(currentOf(4242), 1);
+        harness.restart();
+    }
+}
+
+namespace {
+
+constexpr int kMany = support::kIsSanitized ? 500 : 5000;
+
+// Accounts of users, and some that have the default user in one way or another.
+Dictionary manyUsers(int count) {
+    Dictionary users{{"1", Dictionary{{"settings", Dictionary{{"k", "v"}}}}}}, accounts;
+    for (int user = 2; user < count + 2; ++user) {
+        const auto id = std::to_string(user);
+        users.set(id, Dictionary{{"settings", Dictionary{{"k", user}, {"l", "own"}}},
+                                 {"hammer_list", Array{"x"}}});
+        accounts.set(std::to_string(10000 + user), Dictionary{{"appuid", user}});
+    }
+    accounts.set("1", Dictionary{{"appuid", 1}, {"current", 2}});
+    accounts.set("2", Dictionary{{"appuid", 3}, {"current", 1}});
+    accounts.set("3", Dictionary{{"appuid", 2}, {"current", 3}});
+    accounts.set("4", Dictionary{{"current", 2}});
+    return {{"format", 1},      {"everybody", Dictionary{{"k", "all"}}},
+            {"users", users},   {"accounts", accounts},
+            {"locks", Array{}}, {"current_user", 2}};
+}
+
+}  // namespace
+
+TEST_F(UserMethods, RemovingAllTakesThousandsOfUsersAndTheirAccountsInOneChange) {
+    ASSERT_TRUE(harness.ask<&Admin::importDataPT>(manyUsers(kMany)));
+    ASSERT_EQ(users().as<Array>().size(), kMany + 1U);
+    harness.poster.take(1);
+    harness.ask<&Data::removeUserInfoAllPT>();
+    const auto told = harness.poster.take(1).at(0);
+    EXPECT_EQ(told["revision"], Value(2));
+    EXPECT_EQ(told["osuserid"], Value(-1));
+    EXPECT_FALSE(told.contains("appuid"));
+    EXPECT_FALSE(told.contains("keys"));
+    const Dictionary remaining{{"1", Dictionary{{"appuid", 1}}}, {"2", Dictionary{{"current", 1}}}};
+    for (int round = 0; round < 2; ++round) {
+        const auto whole = harness.ask<&Admin::exportDataPT>().as<Dictionary>();
+        EXPECT_EQ(whole["users"], Value(Dictionary{{"1", Dictionary{{"settings", Dictionary{}}}}}));
+        EXPECT_EQ(whole["accounts"], Value(remaining));
+        EXPECT_EQ(whole["everybody"], Value(Dictionary{{"k", "all"}}));
+        EXPECT_EQ(whole["current_user"], Value(1));
+        EXPECT_EQ(whole["highest_user"], Value(kMany + 1));
+        EXPECT_EQ(whole["revision"], Value(2));
+        EXPECT_EQ(harness.store->usage(1).bytes, 0);
         harness.restart();
     }
 }
