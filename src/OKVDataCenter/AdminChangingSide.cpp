@@ -126,10 +126,10 @@ bool AdminChangingSide::setCurrentUserIdPT_osUid(const Value& user, std::int32_t
 
 // The least size is known before anything is read: what cannot fit is not gathered first.
 Value AdminChangingSide::exported() {
-    const auto limit = ledger_.limits().replyBytes;
-    if (ledger_.store().bytesInAll() <= static_cast<std::int64_t>(limit)) {
+    const auto& limits = ledger_.limits();
+    if (ledger_.store().bytesInAll() <= static_cast<std::int64_t>(limits.replyBytes)) {
         Value whole = exportOf(*ledger_.store().load());
-        if (fitsInReply(whole, limit)) return whole;
+        if (fitsInReply(whole, limits)) return whole;
     }
     ledger_.refuse(Kind::tooLarge, "the export is more than one message carries");
     return {};

@@ -77,6 +77,13 @@ struct Usage {
     std::int64_t bytes = 0;
 };
 
+/// How much of a process list's room is taken.
+struct ProcessUsage {
+    std::int64_t keys = 0;
+    std::int64_t bytes = 0;
+    std::int64_t items = 0;  ///< at most; exactly where they are more than a reply carries
+};
+
 class View;
 
 /// The steps that a change is made of. The store writes the same steps to the disk that the view

@@ -50,8 +50,9 @@ public:
     /// What changed after a revision (a number object): a dictionary with "epoch", "revision" (the
     /// present one) and either "changes", an array in order of dictionaries with "revision",
     /// "time", "writer", "osuserid", "session_userid" and, where they apply, "appuid" and "keys";
-    /// or "resync" YES, where the changes are no longer known (or are not this store's) and
-    /// everything must be read anew. A change without "keys" may have touched every key.
+    /// or "resync" YES, where the changes are no longer known (or are not this store's), or do not
+    /// go into one message, and everything must be read anew. A change without "keys" may have
+    /// touched every key.
     virtual okv::Value changesPT(const okv::Value& revision) = 0;
 
     /// The whole store as a dictionary; nil, and refused, when it does not go into one message.

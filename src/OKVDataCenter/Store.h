@@ -106,7 +106,7 @@ public:
     std::int64_t userCount();
     std::int64_t accountCount();
     std::int64_t lockCount();
-    Usage processUsage(ProcessList list);
+    ProcessUsage processUsage(ProcessList list);
     /// Whether everything that names a user names one that is there.
     bool isConsistent();
     std::int32_t highestUser();
