@@ -11,6 +11,8 @@ using okv::Value;
 namespace {
 
 constexpr std::size_t kProcessesOneByOne = 8;
+// The system's (uid_t)-1, which is never an account's.
+constexpr std::int32_t kNoAccount = -1;
 
 }  // namespace
 
@@ -111,21 +113,23 @@ bool AdminChangingSide::setOkvKillWebProcListPT(const Value& processes) {
 bool AdminChangingSide::setCurrentUserIdPT_osUid(const Value& user, std::int32_t osUid) {
     return ledger_.change([&] {
         const auto id = userIdOf(user).value_or(kNoUser);
-        if (!isAccount(osUid)) return ledger_.refuse(Kind::invalid, "no account has this number");
+        const auto account = accountOf(osUid);
+        if (osUid == kNoAccount || !isAccount(account))
+            return ledger_.refuse(Kind::invalid, "no account has this number");
         if (!ledger_.checkUser(id)) return false;
         const auto before = ledger_.store().accountCount();
-        ledger_.carryOut(step::Switch{osUid, id});
-        ledger_.tellSwitch(osUid, id);
+        ledger_.carryOut(step::Switch{account, id});
+        ledger_.tellSwitch(account, id);
         return ledger_.checkAccounts(before);
     });
 }
 
 // The least size is known before anything is read: what cannot fit is not gathered first.
 Value AdminChangingSide::exported() {
-    const auto limit = ledger_.limits().replyBytes;
-    if (ledger_.store().bytesInAll() <= static_cast<std::int64_t>(limit)) {
+    const auto& limits = ledger_.limits();
+    if (ledger_.store().bytesInAll() <= static_cast<std::int64_t>(limits.replyBytes)) {
         Value whole = exportOf(*ledger_.store().load());
-        if (fitsInReply(whole, limit)) return whole;
+        if (fitsInReply(whole, limits)) return whole;
     }
     ledger_.refuse(Kind::tooLarge, "the export is more than one message carries");
     return {};

@@ -12,10 +12,10 @@ using okv::Dictionary;
 using okv::Null;
 using okv::Value;
 
-Value listed(const View::Settings& settings, const Value& prefix, std::size_t limit) {
+Value listed(const View::Settings& settings, const Value& prefix, const Limits& limits) {
     const auto* text = prefix.getIf<std::string>();
     if (text == nullptr) return {};
-    return settingsWhere(settings, limit,
+    return settingsWhere(settings, limits,
                          [&](std::string_view key) { return key.starts_with(*text); });
 }
 
@@ -41,6 +41,9 @@ Value described(const View& view, Scope scope, const Value& key) {
     return info;
 }
 
+// Of an answer that tells changes, beside them.
+constexpr std::size_t kItemsAround = 8;
+
 // At least what the change takes in a message.
 std::size_t sizeOf(const Change& change) {
     constexpr std::size_t kNamesAndNumbers = 128;
@@ -50,17 +53,25 @@ std::size_t sizeOf(const Change& change) {
     return size;
 }
 
+// At most what it consists of in a message: names, numbers and a date, and the keys.
+std::size_t itemsOf(const Change& change) {
+    constexpr std::size_t kNamesAndNumbers = 16;
+    return kNamesAndNumbers + (change.keys ? change.keys->size() : 0);
+}
+
 // The changes after a revision; nothing when they are not all known, or too many for one message.
-std::optional<okv::Array> changesAfter(const View& view, std::int64_t revision, std::size_t limit) {
+std::optional<okv::Array> changesAfter(const View& view, std::int64_t revision,
+                                       const Limits& limits) {
     const auto& changes = view.changes();
     const auto oldestKnown = view.revision() - static_cast<std::int64_t>(changes.size());
     if (revision < oldestKnown || revision > view.revision()) return std::nullopt;
     okv::Array after;
-    std::size_t size = 0;
+    std::size_t size = 0, items = kItemsAround;
     for (const auto& change : changes) {
         if (change.revision <= revision) continue;
         size += sizeOf(change);
-        if (size > limit) return std::nullopt;
+        items += itemsOf(change);
+        if (size > limits.replyBytes || items > limits.replyItems) return std::nullopt;
         auto entry = describe(change);
         entry.set("time", Date{change.stamp.time});
         entry.set("writer", change.stamp.writer);
@@ -102,12 +113,12 @@ Dictionary describe(const Change& change) {
 }
 
 Value AdminReadingSide::okvDataListPT(const Value& prefix) {
-    return listed(view_.everybody(), prefix, limits_.replyBytes);
+    return listed(view_.everybody(), prefix, limits_);
 }
 
 Value AdminReadingSide::okvDataListPT_appUid(const Value& prefix, std::int32_t appUid) {
     const auto* user = view_.user(appUid);
-    return user != nullptr ? listed(user->settings, prefix, limits_.replyBytes) : Value();
+    return user != nullptr ? listed(user->settings, prefix, limits_) : Value();
 }
 
 Value AdminReadingSide::okvDataInfoPT(const Value& key) {
@@ -128,8 +139,7 @@ Value AdminReadingSide::lockListPT() {
 Value AdminReadingSide::changesPT(const Value& revision) {
     Dictionary answer{{"epoch", view_.epoch()}, {"revision", view_.revision()}};
     const auto* number = revision.getIf<std::int64_t>();
-    auto changes =
-        number != nullptr ? changesAfter(view_, *number, limits_.replyBytes) : std::nullopt;
+    auto changes = number != nullptr ? changesAfter(view_, *number, limits_) : std::nullopt;
     if (changes) {
         answer.set("changes", std::move(*changes));
     } else {

@@ -3,6 +3,8 @@
 #include "Keys.h"
 #include "View.h"
 
+#include <algorithm>
+
 namespace datacenter {
 
 using Kind = okv::Refusal::Kind;
@@ -19,8 +21,8 @@ bool isOfSystem(const Value& key) {
 
 }  // namespace
 
-std::int32_t ChangingSide::assignedUser(std::int64_t osUid) const {
-    return ledger_.store().assignedUser(osUid).value_or(kNoUser);
+std::int32_t ChangingSide::assignedUser(std::int32_t osUid) const {
+    return ledger_.store().assignedUser(accountOf(osUid)).value_or(kNoUser);
 }
 
 // Whether a well-formed key may be written for the user.
@@ -55,6 +57,10 @@ bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t app
     for (const auto& [key, value] : settings) {
         if (!setOne(key, value, appUid)) return false;
     }
+    // Told as the user's change, the others would not read what is everybody's again.
+    if (std::any_of(settings.begin(), settings.end(),
+                    [](const auto& entry) { return isOfSystem(entry.key); }))
+        ledger_.told().appUid.reset();
     return ledger_.checkRoom(kEverybody, everybodys) && ledger_.checkRoom(appUid, users);
 }
 
@@ -96,7 +102,11 @@ bool ChangingSide::setOKVDataAllPT_osUid(const Value& settings, std::int32_t osU
 }
 
 bool ChangingSide::setAgentAutoRunPT(bool flag) {
-    return ledger_.change([&] { return setOne(kAgentAutoRunKey, flag, kDefaultUser); });
+    return ledger_.change([&] {
+        const auto before = ledger_.store().usage(kEverybody);
+        return setOne(kAgentAutoRunKey, flag, kDefaultUser) &&
+               ledger_.checkRoom(kEverybody, before);
+    });
 }
 
 bool ChangingSide::reloadDataPT() {

@@ -35,7 +35,7 @@ public:
     void stopServerTimeTimer() override;
 
 private:
-    std::int32_t assignedUser(std::int64_t osUid) const;
+    std::int32_t assignedUser(std::int32_t osUid) const;
     bool setSettings(const okv::Dictionary& settings, std::int32_t appUid);
     bool setOne(const Value& key, const Value& value, std::int32_t appUid);
     bool mayWrite(const std::string& key, std::int32_t appUid);

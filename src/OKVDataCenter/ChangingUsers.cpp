@@ -41,6 +41,8 @@ bool ChangingSide::setCurrentUserIdForOSPT(const Value& user) {
     });
 }
 
+// A negative number is no account here, although it names one with a uid from 2^31 on elsewhere:
+// nobody is given a user by what may as well be a mistake.
 bool ChangingSide::assign(std::int32_t osUid, std::int32_t appUid) {
     auto& store = ledger_.store();
     if (!isAccount(osUid) || appUid <= kEverybody)
@@ -61,14 +63,14 @@ void ChangingSide::setUseridPT_applyUid(std::int32_t osUid, std::int32_t appUid)
 }
 
 std::int32_t ChangingSide::delUseridPT(std::int32_t osUid) {
-    std::int32_t user = 0;
+    std::int32_t answer = 0;  // also where the store fails
     ledger_.change([&] {
-        user = assignedUser(osUid);
-        if (user == kNoUser) return false;  // nothing to change, and no refusal either
-        ledger_.carryOut(step::Assign{osUid, std::nullopt});
-        return true;
+        const auto user = assignedUser(osUid);
+        if (user != kNoUser) ledger_.carryOut(step::Assign{accountOf(osUid), std::nullopt});
+        answer = user;
+        return user != kNoUser;  // else nothing to change, and no refusal either
     });
-    return user;
+    return answer;
 }
 
 bool ChangingSide::removeUserInfoPT(const Value& user) {
@@ -86,10 +88,7 @@ bool ChangingSide::removeUserInfoPT(const Value& user) {
 void ChangingSide::removeUserInfoAllPT() {
     ledger_.change([&] {
         auto& store = ledger_.store();
-        for (const auto id : store.users()) {
-            if (id != kDefaultUser) store.carryOut(step::RemoveUser{id});
-        }
-        store.carryOut(step::EmptyUser{kDefaultUser});
+        store.removeUsers();
         // One by one they would keep the view's thread busy: there may be very many.
         ledger_.remember(step::Reload{store.load()});
         ledger_.tellEveryKey();

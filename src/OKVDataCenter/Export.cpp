@@ -1,3 +1,4 @@
+#include "Items.h"
 #include "Transfer.h"
 #include "View.h"
 
@@ -51,26 +52,11 @@ Dictionary clockOf(const Clock& clock) {
             {"since", okv::Date{clock.since}}};
 }
 
-std::size_t itemsIn(const Value& value) {
-    std::size_t items = 1;
-    if (const auto* array = value.getIf<okv::Array>()) {
-        for (const auto& element : *array) items += itemsIn(element);
-    } else if (const auto* dictionary = value.getIf<Dictionary>()) {
-        for (const auto& entry : *dictionary) items += 1 + itemsIn(entry.value);
-    } else if (value.is<okv::Date>()) {
-        ++items;  // a tag and a number
-    }
-    return items;
-}
-
-// Of the reply itself.
-constexpr std::size_t kItemsAround = 16;
-
 }  // namespace
 
-bool fitsInReply(const Value& value, std::size_t limit) {
-    return itemsIn(value) + kItemsAround <= okv::kMaxItems &&
-           okv::encodeCbor(value).size() <= limit;
+bool fitsInReply(const Value& value, const Limits& limits) {
+    return itemsIn(value) <= limits.replyItems &&
+           okv::encodeCbor(value).size() <= limits.replyBytes;
 }
 
 Dictionary exportOf(const View& view) {

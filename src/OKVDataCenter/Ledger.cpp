@@ -115,10 +115,12 @@ bool Ledger::checkRoom(Scope scope, const Usage& before) {
 }
 
 // A list that a server with other limits left too large can be made smaller step by step.
-bool Ledger::checkProcesses(ProcessList list, const Usage& before) {
+bool Ledger::checkProcesses(ProcessList list, const ProcessUsage& before) {
     const auto after = store_.processUsage(list);
+    const auto items = static_cast<std::int64_t>(limits().replyItems);
     const bool fits = (after.keys <= limits().processes || after.keys <= before.keys) &&
-                      (after.bytes <= limits().processBytes || after.bytes <= before.bytes);
+                      (after.bytes <= limits().processBytes || after.bytes <= before.bytes) &&
+                      (after.items <= items || after.items <= before.items);
     return fits || refuse(Kind::tooLarge, "too many processes");
 }
 

@@ -78,7 +78,7 @@ public:
     bool checkUser(std::int32_t user);
     bool encode(const okv::Value& value, std::size_t limit, std::string& encoded);
     bool checkRoom(Scope scope, const Usage& before);
-    bool checkProcesses(ProcessList list, const Usage& before);
+    bool checkProcesses(ProcessList list, const ProcessUsage& before);
     bool checkAccounts(std::int64_t before);
 
     /// What is told about the change.

@@ -20,6 +20,9 @@ std::size_t descriptorsForClients() {
     return limit.rlim_cur > kOwnDescriptors ? limit.rlim_cur - kOwnDescriptors : 1;
 }
 
+// Around the value there are a few items of the reply itself.
+static_assert(Limits().replyItems + 16 <= okv::kMaxItems);
+
 std::int64_t wide(std::size_t number) {
     return static_cast<std::int64_t>(number);
 }
@@ -28,7 +31,8 @@ std::vector<NamedLimit> limitsOfMessages(const Limits& limits) {
     return {
         {"frame_bytes", wide(okv::kMaxFramePayload)}, {"frame_nesting", wide(okv::kMaxValueDepth)},
         {"request_bytes", wide(limits.requestBytes)}, {"import_bytes", wide(limits.importBytes)},
-        {"reply_bytes", wide(limits.replyBytes)},     {"read_keys", wide(limits.readKeys)}};
+        {"reply_bytes", wide(limits.replyBytes)},     {"reply_items", wide(limits.replyItems)},
+        {"read_keys", wide(limits.readKeys)}};
 }
 
 std::vector<NamedLimit> limitsOfTheStore(const Limits& limits) {

@@ -14,7 +14,9 @@ struct Limits {
     std::size_t importBytes = 16U << 20;                ///< the payload of an import
     std::size_t replyBytes = (16U << 20) - (1U << 16);  ///< what goes into one reply; the rest of a
                                                         ///< frame is left to its bookkeeping
-    std::size_t readKeys = 10000;                       ///< keys that one read may name
+    std::size_t replyItems = (1U << 20) - 16;  ///< that the value in a reply consists of; the
+                                               ///< rest of what a reader takes is left, too
+    std::size_t readKeys = 10000;              ///< keys that one read may name
     std::size_t keyBytes = 255;
     std::size_t valueBytes = 256U << 10;  ///< one value, encoded
     std::size_t listBytes = 1U << 20;     ///< one of a user's four lists, encoded

@@ -20,6 +20,11 @@ inline constexpr std::int32_t kDefaultUser = 1;
 /// No account, or an account without a user.
 inline constexpr std::int32_t kNoUser = -1;
 
+/// The account whose uid the wire tells as a 32-bit int: uids from 2^31 on come negative there.
+constexpr std::int64_t accountOf(std::int32_t osUid) {
+    return static_cast<std::uint32_t>(osUid);
+}
+
 /// The four lists of a user, as they are numbered in the store.
 enum class UserList : std::uint8_t { userSetting, contentsWords, hammerList, blackExtensionList };
 inline constexpr std::size_t kUserLists = 4;
@@ -70,6 +75,13 @@ struct Change {
 struct Usage {
     std::int64_t keys = 0;
     std::int64_t bytes = 0;
+};
+
+/// How much of a process list's room is taken.
+struct ProcessUsage {
+    std::int64_t keys = 0;
+    std::int64_t bytes = 0;
+    std::int64_t items = 0;  ///< at most; exactly where they are more than a reply carries
 };
 
 class View;

@@ -42,15 +42,17 @@ public:
     virtual bool setOkvFltProcBlackListPT(const okv::Value& processes) = 0;
     virtual bool setOkvKillWebProcListPT(const okv::Value& processes) = 0;
 
-    /// Switches the current user (a number object) of an account; NO for an unknown user. Posts the
-    /// switch notice.
+    /// Switches the current user (a number object) of an account, given by the 32 bits of its uid
+    /// (so those from 2^31 on are negative); NO for an unknown user, and for what is no account: -1
+    /// and 65534. Posts the switch notice.
     virtual bool setCurrentUserIdPT_osUid(const okv::Value& user, std::int32_t osUid) = 0;
 
     /// What changed after a revision (a number object): a dictionary with "epoch", "revision" (the
     /// present one) and either "changes", an array in order of dictionaries with "revision",
     /// "time", "writer", "osuserid", "session_userid" and, where they apply, "appuid" and "keys";
-    /// or "resync" YES, where the changes are no longer known (or are not this store's) and
-    /// everything must be read anew. A change without "keys" may have touched every key.
+    /// or "resync" YES, where the changes are no longer known (or are not this store's), or do not
+    /// go into one message, and everything must be read anew. A change without "keys" may have
+    /// touched every key.
     virtual okv::Value changesPT(const okv::Value& revision) = 0;
 
     /// The whole store as a dictionary; nil, and refused, when it does not go into one message.

@@ -35,7 +35,7 @@ Value valuesOf(const View& view, Scope scope, const Value& keys, const Limits& l
     const auto* array = keys.getIf<okv::Array>();
     if (array == nullptr) return {};
     if (array->size() > limits.readKeys) return tooMany(limits.readKeys);
-    SettingsReply reply(limits.replyBytes);
+    SettingsReply reply(limits);
     for (const auto& key : *array) {
         const auto* text = key.getIf<std::string>();
         if (text == nullptr) return {};
@@ -76,7 +76,7 @@ Value ReadingSide::okvDataPT(const Value& key) {
 }
 
 Value ReadingSide::okvDataPT_osUid(const Value& key, std::int32_t osUid) {
-    return valueOf(view_, view_.userOf(osUid), key);
+    return valueOf(view_, view_.userOf(accountOf(osUid)), key);
 }
 
 Value ReadingSide::okvDataPT_appUid(const Value& key, std::int32_t appUid) {
@@ -88,7 +88,7 @@ Value ReadingSide::okvDataAllPT(const Value& keys) {
 }
 
 Value ReadingSide::okvDataAllPT_osUid(const Value& keys, std::int32_t osUid) {
-    return valuesOf(view_, view_.userOf(osUid), keys, limits_);
+    return valuesOf(view_, view_.userOf(accountOf(osUid)), keys, limits_);
 }
 
 Value ReadingSide::okvDataAllPT_appUid(const Value& keys, std::int32_t appUid) {
@@ -96,17 +96,17 @@ Value ReadingSide::okvDataAllPT_appUid(const Value& keys, std::int32_t appUid) {
 }
 
 Value ReadingSide::filterSettingsDataPT() {
-    return settingsWhere(view_.everybody(), limits_.replyBytes, [](std::string_view key) {
+    return settingsWhere(view_.everybody(), limits_, [](std::string_view key) {
         return !isSystemKey(key) && !isCommonKey(key);
     });
 }
 
 Value ReadingSide::systemConfDataPT() {
-    return settingsWhere(view_.everybody(), limits_.replyBytes, isSystemKey);
+    return settingsWhere(view_.everybody(), limits_, isSystemKey);
 }
 
 Value ReadingSide::cmnSettingsDataPT() {
-    return settingsWhere(view_.everybody(), limits_.replyBytes, isCommonKey);
+    return settingsWhere(view_.everybody(), limits_, isCommonKey);
 }
 
 Value ReadingSide::list(const Value& user, UserList list) const {
@@ -157,7 +157,7 @@ std::int32_t ReadingSide::maxUserIdPT() {
 }
 
 std::int32_t ReadingSide::userAppuidPT(std::int32_t osUid) {
-    return view_.userOf(osUid);
+    return view_.userOf(accountOf(osUid));
 }
 
 Value ReadingSide::uidListPT() {

@@ -17,6 +17,8 @@ constexpr const char* kPutList =
     "INSERT INTO lists VALUES(?, ?, ?) ON CONFLICT(user, list) DO UPDATE SET "
     "value = excluded.value";
 constexpr const char* kPutChange = "INSERT INTO changes VALUES(?, ?, ?, ?, ?, ?, ?)";
+constexpr const char* kDropIdleAccounts =
+    "DELETE FROM accounts WHERE assigned IS NULL AND current IS NULL";
 
 // More are forgotten, rather than that they take memory for good.
 constexpr std::size_t kScopesKnown = 4096;
@@ -151,7 +153,7 @@ void Store::write(const step::RemoveUser& remove) {
     database_->run("DELETE FROM scopes WHERE id = ?", user);
     database_->run("UPDATE accounts SET assigned = NULL WHERE assigned = ?", user);
     database_->run("UPDATE accounts SET current = NULL WHERE current = ?", user);
-    database_->run("DELETE FROM accounts WHERE assigned IS NULL AND current IS NULL");
+    database_->run(kDropIdleAccounts);
     if (metaNumber("current_user") == user) setMeta("current_user", wide(kDefaultUser));
 }
 
@@ -226,6 +228,16 @@ void Store::clearUsers() {
     database_->run("DELETE FROM settings WHERE scope <> 0");
     database_->run("DELETE FROM lists");
     database_->run("DELETE FROM scopes WHERE id > ?", wide(kDefaultUser));
+}
+
+// As RemoveUser does for each, but going through the accounts once: there may be very many.
+void Store::removeUsers() {
+    clearUsers();
+    const auto kept = wide(kDefaultUser);
+    database_->run("UPDATE accounts SET assigned = NULL WHERE assigned <> ?", kept);
+    database_->run("UPDATE accounts SET current = NULL WHERE current <> ?", kept);
+    database_->run(kDropIdleAccounts);
+    setMeta("current_user", kept);
 }
 
 void Store::clearAccounts() {

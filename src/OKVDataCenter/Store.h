@@ -93,6 +93,8 @@ public:
     void clearLocks();
     void clearProcesses(ProcessList list);
     void setHighestUser(std::int32_t user);
+    /// Removes all users but the default one, and empties that.
+    void removeUsers();
 
     okv::Dictionary processes(ProcessList list);
     bool hasUser(std::int32_t user);
@@ -104,7 +106,7 @@ public:
     std::int64_t userCount();
     std::int64_t accountCount();
     std::int64_t lockCount();
-    Usage processUsage(ProcessList list);
+    ProcessUsage processUsage(ProcessList list);
     /// Whether everything that names a user names one that is there.
     bool isConsistent();
     std::int32_t highestUser();

@@ -1,5 +1,6 @@
 #include "Store.h"
 
+#include "Items.h"
 #include "View.h"
 
 #include <OKVPlatform/values/Cbor.h>
@@ -170,12 +171,17 @@ std::int64_t Store::lockCount() {
     return database_->number("SELECT count(*) FROM locks");
 }
 
-Usage Store::processUsage(ProcessList list) {
+ProcessUsage Store::processUsage(ProcessList list) {
     auto rows = database_->query(
         "SELECT count(*), sum(length(CAST(name AS BLOB)) + length(identifier)) FROM processes "
         "WHERE list = ?",
         static_cast<std::int64_t>(list));
-    return rows.next() ? Usage{rows.integer(0), rows.integer(1)} : Usage{};
+    if (!rows.next()) return {};
+    ProcessUsage usage{rows.integer(0), rows.integer(1), 1 + rows.integer(1)};
+    // Only what might be too many is counted: there are no more of them than bytes.
+    if (usage.items > static_cast<std::int64_t>(limits_.replyItems))
+        usage.items = static_cast<std::int64_t>(itemsIn(processes(list)));
+    return usage;
 }
 
 bool Store::isConsistent() {

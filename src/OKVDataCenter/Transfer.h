@@ -12,7 +12,7 @@ class View;
 okv::Dictionary exportOf(const View& view);
 
 /// Whether a message carries it: its encoded size, and the items that it consists of.
-bool fitsInReply(const okv::Value& value, std::size_t limit);
+bool fitsInReply(const okv::Value& value, const Limits& limits);
 
 /// Puts such a dictionary into the store, part by part. Refuses through the ledger what is bad; the
 /// request is then dropped with all that it did.

@@ -61,7 +61,7 @@ public:
     const std::map<std::int64_t, Account>& accounts() const noexcept { return accounts_; }
     const okv::Dictionary& processes(ProcessList list) const;
 
-    /// The account's user, else the default user.
+    /// The account's user, else the default user. Accounts are told by uids of 0 and above.
     std::int32_t userOf(std::int64_t osUid) const;
     /// The user the account last switched to, else its user, else the global current user.
     std::int32_t currentUserOf(std::int64_t osUid) const;

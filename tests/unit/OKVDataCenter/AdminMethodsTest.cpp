@@ -1,4 +1,5 @@
 #include "Harness.h"
+#include "Items.h"
 
 using okv::Array;
 using okv::Date;
@@ -176,6 +177,22 @@ TEST(AdminLimits, OnlyTheLastChangesAreKept) {
         EXPECT_EQ(harness.ask<&Admin::changesPT>(2).as<Dictionary>()["resync"], Value(true));
         harness.restart();
     }
+}
+
+// The reader counts, too: what is more would be no answer to anybody.
+TEST(AdminLimits, ChangesOfMoreItemsThanAReplyCarriesAreNotTold) {
+    datacenter::Limits limits;
+    limits.replyItems = 200;
+    Harness harness({limits});
+    Dictionary settings;
+    for (int i = 0; i < 60; ++i) settings.set("k" + std::to_string(i), i);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(harness.ask<&Admin::setOKVCommonDataAllPT>(settings));
+    const auto two = harness.ask<&Admin::changesPT>(1);
+    EXPECT_EQ(two.as<Dictionary>()["changes"].as<Array>().size(), 2U);
+    EXPECT_LE(datacenter::itemsIn(two), limits.replyItems);
+    const auto three = harness.ask<&Admin::changesPT>(0).as<Dictionary>();
+    EXPECT_EQ(three["resync"], Value(true));
+    EXPECT_FALSE(three.contains("changes"));
 }
 
 TEST(AdminLimits, AChangeOfTooManyKeysTellsNone) {

@@ -1,9 +1,12 @@
 #include "Harness.h"
 
+#include "support/Answers.h"
+
 using okv::Array;
 using okv::Dictionary;
 using okv::Null;
 using okv::Value;
+using support::expectRefused;
 using Kind = okv::Refusal::Kind;
 
 namespace {
@@ -75,6 +78,30 @@ TEST_F(DataMethods, ManyThatAreNoArrayOfTextsAnswerNil) {
     for (const auto& keys :
          {Value(), kNull, Value("k"), Value(Array{"k", 7}), Value(Dictionary{{"k", 1}})})
         EXPECT_TRUE(harness.ask<&Data::okvDataAllPT_appUid>(keys, 2).isNil());
+}
+
+TEST(DataLimits, AReadOfMoreItemsThanAReplyCarriesIsRefused) {
+    datacenter::Limits limits;
+    limits.replyItems = 1 + 2 * (2 + 10);  // the dictionary; a key, an array and what is in it
+    Harness harness({limits});
+    const Value ten = Array(10, Value(7));
+    const auto root = account(0);
+    const auto expectAll = [&](bool fit) {
+        const auto check = [&](const auto& answer, const char* what) {
+            if (!fit) return expectRefused(answer, Kind::tooLarge, what);
+            EXPECT_FALSE(answer.refusal) << what;
+            EXPECT_TRUE(answer.value.template is<Dictionary>()) << what;
+        };
+        check(harness.askAs<&Data::okvDataAllPT>(root, Array{"a", "b", "c"}), "by their keys");
+        check(harness.askAs<&Data::filterSettingsDataPT>(root), "of a group");
+        check(harness.askAs<&Admin::okvDataListPT>(root, ""), "with a prefix");
+    };
+    ASSERT_TRUE((harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"a", ten}, {"b", 1}})));
+    expectAll(true);
+    ASSERT_TRUE((harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"b", ten}})));
+    EXPECT_TRUE(harness.ask<&Data::okvDataAllPT>(Array{"a", "b"}).is<Dictionary>());
+    ASSERT_TRUE((harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"c", 1}})));
+    expectAll(false);
 }
 
 TEST_F(DataMethods, TheNullObjectTakesAValueAway) {

@@ -166,6 +166,23 @@ TEST(Server, TellsEachAcceptedChangeOnceWithItsRevisionAndTheEpoch) {
     EXPECT_FALSE(removed.contains("keys"));
 }
 
+// Whoever hears of one user's change alone would not read everybody's values again.
+TEST(Server, TellsAChangeOfAUsersAndEverybodysKeysAsOneOfEverybody) {
+    Harness harness;
+    for (const auto& settings :
+         {Dictionary{{"dc-syscmnf-s", 1}, {"k", 1}}, Dictionary{{"k", 2}, {"dc-syscmnf-s", 2}}}) {
+        ASSERT_TRUE((harness.ask<&Data::setOKVDataAllPT_appUid>(settings, 1)));
+        const auto told = harness.poster.take(1).at(0);
+        EXPECT_FALSE(told.contains("appuid"));
+        EXPECT_EQ(told["keys"].as<Array>().size(), 2U);
+    }
+    ASSERT_TRUE((harness.ask<&Data::setOKVDataAllPT_appUid>(Dictionary{{"k", 3}, {"l", 3}}, 1)));
+    EXPECT_EQ(harness.poster.take(1).at(0)["appuid"], Value(1));
+    const auto changes = harness.ask<&Admin::changesPT>(0).as<Dictionary>()["changes"].as<Array>();
+    EXPECT_FALSE(changes.at(0).as<Dictionary>().contains("appuid"));
+    EXPECT_EQ(changes.at(2).as<Dictionary>()["appuid"], Value(1));
+}
+
 TEST(Server, AReloadReadsTheStoreAgainAndTellsSoWithoutARevision) {
     Harness harness;
     harness.ask<&Data::setOKVDataPT_value_appUid>("k", 1, 1);
@@ -295,6 +312,22 @@ TEST(Server, HoldsAUserToItsRoomAndTakesWhatMakesItSmaller) {
     expectRefused(harness.askAs<&Admin::setOKVCommonDataAllPT>(
                       account(0), Dictionary{{"1", 1}, {"2", 1}, {"3", 1}, {"4", 1}}),
                   Kind::tooLarge, "everybody's");
+}
+
+TEST(Server, HoldsTheAgentsFlagToEverybodysRoom) {
+    Harness::Options options;
+    options.limits.scopeKeys = 2;
+    Harness harness(options);
+    const auto setFlag = [&](bool flag) {
+        return harness.askAs<&Data::setAgentAutoRunPT>(account(0), flag);
+    };
+    EXPECT_TRUE(harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"a", 1}, {"b", 1}}));
+    expectRefused(setFlag(true), Kind::tooLarge, "a third key");
+    EXPECT_EQ(harness.ask<&Data::okvDataPT>("dc-syscmnf-agent_auto_run"), kNull);
+    EXPECT_TRUE(harness.ask<&Admin::setOKVCommonDataAllPT>(Dictionary{{"b", kNull}}));
+    EXPECT_TRUE(setFlag(true).value);
+    EXPECT_TRUE(setFlag(false).value) << "one that is there";
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(harness.ask<&Admin::exportDataPT>()));
 }
 
 TEST(Server, TellsHowItIsDoing) {

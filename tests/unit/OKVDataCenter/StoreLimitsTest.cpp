@@ -139,6 +139,24 @@ TEST_F(StoreLimits, AProcessListThatIsTooLargeCanBeMadeSmallerStepByStep) {
     EXPECT_EQ(processes(), Value(Dictionary{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
 }
 
+TEST_F(StoreLimits, ItemsOfAProcessList) {
+    ASSERT_FALSE(refusesProcesses(Dictionary{{"a", Array(30, Value(1))}, {"b", "text"}}));
+    Limits limits;
+    limits.replyItems = 20;
+    restartWith(limits);
+    const auto withItems = [](std::size_t count) {
+        return Dictionary{{"a", Array(count, Value(1))}};
+    };
+    EXPECT_TRUE(refusesProcesses(Dictionary{{"b", Array{1}}})) << "more than there were";
+    EXPECT_FALSE(refusesProcesses(withItems(25))) << "fewer";
+    EXPECT_FALSE(refusesProcesses(withItems(15))) << "as many as a reply carries";
+    EXPECT_TRUE(refusesProcesses(withItems(16)));
+    EXPECT_TRUE(refusesProcesses(Dictionary{{"c", 1}}));
+    EXPECT_EQ(processes(), Value(Dictionary{{"a", Array(15, Value(1))}, {"b", "text"}}));
+    EXPECT_FALSE(refusesImport("flt_proc_white", withItems(17)));
+    EXPECT_TRUE(refusesImport("flt_proc_white", withItems(18)));
+}
+
 TEST_F(StoreLimits, BytesOfAUsersList) {
     Limits limits;
     limits.listBytes = 4;

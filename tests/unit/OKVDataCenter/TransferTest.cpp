@@ -193,7 +193,7 @@ TEST(Transfer, ProcessListsAloneCanBeMoreThanOneMessageCarries) {
 TEST(Transfer, MoreItemsThanOneMessageMayHaveAreNotExported) {
     const auto fits = [](std::size_t entries) {
         Dictionary parts{{"format", 1}, {"locks", Array(entries, Value(1))}};
-        return datacenter::fitsInReply(parts, SIZE_MAX);
+        return datacenter::fitsInReply(parts, datacenter::Limits());
     };
     EXPECT_TRUE(fits(okv::kMaxItems - 100));
     EXPECT_FALSE(fits(okv::kMaxItems - 5));  // with what stands around them in a message

@@ -1,5 +1,8 @@
 #include "Harness.h"
 
+#include "support/Answers.h"
+#include "support/Sanitizers.h"
+
 #include <cmath>
 
 using okv::Array;
@@ -64,6 +67,40 @@ TEST_F(UserMethods, TakingAnAssignmentAwayAnswersTheUserItHadOrMinusOne) {
     EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 1);
     EXPECT_EQ(users(), Value(Array{1, 12}));
     EXPECT_EQ(harness.server->view().revision(), 2);  // what changed nothing has no revision
+}
+
+// The wire carries a uid in a signed number: the larger ones come negative.
+TEST_F(UserMethods, AnAccountIsKnownByThe32BitsOfItsUid) {
+    constexpr uid_t kLarge = 3000000000;
+    const auto osUid = static_cast<std::int32_t>(kLarge);
+    EXPECT_TRUE(harness.ask<&Admin::importDataPT>(
+        Dictionary{{"format", 1},
+                   {"users", Dictionary{{"1", Dictionary{}}, {"2", Dictionary{}}}},
+                   {"accounts", Dictionary{{"3000000000", Dictionary{{"appuid", 2}}}}}}));
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(osUid), 2);
+    EXPECT_TRUE(harness.ask<&Data::setOKVDataPT_value_osUid>("k", "one", osUid));
+    EXPECT_TRUE(harness.ask<&Data::setOKVDataAllPT_osUid>(Dictionary{{"l", "many"}}, osUid));
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_appUid>("k", 2)), Value("one"));
+    EXPECT_EQ((harness.ask<&Data::okvDataPT_osUid>("k", osUid)), Value("one"));
+    EXPECT_EQ((harness.ask<&Data::okvDataAllPT_osUid>(Array{"l"}, osUid)),
+              Value(Dictionary{{"l", "many"}}));
+    EXPECT_TRUE((harness.ask<&Admin::setCurrentUserIdPT_osUid>(1, osUid)));
+    EXPECT_EQ(currentOf(kLarge), 1);
+    EXPECT_EQ(harness.poster.take(4).back()["osuserid"], Value(std::int64_t{kLarge}));
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), 2);
+    EXPECT_EQ(harness.ask<&Data::delUseridPT>(osUid), -1);
+    EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{}));
+}
+
+TEST_F(UserMethods, AnAssignmentThatCannotBeTakenAwayAnswersNoUser) {
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 12);
+    datacenter::Database(harness.storeFile(), SQLITE_OPEN_READWRITE)
+        .execute(
+            "CREATE TRIGGER stays BEFORE UPDATE ON accounts BEGIN"
+            " SELECT RAISE(ABORT, 'it stays'); END");
+    support::expectRefused(harness.askAs<&Data::delUseridPT>(account(0), 1000), Kind::failed,
+                           "an assignment");
+    EXPECT_EQ(harness.ask<&Data::userAppuidPT>(1000), 12);
 }
 
 TEST_F(UserMethods, TheCurrentUserIsTheLastSetElseTheAccountsElseTheGlobalOne) {
@@ -153,6 +190,54 @@ TEST_F(UserMethods, RemovingAllLeavesTheDefaultUserEmpty) {
         EXPECT_TRUE(harness.ask<&Data::okvUserSettingPT>(1).isNil());
         EXPECT_EQ(harness.ask<&Data::uidListPT>(), Value(Dictionary{{1001, 1}}));
         EXPECT_EQ(currentOf(4242), 1);
+        harness.restart();
+    }
+}
+
+namespace {
+
+constexpr int kMany = support::kIsSanitized ? 500 : 5000;
+
+// Accounts of users, and some that have the default user in one way or another.
+Dictionary manyUsers(int count) {
+    Dictionary users{{"1", Dictionary{{"settings", Dictionary{{"k", "v"}}}}}}, accounts;
+    for (int user = 2; user < count + 2; ++user) {
+        const auto id = std::to_string(user);
+        users.set(id, Dictionary{{"settings", Dictionary{{"k", user}, {"l", "own"}}},
+                                 {"hammer_list", Array{"x"}}});
+        accounts.set(std::to_string(10000 + user), Dictionary{{"appuid", user}});
+    }
+    accounts.set("1", Dictionary{{"appuid", 1}, {"current", 2}});
+    accounts.set("2", Dictionary{{"appuid", 3}, {"current", 1}});
+    accounts.set("3", Dictionary{{"appuid", 2}, {"current", 3}});
+    accounts.set("4", Dictionary{{"current", 2}});
+    return {{"format", 1},      {"everybody", Dictionary{{"k", "all"}}},
+            {"users", users},   {"accounts", accounts},
+            {"locks", Array{}}, {"current_user", 2}};
+}
+
+}  // namespace
+
+TEST_F(UserMethods, RemovingAllTakesThousandsOfUsersAndTheirAccountsInOneChange) {
+    ASSERT_TRUE(harness.ask<&Admin::importDataPT>(manyUsers(kMany)));
+    ASSERT_EQ(users().as<Array>().size(), kMany + 1U);
+    harness.poster.take(1);
+    harness.ask<&Data::removeUserInfoAllPT>();
+    const auto told = harness.poster.take(1).at(0);
+    EXPECT_EQ(told["revision"], Value(2));
+    EXPECT_EQ(told["osuserid"], Value(-1));
+    EXPECT_FALSE(told.contains("appuid"));
+    EXPECT_FALSE(told.contains("keys"));
+    const Dictionary remaining{{"1", Dictionary{{"appuid", 1}}}, {"2", Dictionary{{"current", 1}}}};
+    for (int round = 0; round < 2; ++round) {
+        const auto whole = harness.ask<&Admin::exportDataPT>().as<Dictionary>();
+        EXPECT_EQ(whole["users"], Value(Dictionary{{"1", Dictionary{{"settings", Dictionary{}}}}}));
+        EXPECT_EQ(whole["accounts"], Value(remaining));
+        EXPECT_EQ(whole["everybody"], Value(Dictionary{{"k", "all"}}));
+        EXPECT_EQ(whole["current_user"], Value(1));
+        EXPECT_EQ(whole["highest_user"], Value(kMany + 1));
+        EXPECT_EQ(whole["revision"], Value(2));
+        EXPECT_EQ(harness.store->usage(1).bytes, 0);
         harness.restart();
     }
 }
