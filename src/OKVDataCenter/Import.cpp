@@ -130,15 +130,24 @@ bool Import::accounts(const Value& part) {
                      ledger_.refuse(Kind::tooLarge, "too many accounts"));
 }
 
+// An assignment takes away what the account chose before, so it comes first, whatever the order.
 bool Import::account(const Value& osUid, const Value& content) {
     const auto uid = decimalOf(osUid).value_or(-1);
-    const auto* dictionary = content.getIf<Dictionary>();
-    if (!isAccount(uid) || uid > UINT32_MAX || dictionary == nullptr)
-        return bad("an account that is none");
-    if (const auto assigned = userIdOf((*dictionary)["appuid"]))
-        store_.carryOut(step::Assign{uid, *assigned});
-    if (const auto current = userIdOf((*dictionary)["current"]))
-        store_.carryOut(step::Switch{uid, *current});
+    if (!isAccount(uid) || uid > UINT32_MAX) return bad("an account that is none");
+    Account account;
+    if (!each(content, [&](const Value& name, const Value& id) { return hand(account, name, id); }))
+        return false;
+    if (account.assigned) store_.carryOut(step::Assign{uid, *account.assigned});
+    if (account.current) store_.carryOut(step::Switch{uid, *account.current});
+    return true;
+}
+
+bool Import::hand(Account& account, const Value& name, const Value& id) {
+    const bool isAssigned = name == Value("appuid");
+    if (!isAssigned && name != Value("current")) return bad("an account with an unknown part");
+    const auto user = userIdOf(id);
+    if (!user) return bad("the user of an account is a number");
+    (isAssigned ? account.assigned : account.current) = user;
     return true;
 }
 
@@ -188,16 +197,26 @@ bool Import::highestUser(const Value& part) {
 }
 
 bool Import::clock(const Value& part) {
-    const auto* content = part.getIf<Dictionary>();
-    if (content == nullptr) return bad("the clock is a dictionary");
-    Clock clock{std::nullopt, (*content)["running"].boolValue(), ledger_.now()};
-    if (const auto* since = (*content)["since"].getIf<okv::Date>())
-        clock.since = since->secondsSince1970;
-    if (const auto* time = (*content)["time"].getIf<okv::Date>())
-        clock.time = time->secondsSince1970;
-    if (!std::isfinite(clock.since) || !std::isfinite(clock.time.value_or(0)))
-        return bad("a time is a date");
+    Clock clock{std::nullopt, false, ledger_.now()};
+    if (!each(part,
+              [&](const Value& name, const Value& value) { return hand(clock, name, value); }))
+        return false;
     store_.carryOut(step::ServerClock{clock});
+    return true;
+}
+
+bool Import::hand(Clock& clock, const Value& name, const Value& value) {
+    if (name == Value("running")) {
+        const auto* running = value.getIf<bool>();
+        clock.running = running != nullptr && *running;
+        return running != nullptr || bad("whether the clock runs is a boolean");
+    }
+    const bool isTime = name == Value("time");
+    if (!isTime && name != Value("since")) return bad("a clock with an unknown part");
+    if (isTime && value.isNull()) return true;
+    const auto* date = value.getIf<okv::Date>();
+    if (date == nullptr || !std::isfinite(date->secondsSince1970)) return bad("a time is a date");
+    (isTime ? clock.time.emplace() : clock.since) = date->secondsSince1970;
     return true;
 }
 

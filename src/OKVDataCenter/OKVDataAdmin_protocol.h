@@ -62,12 +62,13 @@ public:
     ///                                            (key to value) and, where stored, "user_setting",
     ///                                            "contents_words", "hammer_list",
     ///                                            "black_extension_list"
-    ///   "accounts"                               uid (as a string) to "appuid" and "current"
+    ///   "accounts"                               uid (as a string) to a dictionary of "appuid" and
+    ///                                            "current" (ids), where stored
     ///   "locks"                                  array of keys
     ///   "flt_proc_white", "flt_proc_black", "kill_web_proc"   name to identifier
     ///   "current_user", "highest_user"           ids
     ///   "clock"                                  "time" (date or null) that it showed at "since"
-    ///                                            (date), "running"
+    ///                                            (date), "running" (a boolean)
     virtual okv::Value exportDataPT() = 0;
     /// Takes such a dictionary, in one transaction. What it holds replaces the stored part of the
     /// same name as a whole; parts that it does not hold stay as they are. "epoch" and "revision"

@@ -45,6 +45,8 @@ private:
 
     bool user(const okv::Value& id, const okv::Value& content);
     bool account(const okv::Value& osUid, const okv::Value& content);
+    bool hand(Account& account, const okv::Value& name, const okv::Value& id);
+    bool hand(Clock& clock, const okv::Value& name, const okv::Value& value);
     bool list(std::int32_t user, const okv::Value& name, const okv::Value& value);
     bool settings(Scope scope, const okv::Value& part);
     bool setting(Scope scope, const okv::Value& key, const okv::Value& value);

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +51,17 @@ std::optional<std::int64_t> idOf(const Value& value) {
     return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
 }
 
+void checkName(const std::string& place, const Value& name, const std::string& owner,
+               std::span<const std::string_view> known) {
+    const auto text = cellText(name);
+    if (std::find(known.begin(), known.end(), text) == known.end())
+        bad(inside(place, name), owner + " has no such part; remove it" + didYouMean(text, known));
+}
+
+void checkNumber(const std::string& place, const Value& number) {
+    if (!number.is<std::int64_t>()) bad(place, "a number belongs here");
+}
+
 void checkKey(const std::string& place, const Value& key) {
     const auto* text = key.getIf<std::string>();
     if (text == nullptr || text->empty() || text->size() > kKeyBytes || !isPrintable(*text))
@@ -74,10 +86,8 @@ void checkUser(const std::string& place, const Value& content) {
     for (const auto& [name, value] : dictionaryAt(place, content)) {
         if (name == Value("settings")) {
             checkUsersSettings(inside(place, name), value);
-        } else if (std::find(std::begin(kFamilyNames), std::end(kFamilyNames), cellText(name)) ==
-                   std::end(kFamilyNames)) {
-            bad(inside(place, name),
-                "a user has no such part; remove it" + didYouMean(cellText(name), kFamilyNames));
+        } else {
+            checkName(place, name, "a user", kFamilyNames);
         }
     }
 }
@@ -91,12 +101,20 @@ void checkUsers(const std::string& place, const Value& users) {
     }
 }
 
+void checkAccount(const std::string& place, const Value& content) {
+    static constexpr std::string_view kNames[] = {"appuid", "current"};
+    for (const auto& [name, user] : dictionaryAt(place, content)) {
+        checkName(place, name, "an account", kNames);
+        checkNumber(inside(place, name), user);
+    }
+}
+
 void checkAccounts(const std::string& place, const Value& accounts) {
     for (const auto& [uid, content] : dictionaryAt(place, accounts)) {
         const auto number = idOf(uid);
         if (!number || *number < 0 || *number > UINT32_MAX)
             bad(inside(place, uid), "an account is a uid; correct or remove it");
-        dictionaryAt(inside(place, uid), content);
+        checkAccount(inside(place, uid), content);
     }
 }
 
@@ -106,20 +124,24 @@ void checkLocks(const std::string& place, const Value& locks) {
     for (const auto& key : *keys) checkKey(place, key);
 }
 
-void checkNumber(const std::string& place, const Value& number) {
-    if (!number.is<std::int64_t>()) bad(place, "a number belongs here");
-}
-
 void checkTime(const std::string& place, const Value& time) {
     const auto* date = time.getIf<okv::Date>();
-    if (!time.isMissing() && (date == nullptr || !std::isfinite(date->secondsSince1970)))
+    if (date == nullptr || !std::isfinite(date->secondsSince1970))
         bad(place, "a date belongs here, as {\"$date\": \"2026-01-31T23:59:59Z\"} in JSON");
 }
 
+// The null object is the time of a clock that was never set.
 void checkClock(const std::string& place, const Value& clock) {
-    const auto& content = dictionaryAt(place, clock);
-    checkTime(place + ".time", content["time"]);
-    checkTime(place + ".since", content["since"]);
+    static constexpr std::string_view kNames[] = {"time", "since", "running"};
+    for (const auto& [name, value] : dictionaryAt(place, clock)) {
+        checkName(place, name, "the clock", kNames);
+        const auto at = inside(place, name);
+        if (name == Value("running")) {
+            if (!value.is<bool>()) bad(at, "true or false belongs here");
+        } else if (name == Value("since") || !value.isNull()) {
+            checkTime(at, value);
+        }
+    }
 }
 
 void checkForm(const std::string& place, const Value& form) {

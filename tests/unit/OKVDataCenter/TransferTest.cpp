@@ -59,6 +59,27 @@ TEST(Transfer, AnExportTakenIntoAnotherStoreMakesItTheSame) {
     EXPECT_NE(to.store->epoch(), from.store->epoch());
 }
 
+TEST(Transfer, AnExportOfAClockThatWasNeverSetIsTaken) {
+    Harness from, to;
+    const auto whole = from.ask<&Admin::exportDataPT>();
+    EXPECT_TRUE(whole.as<Dictionary>()["clock"].as<Dictionary>()["time"].isNull());
+    to.ask<&Data::setServerTimePT>(Date{500});
+    EXPECT_TRUE(to.ask<&Admin::importDataPT>(whole));
+    EXPECT_EQ(content(to.ask<&Admin::exportDataPT>()), content(whole));
+}
+
+TEST(Transfer, WhatAnAccountChoseIsTakenInEitherOrder) {
+    Harness harness;
+    fill(harness);
+    for (const auto& account :
+         {Dictionary{{"current", 1}, {"appuid", 7}}, Dictionary{{"appuid", 7}, {"current", 1}}}) {
+        EXPECT_TRUE(harness.ask<&Admin::importDataPT>(
+            Dictionary{{"format", 1}, {"accounts", Dictionary{{"1000", account}}}}));
+        const auto whole = harness.ask<&Admin::exportDataPT>();
+        EXPECT_EQ(whole.as<Dictionary>()["accounts"], Value(Dictionary{{"1000", account}}));
+    }
+}
+
 TEST(Transfer, AnExportTellsItsForm) {
     Harness harness;
     fill(harness);
@@ -109,6 +130,14 @@ std::vector<Dictionary> badParts() {
         {{"users", Dictionary{{"2", Dictionary{{"settings", Dictionary{{"dc-syscmnf-x", 1}}}}}}}},
         {{"users", Dictionary{}}},  // the accounts and the current user name user 2
         {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", 99}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", "2"}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", kNull}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", true}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", (std::int64_t{1} << 32) + 2}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", 2}, {"current", 2.0}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{"appuid", 2}, {"curent", 2}}}}}},
+        {{"accounts", Dictionary{{"1000", Dictionary{{0, 2}}}}}},
+        {{"accounts", Dictionary{{"1000", 2}}}},
         {{"accounts", Dictionary{{"-1", Dictionary{}}}}},
         {{"accounts", Dictionary{{"65534", Dictionary{}}}}},
         {{"accounts", Dictionary{{"4294967296", Dictionary{}}}}},
@@ -119,6 +148,13 @@ std::vector<Dictionary> badParts() {
         {{"highest_user", kNull}},
         {{"clock", 7}},
         {{"clock", Dictionary{{"time", Date{HUGE_VAL}}}}},
+        {{"clock", Dictionary{{"time", 500}}}},
+        {{"clock", Dictionary{{"since", "1970-01-01"}}}},
+        {{"clock", Dictionary{{"since", Date{HUGE_VAL}}}}},
+        {{"clock", Dictionary{{"since", kNull}}}},
+        {{"clock", Dictionary{{"running", 1}}}},
+        {{"clock", Dictionary{{"running", "YES"}}}},
+        {{"clock", Dictionary{{"time", Date{500}}, {"runing", true}}}},
         {{"surprise", 1}},
     };
 }

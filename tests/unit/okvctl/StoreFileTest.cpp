@@ -47,6 +47,10 @@ Dictionary storeWith(const char* part, const Value& content) {
     return {{"format", 1}, {part, content}};
 }
 
+Dictionary accountWith(const char* part, const Value& content) {
+    return storeWith("accounts", Dictionary{{"501", Dictionary{{part, content}}}});
+}
+
 Dictionary userWith(const char* part, const Value& content) {
     return storeWith("users", Dictionary{{"3", Dictionary{{part, content}}}});
 }
@@ -180,6 +184,11 @@ INSTANTIATE_TEST_SUITE_P(
         StoreRow{storeWith("accounts", Dictionary{{"-1", Dictionary{}}}),
                  "accounts.-1: an account is"},
         StoreRow{storeWith("accounts", Dictionary{{"1", 1}}), "accounts.1: a dictionary belongs"},
+        StoreRow{accountWith("appuid", "2"), "accounts.501.appuid: a number belongs here"},
+        StoreRow{accountWith("current", Null{}), "accounts.501.current: a number belongs here"},
+        StoreRow{
+            accountWith("curent", 2),
+            "accounts.501.curent: an account has no such part; remove it; did you mean current"},
         StoreRow{storeWith("locks", Dictionary{}), "locks: an array of keys"},
         StoreRow{storeWith("locks", Array{5}), "locks.5: a key is"},
         StoreRow{storeWith("current_user", "1"), "current_user: a number"},
@@ -187,6 +196,11 @@ INSTANTIATE_TEST_SUITE_P(
         StoreRow{storeWith("clock", Dictionary{{"time", 5}}), "clock.time: a date belongs here"},
         StoreRow{storeWith("clock", Dictionary{{"since", okv::Date{HUGE_VAL}}}),
                  "clock.since: a date"},
+        StoreRow{storeWith("clock", Dictionary{{"since", Null{}}}), "clock.since: a date"},
+        StoreRow{storeWith("clock", Dictionary{{"running", 1}}), "clock.running: true or false"},
+        StoreRow{storeWith("clock", Dictionary{{"runing", true}}),
+                 "clock.runing: the clock has no such part; remove it; did you mean running?"},
+        StoreRow{storeWith("clock", 7), "clock: a dictionary belongs here"},
         StoreRow{storeWith("kill_web_proc", Dictionary{{"", 1}}), "kill_web_proc"},
         StoreRow{Dictionary{{"format", 1}, {"users", Dictionary{}}, {"current_user", 7}},
                  "current_user: there is no user 7; add it to \"users\""},
