@@ -1,6 +1,11 @@
 #pragma once
 
+#include <OKVPlatform/values/Value.h>
+
+#include <charconv>
 #include <cstdint>
+#include <string>
+#include <utility>
 
 /// Where the suite's service endpoints are stored, what holds where nothing is, and the pages that
 /// are built from them. Not installed: for the data manager, and for the tool that tells of them.
@@ -35,6 +40,22 @@ inline constexpr ServiceEndpoint kFdUpdateServUrl{"fdUpdateServUrl",
 inline constexpr ServiceEndpoint kServiceEndpoints[] = {
     kArsEncodekey,    kArsServHost,     kArsServPort,     kArsLogServPort, kSettingServHost,
     kSettingServPort, kPasswdForgotUrl, kPgUpdateServUrl, kFdUpdateServUrl};
+
+/// A stored text as it stands, a number as the platform prints it; the standard where nothing is
+/// stored, or nothing that is a text.
+inline std::string textOf(const ServiceEndpoint& endpoint, Value stored) {
+    if (auto* text = stored.getIf<std::string>()) return std::move(*text);
+    const auto* real = stored.getIf<double>();
+    if (real == nullptr)
+        return stored.isNumber() ? std::to_string(stored.longLongValue()) : endpoint.standard;
+    char digits[32];
+    return std::string(digits, std::to_chars(digits, digits + sizeof digits, *real).ptr);
+}
+
+/// What is stored, or else the standard, as its `intValue`.
+inline std::int32_t portOf(const ServiceEndpoint& endpoint, const Value& stored) {
+    return stored.isMissing() ? intValueOf(endpoint.standard) : stored.intValue();
+}
 
 /// The setting server's ports that are spoken to by https.
 inline constexpr std::int32_t kSecurePorts[] = {443, 21079};

@@ -10,7 +10,6 @@
 
 #include <unistd.h>
 
-#include <charconv>
 #include <mutex>
 
 namespace {
@@ -490,26 +489,12 @@ std::optional<std::string> hostOf(std::string_view url) {
 
 }  // namespace
 
-// A number as the platform prints it; none for what is no text at all.
-static std::optional<std::string> textOf(const okv::Value& value) {
-    if (const auto* text = value.getIf<std::string>()) return *text;
-    if (value.is<std::int64_t>() || value.is<bool>()) return std::to_string(value.longLongValue());
-    const auto* real = value.getIf<double>();
-    if (real == nullptr) return std::nullopt;
-    char digits[32];
-    return std::string(digits, std::to_chars(digits, digits + sizeof digits, *real).ptr);
-}
-
-// The answer as it stands; the standard where nothing is stored, or nothing that is a text.
 std::string okvDataManager::textAt(const Endpoint& endpoint) const {
-    auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
-    if (auto* text = answer.getIf<std::string>()) return std::move(*text);
-    return textOf(answer).value_or(endpoint.standard);
+    return okv::textOf(endpoint, forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key));
 }
 
 std::int32_t okvDataManager::portAt(const Endpoint& endpoint) const {
-    const auto answer = forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key);
-    return answer.isMissing() ? okv::intValueOf(endpoint.standard) : answer.intValue();
+    return okv::portOf(endpoint, forward<&OKVDataMng_protocol::okvDataPT>(endpoint.key));
 }
 
 std::string okvDataManager::arsEncodekey() const {

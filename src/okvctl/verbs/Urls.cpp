@@ -11,12 +11,8 @@ namespace {
 using okv::Value;
 
 Value readAs(const okv::ServiceEndpoint& endpoint, const Value& stored) {
-    if (endpoint.isPort) {
-        return stored.isMissing() ? okv::intValueOf(endpoint.standard) : stored.intValue();
-    }
-    if (stored.is<std::string>()) return stored;
-    return stored.is<std::int64_t>() ? Value(std::to_string(stored.longLongValue()))
-                                     : Value(endpoint.standard);
+    return endpoint.isPort ? Value(okv::portOf(endpoint, stored))
+                           : Value(okv::textOf(endpoint, stored));
 }
 
 void addPages(okv::Dictionary& urls) {

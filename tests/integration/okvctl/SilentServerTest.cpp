@@ -151,7 +151,12 @@ TEST(Urls, AreThoseThatTheSuitesProcessesUse) {
         {{"dc-syscmnf-setting_server_port", "21079x"}, {"dc-syscmnf-setting_server_host", "h"}},
         {{"dc-syscmnf-setting_server_port", "none"}, {"dc-syscmnf-ars2_server_port", 8080}},
         {{"dc-syscmnf-setting_server_host", ""}, {"dc-syscmnf-ars2_encodekey", 7}},
-        {{"dc-syscmnf-passwd_forgot_url", "u"}, {"dc-syscmnf-ars2_server_host", okv::Array{}}}};
+        {{"dc-syscmnf-passwd_forgot_url", "u"}, {"dc-syscmnf-ars2_server_host", okv::Array{}}},
+        {{"dc-syscmnf-setting_server_host", true}, {"dc-syscmnf-ars2_server_host", false}},
+        {{"dc-syscmnf-setting_server_host", 1.5}, {"dc-syscmnf-ars2_encodekey", 1e300}},
+        {{"dc-syscmnf-setting_server_port", 80.9}, {"dc-syscmnf-ars2_server_port", true}},
+        {{"dc-syscmnf-setting_server_host", okv::Date{1}},
+         {"dc-syscmnf-ars2_encodekey", okv::Data{1}}}};
     for (const auto& stored : stores) {
         answerFrom(server, stored);
         const auto ran = run({"--json", "urls"});
