@@ -22,8 +22,11 @@ Value zeroOf(char type) {
     }
 }
 
+constexpr char kRegister[] = "registerAsClient:";
+constexpr char kRemove[] = "removeAsClient:";
+
 bool takesClient(std::string_view selector) {
-    return selector == "registerAsClient:" || selector == "removeAsClient:";
+    return selector == kRegister || selector == kRemove;
 }
 
 std::string replyWith(std::string_view payload) {
@@ -45,7 +48,7 @@ struct FakeDataServer::Plan {
 };
 
 FakeDataServer::FakeDataServer(Options options) : options_(options) {
-    answer("registerAsClient:", true);
+    answer(kRegister, true);
     start();
 }
 
@@ -66,6 +69,7 @@ void FakeDataServer::start() {
         const std::lock_guard lock(mutex_);
         ++accepted_;
     };
+    publication.disconnected = [this](MessagePort& port) { forgetClient(port); };
     service_ =
         std::make_unique<ServiceThread>(kOKVDataServerName, std::move(root), std::move(publication),
                                         [this](Publication& made) { publication_ = &made; });
@@ -123,13 +127,22 @@ ReceivedMessage FakeDataServer::read(IncomingRequest& request) {
     ReceivedMessage message{std::string(request.selector()), std::string(request.types()), {}};
     auto reader = request.arguments();
     if (takesClient(message.selector)) {
-        auto client = request.remote(reader.reference());
+        reader.reference();
         message.arguments.emplace_back("<client>");
-        const std::lock_guard lock(mutex_);
-        clients_.push_back(std::move(client));
     }
     while (!reader.atEnd()) message.arguments.push_back(reader.value());
     return message;
+}
+
+void FakeDataServer::keepClient(IncomingRequest& request) {
+    auto client = request.remote(request.arguments().reference());
+    const std::lock_guard lock(mutex_);
+    clients_[&request.port()] = std::move(client);
+}
+
+void FakeDataServer::forgetClient(MessagePort& port) {
+    const std::lock_guard lock(mutex_);
+    clients_.erase(&port);
 }
 
 void FakeDataServer::handle(IncomingRequest& request) {
@@ -139,6 +152,7 @@ void FakeDataServer::handle(IncomingRequest& request) {
         messages_.push_back(message);
         everReceived_.insert(message.selector);
     }
+    if (message.selector == kRemove) forgetClient(request.port());
     carryOut(request, message, planFor(message.selector));
 }
 
@@ -146,21 +160,27 @@ void FakeDataServer::carryOut(IncomingRequest& request, const ReceivedMessage& m
                               const Plan& plan) {
     if (plan.hangsUp) return publication_->closeConnections();
     if (plan.isGarbage) return request.answer(std::string(64, '\xEE'));
-    if (plan.isPayload) return request.answer(replyWith(plan.payload));
     const auto row = Rows::find(message.selector);
-    if (!row && !plan.behaviour) return request.fail("unknown selector");
-    request.answer(replyWith(
-        encodeCbor(plan.behaviour ? plan.behaviour(message) : zeroOf(Rows::resultType(*row)))));
+    if (!row && !plan.behaviour && !plan.isPayload) return request.fail("unknown selector");
+    const auto payload = payloadFor(message, plan);
+    if (message.selector == kRegister && payload == encodeCbor(true)) keepClient(request);
+    request.answer(replyWith(payload));
+}
+
+std::string FakeDataServer::payloadFor(const ReceivedMessage& message, const Plan& plan) {
+    if (plan.isPayload) return plan.payload;
+    if (plan.behaviour) return encodeCbor(plan.behaviour(message));
+    return encodeCbor(zeroOf(Rows::resultType(*Rows::find(message.selector))));
 }
 
 void FakeDataServer::disconnectClients() {
     service_->on([this](Publication&) {
-        std::vector<Ref<RemoteObject>> clients;
+        std::map<MessagePort*, Ref<RemoteObject>> clients;
         {
             const std::lock_guard lock(mutex_);
             clients = clients_;
         }
-        for (const auto& client : clients)
+        for (const auto& [port, client] : clients)
             okv::post<&OKVClientMng_protocol::disConnectSrv>(*client);
     });
 }

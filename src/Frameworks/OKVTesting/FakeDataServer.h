@@ -34,7 +34,9 @@ struct OKV_EXPORT ReceivedMessage {
 ///     server.answer("defaultUserIdPT", 7);
 ///     auto manager = okvDataManager::sharedDataManager();
 ///
-/// Untold, `registerAsClient:` answers YES and every other method its zero value. Threads: any.
+/// Untold, `registerAsClient:` answers YES and every other method its zero value. A connection
+/// whose registration was answered YES is a registered client, once, until it sends
+/// `removeAsClient:` or ends. Threads: any.
 class OKV_EXPORT FakeDataServer {
 public:
     using Behaviour = std::function<Value(const ReceivedMessage&)>;
@@ -93,7 +95,10 @@ private:
 
     void handle(IncomingRequest& request);
     void carryOut(IncomingRequest& request, const ReceivedMessage& message, const Plan& plan);
-    ReceivedMessage read(IncomingRequest& request);
+    static ReceivedMessage read(IncomingRequest& request);
+    static std::string payloadFor(const ReceivedMessage& message, const Plan& plan);
+    void keepClient(IncomingRequest& request);
+    void forgetClient(MessagePort& port);
     Plan planFor(const std::string& selector) const;
     void setPlan(const std::string& selector, Plan plan);
 
@@ -103,7 +108,7 @@ private:
     std::map<std::string, Plan> plans_;
     std::vector<ReceivedMessage> messages_;
     std::set<std::string> everReceived_;
-    std::vector<Ref<RemoteObject>> clients_;
+    std::map<MessagePort*, Ref<RemoteObject>> clients_;  // by the connection that registered
     std::size_t accepted_ = 0;
     std::unique_ptr<ServiceThread> service_;
 };
