@@ -20,10 +20,15 @@ public:
 
     // ---- Maintenance settings and log switches ----
 
-    // Every call reads "jp.nrm.okv6.mainte.plist" in the installation root afresh, so that an edit
-    // takes effect at once: who logs often asks once and keeps the answer. A missing, unreadable
-    // or malformed file, a root that is no dictionary and a missing key silently give the default.
-    // A value of another kind reads as its `intValue` or `boolValue`.
+    // Every call reads the maintenance file afresh, so that an edit takes effect at once: who logs
+    // often asks once and keeps the answer. It is a property list, binary, XML or old-style text:
+    //
+    //     /Library/Application Support/NRM/okv6/jp.nrm.okv6.mainte.plist
+    //
+    // A missing, unreadable or malformed file, a root that is no dictionary and a missing key
+    // silently give the default. A value of another kind reads as its `intValue` or `boolValue`
+    // (see okv::Value); of a text, both pass over leading blanks, tabs and line ends and one sign:
+    // "+1" and "-1" are YES, "-0" is NO.
 
     /// The whole file, or none.
     static std::optional<okv::Dictionary> loadMainteInfo();
@@ -69,9 +74,10 @@ public:
 
     // The two parsers read in the *local* zone, not in Japan Standard Time; that is intended. The
     // text must have exactly the told number of characters (UTF-16 units), else there is no date.
-    // Characters that are not digits are not refused: a field reads as its leading digits, 0 when
-    // there are none, and the calendar rolls over what is out of range (month 13 is the next
-    // January, month 0 the December before, day 0 the last day of the month before).
+    // Characters that are not digits are not refused: a field reads as its `intValue`, which is its
+    // leading digits after blanks and one sign, 0 when there are none, and the calendar rolls over
+    // what is out of range (month 13 is the next January, month 0 the December before, day 0 the
+    // last day of the month before).
 
     /// "201003": the first instant of 1 March 2010.
     static std::optional<okv::Date> createDateFromyyyymm(std::string_view text);

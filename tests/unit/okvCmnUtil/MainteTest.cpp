@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 /// The maintenance file is one of the test's own, not there until it is written.
@@ -61,6 +64,34 @@ TEST_F(Mainte, AFileThatIsNoneOrHoldsNoDictionaryCountsAsMissing) {
 TEST_F(Mainte, AFolderInTheFilesPlaceCountsAsMissing) {
     folder_.write("mainte.plist/x", "");
     expectDefaults();
+}
+
+TEST_F(Mainte, AFileThatMayNotBeReadCountsAsMissing) {
+    writeEntries("<key>logLevel</key><integer>30</integer>");
+    const auto levelFor = [&](mode_t mode) {
+        chmod((folder_ / "mainte.plist").c_str(), mode);
+        return geteuid() == 0 ? support::asAccount(65534, okvCmnUtil::logLevel)
+                              : okvCmnUtil::logLevel();
+    };
+    EXPECT_EQ(levelFor(0444), 30);
+    EXPECT_EQ(levelFor(0), 10);
+}
+
+TEST_F(Mainte, ABinaryFileIsReadToo) {
+    // {logLevel = 30}
+    write(
+        std::string_view("bplist00\xD1\x01\x02XlogLevel\x10\x1E\x08\x0B\x14\0\0\0\0\0\0\x01\x01"
+                         "\0\0\0\0\0\0\0\x03\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x16",
+                         57));
+    EXPECT_EQ(okvCmnUtil::loadMainteInfo(), (okv::Dictionary{{"logLevel", 30}}));
+    EXPECT_EQ(okvCmnUtil::logLevel(), 30);
+}
+
+TEST_F(Mainte, AnOldStyleTextFileIsReadTooAndItsTextsByTheirContent) {
+    write("{ logLevel = 30; nkeLog = YES; arsLog = 0; }");
+    EXPECT_EQ(okvCmnUtil::logLevel(), 30);
+    EXPECT_TRUE(okvCmnUtil::isNkeLog());
+    EXPECT_FALSE(okvCmnUtil::isARSLog() || okvCmnUtil::isDevModeLog());
 }
 
 TEST_F(Mainte, AnEmptyDictionaryIsAFileWithoutKeys) {
@@ -138,6 +169,13 @@ INSTANTIATE_TEST_SUITE_P(
         SwitchRow{"<string>1</string>", true}, SwitchRow{"<string>9</string>", true},
         SwitchRow{"<string>0</string>", false}, SwitchRow{"<string>  007</string>", true},
         SwitchRow{"<string>  00Y</string>", true}, SwitchRow{"<string>000</string>", false},
+        SwitchRow{"<string>+1</string>", true}, SwitchRow{"<string>-1</string>", true},
+        SwitchRow{"<string>-0</string>", false}, SwitchRow{"<string>--1</string>", false},
+        SwitchRow{"<string>\t1</string>", true}, SwitchRow{"<string>\n1</string>", true},
+        SwitchRow{"<string>\n\tY</string>", true}, SwitchRow{"<string>Y</string>", true},
+        SwitchRow{"<string>y</string>", true}, SwitchRow{"<string>T</string>", true},
+        SwitchRow{"<string>t</string>", true},
+        SwitchRow{"<date>2010-02-01T00:00:00Z</date>", false},
         SwitchRow{"<string>on</string>", false}, SwitchRow{"<string></string>", false},
         SwitchRow{"<array/>", false}, SwitchRow{"<dict/>", false},
         SwitchRow{"<data></data>", false}));
@@ -152,5 +190,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(LevelRow{"<integer>30</integer>", 30}, LevelRow{"<integer>-5</integer>", -5},
                     LevelRow{"<string>20</string>", 20}, LevelRow{"<string> 20x</string>", 20},
                     LevelRow{"<string>high</string>", 0}, LevelRow{"<real>12.9</real>", 12},
-                    LevelRow{"<true/>", 1}, LevelRow{"<array/>", 0}, LevelRow{"<dict/>", 0},
+                    LevelRow{"<string>\n\t+20</string>", 20}, LevelRow{"<string>-5</string>", -5},
+                    LevelRow{"<date>2010-02-01T00:00:00Z</date>", 0}, LevelRow{"<true/>", 1},
+                    LevelRow{"<array/>", 0}, LevelRow{"<dict/>", 0},
                     LevelRow{"<integer>99999999999</integer>", INT32_MAX}));
