@@ -59,9 +59,10 @@ const Verb kPs{
     "",
     "list the processes as the suite sees them",
     "A line for each process of the kernel's table: ids, command name (at most 16 bytes) and the\n"
-    "path of its executable, \"(null)\" where it cannot be read. With --managed the applications:\n"
-    "processes that run from a bundle, with the name and identifier that it declares; as JSON\n"
-    "with all that it declares. Needs no data server.\n",
+    "path of its executable, which is \"(null)\" for every process: the suite's processes get no\n"
+    "path from the kernel's table. With --managed the applications: processes that run from a\n"
+    "bundle, with the name and identifier that it declares, and the bundle's path; as JSON with\n"
+    "all that it declares. Needs no data server.\n",
     kTakesManaged,
     runPs,
 };

@@ -80,6 +80,7 @@ TEST(Ps, ListsEveryProcessWithItsIds) {
     EXPECT_EQ((*found)["parentpid"], getpid());
     EXPECT_EQ((*found)["uid"], getuid());
     EXPECT_EQ((*found)["CFBundleName"], "okvctl_test");
+    EXPECT_EQ((*found)["BundlePath"], "(null)") << "as for every process";
     EXPECT_EQ(withPid(records, 0), nullptr) << "the zero-filled record is no process";
 }
 
