@@ -8,13 +8,20 @@ class Agent final : public OKVSettingObserver {
 public:
     explicit Agent(const char* key) : key_(key) {}
 
-    void settingChanged(const okv::Notification& notice) override { show(notice.userInfo); }
+    void settingChanged(const okv::Notification& notice) override {
+        show([&](okvDataManager& manager) { manager.updateSessionUserId(notice.userInfo); });
+    }
+    // A switch may be among what was missed; the server knows who the user is.
+    void settingChangesMissed(std::uint64_t /*count*/) override {
+        show([](okvDataManager& manager) { manager.setNowSessionUserId(manager.currentUserId()); });
+    }
 
-    void show(const okv::Value& information) const try {
+    template <class Follow>
+    void show(Follow followUser) const try {
         // Reconnects when the server had gone; null when it cannot: then a later notice finds it.
         const auto manager = okvDataManager::sharedDataManager();
         if (!manager) return;
-        manager->updateSessionUserId(information);
+        followUser(*manager);
         const auto value = manager->okvData(key_);
         const auto* text = value.getIf<std::string>();
         std::printf("user %d: %s is %s\n", manager->nowSessionUserId(), key_,
@@ -38,6 +45,6 @@ int main(int argc, char** argv) {
     if (!manager) return std::fputs("agent: the data server is not running\n", stderr), 1;
     const auto agent = okv::make<Agent>(argc > 1 ? argv[1] : "dc-gui-colour");
     manager->registerAsSettingNotifi_object(*agent);
-    agent->show({});
+    agent->show([](okvDataManager&) {});
     okv::RunLoop::current()->run();
 }

@@ -10,18 +10,28 @@
 
 class Watcher final : public OKVSettingObserver {
 public:
-    void settingChanged(const okv::Notification& notice) override try {
-        changed = true;
-        if (const auto manager = okvDataManager::sharedDataManager())
-            manager->updateSessionUserId(notice.userInfo);
-    } catch (const okv::ConnectionError&) {
-        // The server went in the middle of a call. It posts a notice when it is back.
+    void settingChanged(const okv::Notification& notice) override {
+        follow([&](okvDataManager& manager) { manager.updateSessionUserId(notice.userInfo); });
+    }
+    // A switch of the user may be among what was missed; the server knows who it is.
+    void settingChangesMissed(std::uint64_t /*count*/) override {
+        follow(
+            [](okvDataManager& manager) { manager.setNowSessionUserId(manager.currentUserId()); });
     }
     bool changed = true;
 
 protected:
     void dealloc() override {
         okv::DistributedNotificationCenter::defaultCenter().removeObserver(*this);
+    }
+
+private:
+    template <class Follow>
+    void follow(Follow followUser) try {
+        changed = true;
+        if (const auto manager = okvDataManager::sharedDataManager()) followUser(*manager);
+    } catch (const okv::ConnectionError&) {
+        // The server went in the middle of a call. It posts a notice when it is back.
     }
 };
 

@@ -62,6 +62,12 @@ public:
             if (got == line) return true;
         }
     }
+    void stop() {
+        kill(pid_, SIGSTOP);
+        int status = 0;
+        waitpid(pid_, &status, WUNTRACED);
+    }
+    void resume() const { kill(pid_, SIGCONT); }
     void endInput() { close(std::exchange(input_, -1)); }
     int wait() {
         if (pid_ <= 0) return -1;
@@ -117,6 +123,18 @@ protected:
     void change(const char* colour, std::int32_t user) {
         ASSERT_TRUE(okv::send<&Data::setOKVDataPT_value_appUid>(*root_, kKey, colour, user));
     }
+    /// A switch whose notice nobody hears who does not read meanwhile: it is neither in the log's
+    /// file of before, which observers hold open, nor in that of afterwards.
+    void switchUnheardTo(std::int32_t user) {
+        postMoreThanIsKept();
+        switchTo(user);
+        postMoreThanIsKept();
+    }
+    void postMoreThanIsKept() {
+        okv::DistributedNotificationCenter center(server_.runtimeFolder());
+        const std::string large(100000, ' ');
+        for (int i = 0; i < 30; ++i) center.post("org.example.large", {}, large);
+    }
     void switchTo(std::int32_t user) {
         ASSERT_TRUE(okv::send<&Admin::setCurrentUserIdPT_osUid>(
             *root_, Value(user), static_cast<std::int32_t>(getuid())));
@@ -140,6 +158,24 @@ TEST_F(Examples, TheAgentShowsEveryChangeFollowsSwitchesAndLivesThroughRestarts)
         change(colour, 2);
         ASSERT_TRUE(agent.prints(std::string("user 2: dc-gui-colour is ") + colour));
     }
+}
+
+TEST_F(Examples, TheAgentFollowsASwitchWhoseNoticeItMissed) {
+    Example agent(OKV_EXAMPLE_AGENT);
+    ASSERT_TRUE(agent.prints("user 1: dc-gui-colour is blue"));
+    agent.stop();
+    switchUnheardTo(2);
+    agent.resume();
+    EXPECT_TRUE(agent.prints("user 2: dc-gui-colour is not set"));
+}
+
+TEST_F(Examples, TheLoopOfAnApplicationFollowsASwitchWhoseNoticeItMissed) {
+    Example loop(OKV_EXAMPLE_POLL_LOOP);
+    ASSERT_TRUE(loop.prints("dc-gui-colour is blue"));
+    loop.stop();
+    switchUnheardTo(2);
+    loop.resume();
+    EXPECT_TRUE(loop.prints("dc-gui-colour is not set"));
 }
 
 TEST_F(Examples, TheAgentTellsThatThereIsNoServer) {

@@ -221,7 +221,8 @@ public:
     /// "jp.nrm.okv6.notification" was posted; hand its user information to `updateSessionUserId`.
     virtual void settingChanged(const okv::Notification& notification) = 0;
     /// So many notices, of whatever name, were posted while this process did not run, and cannot be
-    /// read any more.
+    /// read any more. Any setting may have changed meanwhile, and the user of this process's
+    /// account may have been switched: `setNowSessionUserId(currentUserId())` follows that.
     virtual void settingChangesMissed(std::uint64_t /*count*/) {}
 };
 
