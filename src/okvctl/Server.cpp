@@ -53,12 +53,23 @@ okv::Ref<okv::Connection> Server::lookUp() const {
 
 okv::RemoteObject& Server::root() {
     if (root_) return *root_;
-    connection_ = lookUp();
-    connection_->setRequestTimeout(timeout_);
-    connection_->setReplyTimeout(timeout_);
-    root_ = connection_->rootProxy();
-    if (!root_) fail(ExitCode::failure, {}, "the data server vends no root object");
+    auto connection = lookUp();
+    connection->setRequestTimeout(timeout_);
+    connection->setReplyTimeout(timeout_);
+    auto root = connection->rootProxy();
+    if (!root) fail(ExitCode::failure, {}, "the data server vends no root object");
+    connection_ = std::move(connection);
+    root_ = std::move(root);
     return *root_;
+}
+
+// The server's greeting is waited for, too, and may stay away.
+void Server::connect() {
+    try {
+        root();
+    } catch (const okv::ConnectionError& error) {
+        throwFailure({}, error);
+    }
 }
 
 void Server::disconnect() {

@@ -44,7 +44,7 @@ public:
     }
 
     /// Looks the server up, unless it is connected already. Throws ToolError.
-    void connect() { root(); }
+    void connect();
     /// Who serves; none without a connection.
     const okv::PeerIdentity* peer() const { return connection_ ? &connection_->peer() : nullptr; }
     bool isConnected() const { return connection_ && connection_->isValid(); }
