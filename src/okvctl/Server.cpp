@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/values/PropertyListScalars.h>
 
 #include <chrono>
@@ -33,20 +34,33 @@ const char* remedyFor(RefusalKind kind) {
 
 }  // namespace
 
+okv::Ref<okv::Connection> Server::tryOnce(std::string& why) {
+    auto found = okv::connectToName(kOKVDataServerName);
+    absent_ = found.isAbsent;
+    why = found.why;
+    if (!found.socket.isValid()) return nullptr;
+    why = "the system has no room to watch one more connection";
+    return okv::Connection::connectionWithSocket(std::move(found.socket), std::move(found.peer));
+}
+
+// One that is there is not to be started.
+void Server::throwNotFound(const std::string& why) const {
+    if (absent_)
+        fail(ExitCode::notRunning, {},
+             "the data server is not running: " + why + "; start OKVDataCenter");
+    fail(ExitCode::notRunning, {}, "the data server cannot be used: " + why);
+}
+
 // The folder that the server will appear in need not be there yet, so there is nothing to watch:
 // it is looked up again and again.
-okv::Ref<okv::Connection> Server::lookUp() const {
+okv::Ref<okv::Connection> Server::lookUp() {
     using std::chrono::steady_clock;
     const auto start = steady_clock::now();
     for (;;) {
         std::string why;
-        auto connection =
-            okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-        if (connection) return connection;
+        if (auto connection = tryOnce(why)) return connection;
         const std::chrono::duration<double> waited = steady_clock::now() - start;
-        if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_))
-            fail(ExitCode::notRunning, {},
-                 "the data server is not running: " + why + "; start OKVDataCenter");
+        if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_)) throwNotFound(why);
         std::this_thread::sleep_for(kLookUpAgain);
     }
 }
@@ -93,7 +107,7 @@ void Server::throwFailure(std::string_view subject, const okv::ConnectionError& 
                      " s; a change may still be carried out (--timeout gives more time)");
         case ErrorKind::notSent:
         case ErrorKind::refusedPeer:
-            fail(ExitCode::notRunning, subject, "the data server is not running: " + what);
+            fail(ExitCode::notRunning, subject, "the data server cannot be used: " + what);
         case ErrorKind::outcomeUnknown:
             fail(ExitCode::failure, subject,
                  "the data server went away before it answered, a change may have been made: " +

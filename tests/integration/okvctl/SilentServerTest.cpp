@@ -1,5 +1,7 @@
 #include "ToolRun.h"
 
+#include "support/Processes.h"
+
 #include <OKVDataManager/okvDataManager.h>
 
 #include <OKVPlatform/ipc/RegisteredName.h>
@@ -13,6 +15,10 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -117,7 +123,41 @@ TEST(FullServer, IsWhatDoctorFinds) {
     EXPECT_EQ(ran.error, "");
     const auto checks = nlohmann::json::parse(ran.out)["checks"];
     EXPECT_EQ(checks[2]["result"], "bad");
-    EXPECT_THAT(checks[2]["found"].get<std::string>(), HasSubstr("too many connections: 0"));
+    EXPECT_EQ(checks[2]["found"], "the data server cannot be used: too many connections: 0");
+    EXPECT_THAT(checks[2]["remedy"].get<std::string>(), HasSubstr("too many"));
+}
+
+TEST(StrangersServer, IsNotSaidToBeMissing) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be another account";
+    constexpr uid_t kStranger = 65533;
+    const RuntimeFolder folder;
+    ASSERT_EQ(chown(folder.path().c_str(), kStranger, kStranger), 0);
+    const support::Child server([](const auto& ready) {
+        if (!support::becomeAccount(kStranger)) return;
+        const Stopped published;
+        if (published.name) ready();
+        for (;;) pause();
+    });
+    ASSERT_TRUE(server.isReady());
+    const auto ran = run({"get", "a"});
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_EQ(ran.error,
+              "okvctl: get: the data server cannot be used: served by uid 65533, "
+              "which is not trusted\n");
+    const auto examined = run({"doctor"});
+    EXPECT_EQ(examined.code, 8);
+    EXPECT_THAT(examined.out, testing::Not(HasSubstr("start OKVDataCenter")));
+    EXPECT_THAT(examined.out, testing::Not(HasSubstr("another folder")));
+}
+
+TEST(ClosedFolder, IsNotSaidToHaveNoServer) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be another account";
+    const RuntimeFolder folder;
+    std::filesystem::permissions(folder.path(), std::filesystem::perms(0700));
+    const auto ran = run({"get", "a"}, {}, 65533);
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_THAT(ran.error, HasSubstr("get: the data server cannot be used: "));
+    EXPECT_THAT(ran.error, testing::EndsWith("Permission denied\n"));
 }
 
 TEST(OddServer, ThatHangsUpIsAFailureOfUnknownOutcome) {

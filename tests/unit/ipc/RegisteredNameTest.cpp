@@ -230,6 +230,17 @@ TEST_F(RegisteredNameTest, WithoutAFolderThereIsNoNameAndAReason) {
     EXPECT_FALSE(publish());
     EXPECT_TRUE(mentions("runtime folder")) << why_;
     EXPECT_NE(connectToName(kName).why.find("runtime folder"), std::string::npos);
+    EXPECT_TRUE(connectToName(kName).isAbsent);
+}
+
+TEST_F(RegisteredNameTest, NobodyIsThereWithoutASocketOrOneThatListens) {
+    EXPECT_TRUE(connectToName(kName).isAbsent);
+    auto name = publish();
+    EXPECT_FALSE(connectToName(kName).isAbsent);
+    fs::create_hard_link(socketPath(), folder_.path() / "kept");
+    name = nullptr;
+    fs::rename(folder_.path() / "kept", socketPath());
+    EXPECT_TRUE(connectToName(kName).isAbsent);
 }
 
 TEST_F(RegisteredNameTest, AnEmptyOverrideMeansTheBuiltInFolder) {
@@ -295,6 +306,7 @@ TEST_F(RegisteredNameTest, AFullBacklogCountsAsNoServer) {
         held.push_back(connectToName(kName));
     EXPECT_FALSE(held.back().socket.isValid()) << "and did not wait";
     EXPECT_FALSE(held.back().refusedPeer);
+    EXPECT_FALSE(held.back().isAbsent) << "though somebody is there";
 }
 
 TEST_F(RegisteredNameAsRoot, AFolderOfAForeignOwnerIsRefused) {
@@ -318,6 +330,7 @@ TEST_F(RegisteredNameAsRoot, AServerIsTrustedWhenItIsRootOrTheClientsOwnAccount)
     const auto refused = connectToName(kName);
     EXPECT_FALSE(refused.socket.isValid());
     EXPECT_TRUE(refused.refusedPeer);
+    EXPECT_FALSE(refused.isAbsent);
     EXPECT_EQ(refused.why, "served by uid 23401, which is not trusted");
 }
 

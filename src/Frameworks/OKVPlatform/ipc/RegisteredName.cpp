@@ -226,26 +226,36 @@ void PublishedName::withdraw() noexcept {
 
 namespace {
 
-ConnectedSocket notConnected(std::string why, bool refusedPeer = false) {
+ConnectedSocket refused(std::string why) {
     ConnectedSocket result;
     result.why = std::move(why);
-    result.refusedPeer = refusedPeer;
+    result.refusedPeer = true;
+    return result;
+}
+
+// As errno tells.
+ConnectedSocket notConnected(const std::string& what) {
+    ConnectedSocket result;
+    result.isAbsent = errno == ENOENT || errno == ECONNREFUSED;
+    result.why = withReason(what);
     return result;
 }
 
 // Without looking at who the peer is.
 ConnectedSocket connectToAnybody(std::string_view name, std::string_view subfolder) {
-    if (!isRegisteredName(name)) return notConnected("not a registered name");
+    if (!isRegisteredName(name)) {
+        ConnectedSocket none;
+        none.why = "not a registered name";
+        return none;
+    }
     const auto folder = PrivateDescriptor::opened(
         [&] { return open(folderPath(subfolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
-    if (!folder.isValid())
-        return notConnected(withReason("the runtime folder " + folderPath(subfolder)));
+    if (!folder.isValid()) return notConnected("the runtime folder " + folderPath(subfolder));
     ConnectedSocket result;
     result.socket = unixSocket();
     const auto address = addressIn(folder.get(), std::string(name));
     if (connect(result.socket.get(), asSocketAddress(address), sizeof address) != 0)
-        return notConnected(
-            withReason("no server at " + folderPath(subfolder) + "/" + std::string(name)));
+        return notConnected("no server at " + folderPath(subfolder) + "/" + std::string(name));
     if (const auto peer = PeerIdentity::ofSocket(result.socket.get(), false)) result.peer = *peer;
     fcntl(result.socket.get(), F_SETFL, 0);
     return result;
@@ -256,14 +266,13 @@ ConnectedSocket connectToAnybody(std::string_view name, std::string_view subfold
 ConnectedSocket connectToName(std::string_view name, std::string_view subfolder) {
     auto result = connectToAnybody(name, subfolder);
     if (!result.socket.isValid() || isTrustedServer(result.peer)) return result;
-    return notConnected(
-        "served by uid " + std::to_string(result.peer.uid) + ", which is not trusted", true);
+    return refused("served by uid " + std::to_string(result.peer.uid) + ", which is not trusted");
 }
 
 ConnectedSocket connectToProcess(pid_t pid, std::string_view name, std::string_view subfolder) {
     auto result = connectToAnybody(name, subfolder);
     if (!result.socket.isValid() || result.peer.pid == pid) return result;
-    return notConnected("served by process " + std::to_string(result.peer.pid), true);
+    return refused("served by process " + std::to_string(result.peer.pid));
 }
 
 }  // namespace okv

@@ -68,6 +68,7 @@ struct ConnectedSocket {
     PeerIdentity peer;
     std::string why;
     bool refusedPeer = false;  ///< somebody serves the name, but nobody this process trusts
+    bool isAbsent = false;     ///< nobody serves it: no folder, no socket, or none that listens
 };
 
 /// Connects to a registered name without ever waiting: a server whose backlog is full counts as
