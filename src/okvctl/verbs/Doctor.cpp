@@ -111,6 +111,7 @@ bool isAdministrator(const okv::PeerIdentity& server) {
     if (geteuid() == 0 || geteuid() == server.uid) return true;
     const auto* const group = getgrnam(kAdministrators);
     if (group == nullptr) return false;
+    if (getegid() == group->gr_gid) return true;
     std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
     const auto count = getgroups(static_cast<int>(groups.size()), groups.data());
     groups.resize(static_cast<std::size_t>(std::max(count, 0)));
