@@ -3,6 +3,9 @@
 #include "DurableFile.h"
 #include "Store.h"
 
+#include <OKVPlatform/ipc/PrivateDescriptor.h>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,8 +47,17 @@ private:
     const std::string& storeFile_;
 };
 
-void makeFolder(const std::string& folder) {
-    if (mkdir(folder.c_str(), 0700) == 0) return flushFolderOf(folder);
+void giveFolderTo(const std::optional<Owner>& owner, const std::string& folder) {
+    const okv::PrivateDescriptor made(
+        ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    giveTo(owner, made.get(), folder);
+}
+
+void makeFolder(const std::string& folder, const std::optional<Owner>& owner) {
+    if (mkdir(folder.c_str(), 0700) == 0) {
+        giveFolderTo(owner, folder);
+        return flushFolderOf(folder);
+    }
     struct stat status {};
     if (errno == EEXIST && stat(folder.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))
         errno = ENOTDIR;
@@ -138,10 +150,11 @@ std::vector<Backup> backupsOf(const std::string& storeFile) {
 }
 
 Backup makeBackup(const std::string& storeFile, std::int64_t now, const std::atomic<bool>& stop) {
-    makeFolder(backupFolder(storeFile));
+    const auto owner = ownerOf(storeFile);
+    makeFolder(backupFolder(storeFile), owner);
     const Unfinished unfinished(storeFile);
     const auto file = unfinishedIn(storeFile);
-    makeEmptyFile(file);  // the engine would make it readable for others
+    makeEmptyFile(file, owner);  // the engine would make it readable for others
     Source(storeFile, stop).copyTo(file);
     Source(file, stop).check();  // a bad copy must not push out a good one
     flushFile(file);

@@ -5,6 +5,7 @@
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -47,8 +48,23 @@ void writeAll(const okv::PrivateDescriptor& to, std::string_view bytes, const st
 
 }  // namespace
 
-void makeEmptyFile(const std::string& file) {
-    openedAnew(file);
+std::optional<Owner> ownerOf(const std::string& storeFile) {
+    if (geteuid() != 0) return std::nullopt;
+    struct stat status {};
+    const auto folder = storeFile.substr(0, storeFile.rfind('/') + 1);
+    if (stat(storeFile.c_str(), &status) != 0 &&
+        stat(folder.empty() ? "." : folder.c_str(), &status) != 0)
+        return std::nullopt;
+    return Owner{status.st_uid, status.st_gid};
+}
+
+void giveTo(const std::optional<Owner>& owner, int descriptor, const std::string& file) {
+    if (owner && fchown(descriptor, owner->user, owner->group) != 0)
+        throw StoreError(reason("give away", file));
+}
+
+void makeEmptyFile(const std::string& file, const std::optional<Owner>& owner) {
+    giveTo(owner, openedAnew(file).get(), file);
 }
 
 void flushFile(const std::string& file) {

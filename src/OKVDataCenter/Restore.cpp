@@ -83,14 +83,10 @@ Restored newestGood(const std::string& storeFile, const std::vector<Backup>& bac
 
 // An administrator's file would be closed to the account that the server runs under.
 void giveToOwner(const std::string& storeFile, const std::string& copy) {
-    if (geteuid() != 0) return;
-    struct stat status {};
-    const auto folder = storeFile.substr(0, storeFile.rfind('/') + 1);
-    if (stat(storeFile.c_str(), &status) != 0 &&
-        stat(folder.empty() ? "." : folder.c_str(), &status) != 0)
-        return;
+    const auto owner = ownerOf(storeFile);
+    if (!owner) return;
     for (const auto& file : {copy, storeFile + ".guard"}) {
-        if (lchown(file.c_str(), status.st_uid, status.st_gid) != 0)
+        if (lchown(file.c_str(), owner->user, owner->group) != 0)
             throw StoreError("cannot give " + file +
                              " to the store's owner: " + std::strerror(errno));
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DurableFile.h"
 #include "Limits.h"
 #include "Model.h"
 #include "Sql.h"
@@ -38,7 +39,8 @@ public:
 class Store {
 public:
     /// Opens the store, makes it when the file is missing or empty, and brings an older one up to
-    /// date. Its folder must exist. Throws StoreError, with the file untouched, when it is damaged,
+    /// date. What root makes belongs to the owner of the store that was there, else of its folder.
+    /// Its folder must exist. Throws StoreError, with the file untouched, when it is damaged,
     /// somebody else's, of a newer version, or open in another server.
     ///
     /// A store that was there before and is gone, or empty, counts as damaged.
@@ -164,6 +166,7 @@ private:
     std::string file_;
     Limits limits_;
     const bool mayBeFresh_;
+    const std::optional<Owner> owner_;  ///< of what is made, told before it is set aside
     std::unique_ptr<Guard> guard_;
     std::unique_ptr<Database> database_;
     std::string epoch_;

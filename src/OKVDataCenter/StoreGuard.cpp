@@ -1,5 +1,7 @@
 #include "StoreGuard.h"
 
+#include "DurableFile.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -13,9 +15,21 @@
 
 namespace datacenter {
 
-Store::Guard::Guard(const std::string& storeFile)
-    : file_(
-          ::open((storeFile + ".guard").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+namespace {
+
+// One that is there already is nobody's to give away.
+okv::PrivateDescriptor openGuard(const std::string& storeFile) {
+    const auto file = storeFile + ".guard";
+    constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
+    okv::PrivateDescriptor made(::open(file.c_str(), flags | O_EXCL, 0600));
+    if (!made.isValid()) return okv::PrivateDescriptor(::open(file.c_str(), flags, 0600));
+    giveTo(ownerOf(storeFile), made.get(), file);
+    return made;
+}
+
+}  // namespace
+
+Store::Guard::Guard(const std::string& storeFile) : file_(openGuard(storeFile)) {
     if (file_.get() < 0)
         throw StoreError("cannot open " + storeFile + ".guard: " + std::strerror(errno));
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0)

@@ -74,11 +74,12 @@ INSERT INTO meta VALUES('epoch', lower(hex(randomblob(16)))), ('revision', 0), (
 constexpr auto kSchemaVersion = static_cast<std::int64_t>(kSchemaSteps.size());
 
 // Made by ourselves, because the engine would make it readable for others.
-void makeFile(const std::string& file) {
-    const int made = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (made < 0 && errno != EEXIST)
+void makeFile(const std::string& file, const std::optional<Owner>& owner) {
+    const okv::PrivateDescriptor made(
+        ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (made.isValid()) return giveTo(owner, made.get(), file);
+    if (errno != EEXIST)
         throw StoreError("cannot make the store " + file + ": " + std::strerror(errno));
-    if (made >= 0) close(made);
 }
 
 // Throws StoreError when there is such a file and not all of it can be read.
@@ -110,6 +111,7 @@ Store::Store(std::string file, Limits limits, Damaged damaged)
     : file_(std::move(file)),
       limits_(limits),
       mayBeFresh_(damaged != Damaged::refuseFresh),
+      owner_(ownerOf(file_)),
       guard_(std::make_unique<Guard>(file_)) {
     try {
         openAndLookTwice();
@@ -138,7 +140,7 @@ void Store::openAndLookTwice() {
 void Store::openOrThrow() {
     try {
         refuseEmptied();
-        makeFile(file_);
+        makeFile(file_, owner_);  // the engine gives its log to the file's owner
         open();
     } catch (const SqlError& error) {
         if (error.isDamage())

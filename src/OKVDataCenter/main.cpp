@@ -4,6 +4,7 @@
 
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVLog/OKVLog.h>
+#include <OKVPlatform/process/StandardDescriptors.h>
 
 #include <unistd.h>
 
@@ -45,6 +46,7 @@ thread_local bool ranOutOfMemory = false;
 
 int main(int argumentCount, char* arguments[]) {
     using datacenter::Options;
+    if (!okv::keepStandardDescriptors()) return EXIT_FAILURE;
     std::set_new_handler(noteLackOfMemory);
     std::set_terminate(endUnexpectedly);
     const auto options = Options::parse(argumentCount, arguments);

@@ -1,7 +1,9 @@
 #include "Server.h"
 
+#include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/values/PropertyListScalars.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -33,32 +35,56 @@ const char* remedyFor(RefusalKind kind) {
 
 }  // namespace
 
+okv::Ref<okv::Connection> Server::tryOnce(std::string& why) {
+    auto found = okv::connectToName(kOKVDataServerName);
+    absent_ = found.error == ENOENT || found.error == ECONNREFUSED;
+    why = found.why;
+    if (!found.socket.isValid()) return nullptr;
+    why = "the system has no room to watch one more connection";
+    return okv::Connection::connectionWithSocket(std::move(found.socket), std::move(found.peer));
+}
+
+// One that is there is not to be started.
+void Server::throwNotFound(const std::string& why) const {
+    if (absent_)
+        fail(ExitCode::notRunning, {},
+             "the data server is not running: " + why + "; start OKVDataCenter");
+    fail(ExitCode::notRunning, {}, "the data server cannot be used: " + why);
+}
+
 // The folder that the server will appear in need not be there yet, so there is nothing to watch:
 // it is looked up again and again.
-okv::Ref<okv::Connection> Server::lookUp() const {
+okv::Ref<okv::Connection> Server::lookUp() {
     using std::chrono::steady_clock;
     const auto start = steady_clock::now();
     for (;;) {
         std::string why;
-        auto connection =
-            okv::Connection::connectionWithRegisteredName(kOKVDataServerName, std::nullopt, &why);
-        if (connection) return connection;
+        if (auto connection = tryOnce(why)) return connection;
         const std::chrono::duration<double> waited = steady_clock::now() - start;
-        if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_))
-            fail(ExitCode::notRunning, {},
-                 "the data server is not running: " + why + "; start OKVDataCenter");
+        if (!wait_ || (timeout_ > 0 && waited.count() >= timeout_)) throwNotFound(why);
         std::this_thread::sleep_for(kLookUpAgain);
     }
 }
 
 okv::RemoteObject& Server::root() {
     if (root_) return *root_;
-    connection_ = lookUp();
-    connection_->setRequestTimeout(timeout_);
-    connection_->setReplyTimeout(timeout_);
-    root_ = connection_->rootProxy();
-    if (!root_) fail(ExitCode::failure, {}, "the data server vends no root object");
+    auto connection = lookUp();
+    connection->setRequestTimeout(timeout_);
+    connection->setReplyTimeout(timeout_);
+    auto root = connection->rootProxy();
+    if (!root) fail(ExitCode::failure, {}, "the data server vends no root object");
+    connection_ = std::move(connection);
+    root_ = std::move(root);
     return *root_;
+}
+
+// The server's greeting is waited for, too, and may stay away.
+void Server::connect() {
+    try {
+        root();
+    } catch (const okv::ConnectionError& error) {
+        throwFailure({}, error);
+    }
 }
 
 void Server::disconnect() {
@@ -82,7 +108,7 @@ void Server::throwFailure(std::string_view subject, const okv::ConnectionError& 
                      " s; a change may still be carried out (--timeout gives more time)");
         case ErrorKind::notSent:
         case ErrorKind::refusedPeer:
-            fail(ExitCode::notRunning, subject, "the data server is not running: " + what);
+            fail(ExitCode::notRunning, subject, "the data server cannot be used: " + what);
         case ErrorKind::outcomeUnknown:
             fail(ExitCode::failure, subject,
                  "the data server went away before it answered, a change may have been made: " +

@@ -44,16 +44,20 @@ public:
     }
 
     /// Looks the server up, unless it is connected already. Throws ToolError.
-    void connect() { root(); }
+    void connect();
     /// Who serves; none without a connection.
     const okv::PeerIdentity* peer() const { return connection_ ? &connection_->peer() : nullptr; }
+    /// Whether the last look-up met nobody: no runtime folder, no socket, or none that listens.
+    bool isAbsent() const noexcept { return absent_; }
     bool isConnected() const { return connection_ && connection_->isValid(); }
     /// Forgets the connection; the next question makes a new one.
     void disconnect();
 
 private:
     okv::RemoteObject& root();
-    okv::Ref<okv::Connection> lookUp() const;
+    okv::Ref<okv::Connection> lookUp();
+    okv::Ref<okv::Connection> tryOnce(std::string& why);
+    [[noreturn]] void throwNotFound(const std::string& why) const;
     [[noreturn]] static void throwRefusal(std::string_view subject, const okv::Refusal& refusal);
     [[noreturn]] void throwFailure(std::string_view subject, const okv::ConnectionError& error);
     [[noreturn]] static void throwTooLarge(std::string_view subject);
@@ -61,6 +65,7 @@ private:
 
     double timeout_;
     bool wait_;
+    bool absent_ = false;
     okv::Ref<okv::Connection> connection_;
     okv::Ref<okv::RemoteObject> root_;
 };

@@ -1,9 +1,12 @@
 #include "Tool.h"
 
+#include <OKVPlatform/process/StandardDescriptors.h>
+
 #include <cstdio>
 #include <exception>
 
 int main(int argc, char** argv) {
+    if (!okv::keepStandardDescriptors()) return 1;
     try {
         const auto count = argc > 1 ? static_cast<std::size_t>(argc - 1) : 0;
         return okvctl::runTool({argv + 1, count});

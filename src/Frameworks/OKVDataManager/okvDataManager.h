@@ -239,9 +239,9 @@ public:
 /// seeds the session user with the server's current user. After `disConnectSrv`, which the data
 /// server sends too, it stays unconnected until a client sends `connectSrv` itself.
 ///
-/// Without a connection every operation answers its zero value (NO, 0, nil), sends nothing, and
-/// does not try to connect. A connection that is held but dead throws okv::ConnectionError, as
-/// every failed call does; nothing is caught here.
+/// Without a connection every operation answers its zero value (NO, 0, nil; the service endpoints
+/// their defaults), sends nothing, and does not try to connect. A connection that is held but dead
+/// throws okv::ConnectionError, as every failed call does; nothing is caught here.
 ///
 /// Threads. The two class operations hold one monitor, also while they sleep. Instance operations
 /// take no lock and may be called from any thread. `disConnectSrv` of the server is served by the

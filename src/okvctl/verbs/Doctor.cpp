@@ -82,16 +82,23 @@ Finding process(Examination& examination) {
             {}};
 }
 
+std::string remedyFor(const Examination& examination) {
+    if (examination.code == ExitCode::timeout)
+        return "it hangs or was stopped: look into its log; restart it";
+    if (!examination.server.isAbsent())
+        return "let root, the service's account or your own serve, in a folder that you may enter, "
+               "and close connections that are too many";
+    if (examination.processes.empty()) return "start OKVDataCenter";
+    return "process " + joined(examination.processes) +
+           " serves another folder or hangs: compare its --runtime-dir";
+}
+
 Finding registeredName(Examination& examination) {
     try {
         examination.server.connect();
     } catch (const ToolError& error) {
         examination.code = error.code();
-        const bool elsewhere = !examination.processes.empty();
-        return {"registered name", Health::bad, error.what(),
-                elsewhere ? "process " + joined(examination.processes) +
-                                " serves another folder or hangs: compare its --runtime-dir"
-                          : "start OKVDataCenter"};
+        return {"registered name", Health::bad, error.what(), remedyFor(examination)};
     }
     return {"registered name",
             Health::good,
@@ -104,6 +111,7 @@ bool isAdministrator(const okv::PeerIdentity& server) {
     if (geteuid() == 0 || geteuid() == server.uid) return true;
     const auto* const group = getgrnam(kAdministrators);
     if (group == nullptr) return false;
+    if (getegid() == group->gr_gid) return true;
     std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
     const auto count = getgroups(static_cast<int>(groups.size()), groups.data());
     groups.resize(static_cast<std::size_t>(std::max(count, 0)));
@@ -207,9 +215,9 @@ const Verb kDoctor{
     "look for what is wrong, and say what to do",
     "A line each, with what was found and what helps: the runtime folder, the data server as a\n"
     "process and by its registered name, its store, the caller's rights, the log level in force,\n"
-    "versions. It ends with 8 where the data server is not running, 1 where something else is\n"
-    "bad. With --json {\"healthy\", \"checks\": [{\"check\", \"result\", \"found\", "
-    "\"remedy\"}]}.\n",
+    "versions. It ends with 8 where the data server is not running or cannot be used, 3 where it\n"
+    "does not answer, 1 where something else is bad. With --json {\"healthy\", \"checks\":\n"
+    "[{\"check\", \"result\", \"found\", \"remedy\"}]}.\n",
     kNoOptions,
     runDoctor,
 };

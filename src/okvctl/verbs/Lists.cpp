@@ -53,6 +53,7 @@ std::string subjectFor(const Family& list, std::int32_t user) {
 ExitCode getList(Call& call) {
     expectOperands(call, 2, 2, "FAMILY");
     expectFormats(call, kValueFormats);
+    if (call.line.type) throwUsage("get takes no --type");
     const auto& list = familyNamed(call.operands()[1]);
     const auto user = neededUser(call);
     const auto value = list.read(call, subjectFor(list, user), user);

@@ -269,6 +269,31 @@ TEST_F(AStoreWithBackups, BelongsToItsOwnerStillWhenTheAdministratorRestoresIt) 
     }
 }
 
+TEST_F(AStoreWithBackups, BelongsToItsOwnerStillWhenTheAdministratorBeginsAfresh) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+    constexpr uid_t kOwner = 12345;
+    ASSERT_EQ(chown(server.storeFile().c_str(), kOwner, kOwner), 0);
+    write(server.storeFile(), "damaged");
+    for (const char* end : {".guard", "-wal", "-shm"})
+        std::filesystem::remove(server.storeFile() + end);
+    std::filesystem::remove_all(backupFolder(server));
+    ASSERT_TRUE(server.start({"--begin-afresh"}));
+    ASSERT_TRUE(awaitBackups(*connect(), 1));
+    ASSERT_TRUE(set(*connect(), kKey, "first of it"));
+    server.signal(SIGKILL);  // so that the log stays, too
+    server.wait();
+    auto made = filesOf(server.file(""), "store.db");
+    const auto backups = backupsOf(server);
+    made.insert(made.end(), backups.begin(), backups.end());
+    EXPECT_THAT(made, SizeIs(7)) << "log, index, guard, folder, backup, both stores";
+    for (const auto& file : made) {
+        struct stat status {};
+        ASSERT_EQ(stat(file.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, kOwner) << file;
+        EXPECT_EQ(status.st_gid, kOwner) << file;
+    }
+}
+
 TEST(AStoreWithoutBackups, IsLeftAsItIsByARestore) {
     ServerProcess server;
     ASSERT_TRUE(server.start({"--backup-interval", "0"}));

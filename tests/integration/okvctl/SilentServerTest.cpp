@@ -1,6 +1,10 @@
 #include "ToolRun.h"
 
+#include "support/Processes.h"
+
 #include <OKVDataManager/okvDataManager.h>
+
+#include <OKVPlatform/ipc/RegisteredName.h>
 
 #include <OKVTesting/FakeDataServer.h>
 #include <OKVTesting/RuntimeFolder.h>
@@ -9,8 +13,15 @@
 #include <JsonForm.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace okvctl_test::silent_server {
@@ -57,6 +68,96 @@ TEST(SilentServer, EndsAfterTheTimeoutWith3) {
     // While there is somebody to answer that they were given up.
     service.on([&](okv::Publication&) { silence.kept.clear(); });
     service.on([](okv::Publication&) {});
+}
+
+namespace {
+
+/// Holds the data server's name, where everybody is connected and nobody greeted: a stopped one.
+struct Stopped {
+    std::string why;
+    std::unique_ptr<okv::PublishedName> name =
+        okv::PublishedName::publish(kOKVDataServerName, {}, why);
+};
+
+}  // namespace
+
+TEST(StoppedServer, EndsEveryVerbAfterTheTimeoutWith3) {
+    const RuntimeFolder folder;
+    const Stopped server;
+    ASSERT_TRUE(server.name) << server.why;
+    using Words = std::vector<std::string>;
+    for (auto arguments : {Words{"ping"}, Words{"ping", "--wait"}, Words{"get", "a"},
+                           Words{"import", "-"}, Words{"import", "--dry-run", "-"}}) {
+        const auto verb = arguments[0];
+        arguments.insert(arguments.end(), {"--timeout", "0.1"});
+        const auto ran = run(arguments, R"({"format": 1, "users": {}})");
+        EXPECT_EQ(ran.code, 3) << verb;
+        EXPECT_EQ(ran.out, "") << verb;
+        EXPECT_THAT(ran.error, testing::StartsWith("okvctl: " + verb + ": ")) << verb;
+        EXPECT_THAT(ran.error, HasSubstr("no answer within 0.1 s")) << verb;
+    }
+}
+
+TEST(StoppedServer, IsWhatDoctorFinds) {
+    const RuntimeFolder folder;
+    const Stopped server;
+    ASSERT_TRUE(server.name) << server.why;
+    const auto ran = run({"--timeout", "0.1", "--json", "doctor"});
+    EXPECT_EQ(ran.code, 3);
+    EXPECT_EQ(ran.error, "");
+    const auto checks = nlohmann::json::parse(ran.out)["checks"];
+    ASSERT_EQ(checks.size(), 7U);
+    EXPECT_EQ(checks[2]["check"], "registered name");
+    EXPECT_EQ(checks[2]["result"], "bad");
+    EXPECT_THAT(checks[2]["found"].get<std::string>(), HasSubstr("no answer within 0.1 s"));
+    EXPECT_THAT(run({"--timeout", "0.1", "doctor"}).out, HasSubstr("no answer within 0.1 s"));
+}
+
+TEST(FullServer, IsWhatDoctorFinds) {
+    const RuntimeFolder folder;
+    okv::PublicationOptions options;
+    options.maxConnections = 0;
+    const ServiceThread service(kOKVDataServerName, {}, options);
+    const auto ran = run({"--json", "doctor"});
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_EQ(ran.error, "");
+    const auto checks = nlohmann::json::parse(ran.out)["checks"];
+    EXPECT_EQ(checks[2]["result"], "bad");
+    EXPECT_EQ(checks[2]["found"], "the data server cannot be used: too many connections: 0");
+    EXPECT_THAT(checks[2]["remedy"].get<std::string>(), HasSubstr("too many"));
+}
+
+TEST(StrangersServer, IsNotSaidToBeMissing) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be another account";
+    constexpr uid_t kStranger = 65533;
+    const RuntimeFolder folder;
+    ASSERT_EQ(chown(folder.path().c_str(), kStranger, kStranger), 0);
+    const support::Child server([](const auto& ready) {
+        if (!support::becomeAccount(kStranger)) return;
+        const Stopped published;
+        if (published.name) ready();
+        for (;;) pause();
+    });
+    ASSERT_TRUE(server.isReady());
+    const auto ran = run({"get", "a"});
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_EQ(ran.error,
+              "okvctl: get: the data server cannot be used: served by uid 65533, "
+              "which is not trusted\n");
+    const auto examined = run({"doctor"});
+    EXPECT_EQ(examined.code, 8);
+    EXPECT_THAT(examined.out, testing::Not(HasSubstr("start OKVDataCenter")));
+    EXPECT_THAT(examined.out, testing::Not(HasSubstr("another folder")));
+}
+
+TEST(ClosedFolder, IsNotSaidToHaveNoServer) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be another account";
+    const RuntimeFolder folder;
+    std::filesystem::permissions(folder.path(), std::filesystem::perms(0700));
+    const auto ran = run({"get", "a"}, {}, 65533);
+    EXPECT_EQ(ran.code, 8);
+    EXPECT_THAT(ran.error, HasSubstr("get: the data server cannot be used: "));
+    EXPECT_THAT(ran.error, testing::EndsWith("Permission denied\n"));
 }
 
 TEST(OddServer, ThatHangsUpIsAFailureOfUnknownOutcome) {

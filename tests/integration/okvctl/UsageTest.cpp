@@ -65,6 +65,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{"users", "remove", "0"}, "from 1 on"}, Row{{"lists"}, "get or set is missing"},
         Row{{"lists", "get", "hammer", "--user", "1"}, "only user_setting"},
         Row{{"lists", "get", "hammer_list"}, "--user APPUID"},
+        Row{{"lists", "get", "hammer_list", "--user", "1", "--type", "int"}, "no --type"},
         Row{{"procs"}, "white, black, kill or system is missing"},
         Row{{"procs", "green"}, "no list 'green'"},
         Row{{"procs", "kill", "ad", "x=y"}, "neither add nor remove"},

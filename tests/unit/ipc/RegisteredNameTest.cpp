@@ -55,6 +55,10 @@ protected:
     }
     fs::path socketPath() const { return folder_.path() / kName; }
     fs::path lockPath() const { return folder_.path() / (std::string(kName) + ".lock"); }
+    /// There is no folder, no socket, or nobody who listens.
+    static bool isAbsent(const okv::ConnectedSocket& reached) {
+        return reached.error == ENOENT || reached.error == ECONNREFUSED;
+    }
     static bool isReachable(std::string_view name = kName) {
         return connectToName(name).socket.isValid();
     }
@@ -230,6 +234,17 @@ TEST_F(RegisteredNameTest, WithoutAFolderThereIsNoNameAndAReason) {
     EXPECT_FALSE(publish());
     EXPECT_TRUE(mentions("runtime folder")) << why_;
     EXPECT_NE(connectToName(kName).why.find("runtime folder"), std::string::npos);
+    EXPECT_TRUE(isAbsent(connectToName(kName)));
+}
+
+TEST_F(RegisteredNameTest, NobodyIsThereWithoutASocketOrOneThatListens) {
+    EXPECT_TRUE(isAbsent(connectToName(kName)));
+    auto name = publish();
+    EXPECT_FALSE(isAbsent(connectToName(kName)));
+    fs::create_hard_link(socketPath(), folder_.path() / "kept");
+    name = nullptr;
+    fs::rename(folder_.path() / "kept", socketPath());
+    EXPECT_TRUE(isAbsent(connectToName(kName)));
 }
 
 TEST_F(RegisteredNameTest, AnEmptyOverrideMeansTheBuiltInFolder) {
@@ -295,6 +310,7 @@ TEST_F(RegisteredNameTest, AFullBacklogCountsAsNoServer) {
         held.push_back(connectToName(kName));
     EXPECT_FALSE(held.back().socket.isValid()) << "and did not wait";
     EXPECT_FALSE(held.back().refusedPeer);
+    EXPECT_FALSE(isAbsent(held.back())) << "though somebody is there";
 }
 
 TEST_F(RegisteredNameAsRoot, AFolderOfAForeignOwnerIsRefused) {
@@ -318,6 +334,7 @@ TEST_F(RegisteredNameAsRoot, AServerIsTrustedWhenItIsRootOrTheClientsOwnAccount)
     const auto refused = connectToName(kName);
     EXPECT_FALSE(refused.socket.isValid());
     EXPECT_TRUE(refused.refusedPeer);
+    EXPECT_FALSE(isAbsent(refused));
     EXPECT_EQ(refused.why, "served by uid 23401, which is not trusted");
 }
 
