@@ -49,6 +49,7 @@ public:
     virtual ~Stranger() = default;
     virtual Value unheardOf() = 0;
     virtual Value echo(std::int32_t value) = 0;
+    virtual Value tooMuch() = 0;
 };
 
 }  // namespace connection_test
@@ -71,7 +72,8 @@ inline constexpr auto okv::protocol<connection_test::Desk> =
 template <>
 inline constexpr auto okv::protocol<connection_test::Stranger> =
     okv::protocolTable(okv::row<&connection_test::Stranger::unheardOf>("unheardOf"),
-                       okv::row<&connection_test::Stranger::echo>("echo:"));
+                       okv::row<&connection_test::Stranger::echo>("echo:"),
+                       okv::row<&connection_test::Stranger::tooMuch>("tooMuch"));
 
 namespace connection_test {
 
@@ -101,9 +103,11 @@ public:
         return false;
     }
 
-    // Keeps what asks for silence, and dispatches the rest.
+    // Keeps what asks for silence, answers what asks for too much with two results, and dispatches
+    // the rest.
     static void handle(void* target, okv::IncomingRequest& request) {
         auto& desk = *static_cast<DeskObject*>(target);
+        if (request.selector() == "tooMuch") return answerTwice(request);
         if (request.selector() != "keepSilent") return okv::dispatch<Desk>(desk, request);
         desk.kept_ = okv::Ref<okv::IncomingRequest>::retaining(&request);
         desk.silenceKept.set_value();
@@ -113,6 +117,16 @@ public:
     std::promise<void> silenceKept;
 
 private:
+    static void answerTwice(okv::IncomingRequest& request) {
+        std::string frame;
+        okv::beginFrame(frame, okv::FrameKind::reply);
+        okv::CborWriter out(frame);
+        out.text("one");
+        out.text("two");
+        okv::finishFrame(frame, 0, 0);
+        request.answer(std::move(frame));
+    }
+
     okv::Ref<okv::RemoteObject> bell_;
     okv::Ref<okv::IncomingRequest> kept_;
 };

@@ -71,6 +71,14 @@ TEST_F(ConnectionTest, OtherArgumentTypesFailThatCallOnly) {
     EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
 }
 
+TEST_F(ConnectionTest, BytesBehindAResultFailThatCallOnly) {
+    EXPECT_EQ(failureOf([&] { okv::send<&Stranger::tooMuch>(*root_); }),
+              ConnectionError::Kind::badData);
+    EXPECT_EQ(failureOf([&] { okv::sendForAnswer<&Stranger::tooMuch>(*root_); }),
+              ConnectionError::Kind::badData);
+    EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
+}
+
 TEST_F(ConnectionTest, ARefusalTravelsBesideTheZeroValue) {
     EXPECT_FALSE(okv::send<&Desk::refused>(*root_));
     const auto answer = okv::sendForAnswer<&Desk::refused>(*root_);

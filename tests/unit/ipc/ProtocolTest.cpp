@@ -235,6 +235,19 @@ TEST_F(ProtocolTest, ARefusalStandsBehindTheResult) {
     EXPECT_EQ(okv::Invocation::current(), nullptr);
 }
 
+TEST_F(ProtocolTest, WhatStandsBehindAResultIsARefusalAsItIsToldOrNothing) {
+    const auto refusalOf = [](const std::string& bytes) {
+        okv::CborReader reader(bytes);
+        return okv::readRefusal(reader);
+    };
+    EXPECT_EQ(refusalOf("\x01\x61x")->kind, okv::Refusal::Kind::notAllowed);
+    EXPECT_EQ(refusalOf("\x06\x61x")->kind, okv::Refusal::Kind::failed);
+    for (const std::string& bytes :
+         {std::string("\x00\x61x", 3), std::string("\x07\x61x"), std::string("\x20\x61x"),
+          std::string("\x19\x01\x01\x61x"), std::string("\x01"), std::string("\x01\x61x\xF6")})
+        EXPECT_THROW(refusalOf(bytes), okv::CborError) << testing::PrintToString(bytes);
+}
+
 TEST_F(ProtocolTest, AReplyWithoutARefusalHasNone) {
     const auto reply = dispatched(payloadOf("count", "", nothing));
     okv::CborReader reader(reply.payload);

@@ -64,8 +64,15 @@ TEST_F(PublicationTest, WhatIsNoProtocolEndsThatConnectionWithAReason) {
     std::string secondVersion;
     okv::beginFrame(secondVersion, FrameKind::hello);
     okv::CborWriter(secondVersion).integer(okv::kWireVersion + 1);
+    okv::CborWriter(secondVersion).text("whatever it may hold");
     okv::finishFrame(secondVersion, 0, 0);
+    std::string longHello;
+    okv::beginFrame(longHello, FrameKind::hello);
+    okv::CborWriter(longHello).integer(okv::kWireVersion);
+    okv::CborWriter(longHello).boolean(true);
+    okv::finishFrame(longHello, 0, 0);
     const std::vector<std::pair<std::string, std::string>> cases{
+        {longHello, "bytes are left over at byte 1"},
         {strangeKind, "a frame of unknown kind 99"},
         {secondVersion, "this server speaks version 1 of the wire"},
         {RawClient::request(1, "echo", 1), "greet first"},

@@ -160,10 +160,9 @@ void Connection::conclude(PendingCall& pending, Written written) {
         case PendingCall::State::notUnderstood:
             break;
     }
-    CborReader reader(pending.payload);
     try {
         throw ConnectionError(Kind::notUnderstood,
-                              "the peer does not understand: " + std::string(reader.text()));
+                              "the peer does not understand: " + readReason(pending.payload));
     } catch (const CborError& error) {
         throw ConnectionError(Kind::badData, error.what());
     }

@@ -99,7 +99,7 @@ void Connection::takeFrames() {
 
 void Connection::takeFrame(const Frame& frame) {
     if (frame.kind == FrameKind::farewell) {
-        farewell_ = CborReader(frame.payload).text();
+        farewell_ = readReason(frame.payload);
     } else if (frame.kind == FrameKind::hello) {
         takeHello(frame);
     } else if (!greeted_) {
@@ -116,7 +116,9 @@ void Connection::takeHello(const Frame& frame) {
     const auto version = reader.integer();
     if (version != kWireVersion)
         throw FrameError("a peer that speaks version " + std::to_string(version) + " of the wire");
-    hasRoot_ = reader.boolean();
+    const bool hasRoot = reader.boolean();
+    reader.expectEnd();
+    hasRoot_ = hasRoot;
     greeted_ = true;
     for (auto* waiting : pending_) {
         if (waiting->serial != 0) continue;

@@ -28,6 +28,11 @@ Exports& exports() {
     return *only;
 }
 
+bool isKindOfRefusal(std::int64_t kind) noexcept {
+    return kind >= static_cast<std::int64_t>(Refusal::Kind::notAllowed) &&
+           kind <= static_cast<std::int64_t>(Refusal::Kind::failed);
+}
+
 class Copy final : public ReplyReader {
 public:
     void read(std::string_view payload) override { bytes = payload; }
@@ -155,6 +160,13 @@ std::string encodeHello() {
     return frame;
 }
 
+std::string readReason(std::string_view payload) {
+    CborReader reader(payload);
+    std::string why(reader.text());
+    reader.expectEnd();
+    return why;
+}
+
 std::string encodeFailure(std::uint32_t serial, std::string_view why) {
     std::string frame;
     beginFrame(frame, FrameKind::failure);
@@ -180,8 +192,12 @@ void throwBadReply(std::string_view selector, const CborError& error) {
 
 std::optional<Refusal> readRefusal(CborReader& reader) {
     if (reader.atEnd()) return std::nullopt;
+    const auto start = reader.offset();
     const auto kind = reader.integer();
-    return Refusal{static_cast<Refusal::Kind>(kind), std::string(reader.text())};
+    if (!isKindOfRefusal(kind)) throw CborError("a refusal of unknown kind", start);
+    Refusal refusal{static_cast<Refusal::Kind>(kind), std::string(reader.text())};
+    reader.expectEnd();
+    return refusal;
 }
 
 void appendRefusal(std::string& frame, const std::optional<Refusal>& refusal) {

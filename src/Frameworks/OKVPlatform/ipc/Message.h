@@ -221,9 +221,12 @@ OKV_EXPORT void beginRequest(std::string& frame, std::uint64_t object,
 OKV_EXPORT void finishRequest(std::string& frame);
 /// The frame that a client greets with.
 OKV_EXPORT std::string encodeHello();
+/// What the only item of a failure or a farewell says. Throws CborError for what is neither.
+OKV_EXPORT std::string readReason(std::string_view payload);
 /// A frame that tells why the request of this serial number was not understood.
 OKV_EXPORT std::string encodeFailure(std::uint32_t serial, std::string_view why);
-/// Reads what stands behind a reply's result; none when nothing does. Throws CborError.
+/// Reads what stands behind a reply's result; none when nothing does. Throws CborError, also for a
+/// kind that there is not and for bytes that are left over.
 OKV_EXPORT std::optional<Refusal> readRefusal(CborReader& reader);
 /// Appends a refusal behind a reply's result; nothing for none.
 OKV_EXPORT void appendRefusal(std::string& frame, const std::optional<Refusal>& refusal);

@@ -194,6 +194,8 @@ public:
     void read(std::string_view payload) override {
         CborReader reader(payload);
         how_(reader);
+        // Who does not ask for the refusal does not see it, but takes nothing else in its place.
+        if (!reader.atEnd()) readRefusal(reader);
     }
 
 private:

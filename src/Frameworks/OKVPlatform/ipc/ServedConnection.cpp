@@ -166,7 +166,10 @@ void ServedConnection::takeFrame(const Frame& frame) {
 }
 
 void ServedConnection::takeHello(const Frame& frame) {
-    const auto version = CborReader(frame.payload).integer();
+    CborReader reader(frame.payload);
+    const auto version = reader.integer();
+    // What stands behind its version is that version's matter.
+    if (version == kWireVersion) reader.expectEnd();
     sendNow(encodeServerHello(publication_->root_.handler != nullptr));
     if (version != kWireVersion)
         return end("this server speaks version " + std::to_string(kWireVersion) + " of the wire");

@@ -335,6 +335,10 @@ std::size_t CborReader::arrayHeader() {
     return head.number;
 }
 
+void CborReader::expectEnd() const {
+    if (!atEnd()) throw CborError("bytes are left over", offset_);
+}
+
 std::string encodeCbor(const Value& value) {
     std::string bytes;
     if (const auto* text = value.getIf<std::string>()) bytes.reserve(text->size() + kHeadSize);
@@ -345,7 +349,7 @@ std::string encodeCbor(const Value& value) {
 Value decodeCbor(std::string_view bytes) {
     CborReader reader(bytes);
     auto value = reader.value();
-    if (!reader.atEnd()) throw CborError("bytes are left over", reader.offset());
+    reader.expectEnd();
     return value;
 }
 

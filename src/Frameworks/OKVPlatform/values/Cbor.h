@@ -85,6 +85,8 @@ public:
     bool atEnd() const noexcept { return offset_ == bytes_.size(); }
     /// Where the next item begins, in bytes from the beginning.
     std::size_t offset() const noexcept { return offset_; }
+    /// Throws CborError when bytes are left over.
+    void expectEnd() const;
 
     /// The next item as a value, with all that it contains.
     Value value();
