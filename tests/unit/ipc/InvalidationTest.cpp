@@ -63,6 +63,16 @@ TEST_F(Invalidation, DropsARequestThatTheRunLoopIsJustReceiving) {
     expectNothingServedAndOneDeath();
 }
 
+TEST_F(Invalidation, AfterThePeerHungUpDropsWhatItHadAskedBefore) {
+    EXPECT_EQ(failureOf([&] { okv::send<&Desk::ringAndHangUp>(*root_); }),
+              ConnectionError::Kind::outcomeUnknown);
+    EXPECT_EQ(mourner_->deaths, 0)
+        << "the request waits for the run loop, and the notice behind it";
+    connection_->invalidate();
+    EXPECT_EQ(mourner_->deaths, 1);
+    expectNothingServedAndOneDeath();
+}
+
 TEST_F(Invalidation, OfWhoServesARequestDropsThoseBehindIt) {
     bell_->onRing = [&] { connection_->invalidate(); };
     okv::send<&Desk::ringBell>(*root_);

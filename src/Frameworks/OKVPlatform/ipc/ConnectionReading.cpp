@@ -167,6 +167,7 @@ void Connection::queue(const Frame& frame) {
 // The one place where a connection ends. Lock held; the caller posts the notice once it has given
 // the lock back.
 void Connection::end(Kind kind, std::string why, bool byPeer) {
+    if (!byPeer) queue_.clear();  // also what the peer had asked before it hung up
     if (reason_) return;
     reason_ = End{kind, std::move(why)};
     ended_.store(true, std::memory_order_release);
@@ -177,7 +178,6 @@ void Connection::end(Kind kind, std::string why, bool byPeer) {
         waiting->wake();
     }
     pending_.clear();
-    if (!byPeer) queue_.clear();
     noticeOwed_ = true;
 }
 
