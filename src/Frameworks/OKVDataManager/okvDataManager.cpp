@@ -34,6 +34,12 @@ okv::Ref<okvDataManager>& sharedInstance() {
     return shared;
 }
 
+// Clears the field where what it holds came from this connection; none of another's.
+void dropProxyOf(const okv::Connection& connection, okv::AtomicRef<okv::RemoteObject>& field) {
+    const auto proxy = field.load();
+    if (proxy && &proxy->port() == &connection) field.clearIf(proxy.get());
+}
+
 template <class Create>
 okv::Ref<okvDataManager> sharedOrCreated(Create create) {
     const std::lock_guard lock(classMonitor());
@@ -158,7 +164,9 @@ void okvDataManager::disConnectSrv() {
     if (!_connectSrv) return;
     // Released, not invalidated; the observer of its death stays, too.
     _proxySrv.store(nullptr);
-    _connectSrv.store(nullptr);
+    const auto released = _connectSrv.exchange(nullptr);
+    // Another thread may have been connecting, and have set its proxy in between.
+    if (released) dropProxyOf(*released, _proxySrv);
 }
 
 bool okvDataManager::reconnectSrv() {
@@ -180,8 +188,7 @@ void okvDataManager::removeInvalidServerConnection(const okv::LocalNotification&
     const auto connection = _connectSrv.load();
     if (!connection || connection->isValid()) return;
     // Another thread may have connected anew meanwhile: only what was found dead is cleared.
-    const auto proxy = _proxySrv.load();
-    if (proxy && &proxy->port() == connection.get()) _proxySrv.clearIf(proxy.get());
+    dropProxyOf(*connection, _proxySrv);
     _connectSrv.clearIf(connection.get());
 }
 

@@ -21,6 +21,24 @@ using testing::IsEmpty;
 
 using LossTest = ConnectedTest;
 
+/// Does something when the last reference to it goes.
+class LastWish final : public okv::MessagePort {
+public:
+    explicit LastWish(std::function<void()> wish) : wish_(std::move(wish)) {}
+    void callAndRead(std::string&, okv::ReplyReader&) override {}
+    void post(std::string) override {}
+    void sendAnswer(std::string) override {}
+    const okv::PeerIdentity& peer() const noexcept override { return peer_; }
+    void lend(std::uint64_t) override {}
+
+protected:
+    void dealloc() override { wish_(); }
+
+private:
+    const std::function<void()> wish_;
+    const okv::PeerIdentity peer_{};
+};
+
 void postDeathOf(okv::Object* object) {
     okv::NotificationCenter::defaultCenter().post({okv::NSConnectionDidDieNotification, object});
 }
@@ -170,6 +188,20 @@ TEST_F(LossTest, DisconnectingLetsTheConnectionGoWithoutADeathNotice) {
     EXPECT_FALSE(Inspector::isReconnectPermitted(manager()));
     EXPECT_TRUE(connection->isValid()) << "released, not invalidated";
     EXPECT_EQ(Center::registrationsOf(manager()), 1U) << "still observing";
+}
+
+// The other thread's part is played by what is released between the two fields that are cleared.
+TEST_F(LossTest, DisconnectingWhileAnotherThreadConnectsLeavesNoProxyOfTheNewConnection) {
+    bool connected = false;
+    Inspector::setProxy(
+        manager(),
+        okv::make<okv::RemoteObject>(
+            okv::make<LastWish>([&] { connected = manager().connectSrv(); }), okv::kRootObject));
+    manager().disConnectSrv();
+    EXPECT_TRUE(connected);
+    EXPECT_FALSE(manager().isConnect());
+    EXPECT_EQ(Inspector::proxy(manager()), nullptr);
+    EXPECT_EQ(manager().currentUserId(), 0);
 }
 
 TEST_F(LossTest, DisconnectingTwiceLogsTwice) {

@@ -33,6 +33,9 @@ struct okvDataManagerInspector {
     static okv::Ref<okv::RemoteObject> proxy(const okvDataManager& manager) {
         return manager._proxySrv.load();
     }
+    static void setProxy(okvDataManager& manager, okv::Ref<okv::RemoteObject> proxy) {
+        manager._proxySrv.store(std::move(proxy));
+    }
     static bool hasSecondConnection(const okvDataManager& manager) {
         return static_cast<bool>(manager._connectOKVService);
     }
