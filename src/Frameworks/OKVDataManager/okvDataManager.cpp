@@ -10,6 +10,7 @@
 
 #include <unistd.h>
 
+#include <forward_list>
 #include <mutex>
 
 namespace {
@@ -22,10 +23,18 @@ constexpr char kServerBundleName[] = "OKVDataCenter";
 constexpr char kServerBundleIdentifier[] = "jp.nrm.okv6.OKVDataCenter";
 constexpr char kFilterOffKey[] = "dc-cmnset-common_filter_off";
 
-// The monitor of the class: it may be entered again by the thread that holds it.
+// The monitor of the class: it may be entered again by the thread that holds it. It is held for
+// seconds while somebody connects, and a fork does not wait for that: the child gets a new one.
+struct Monitor {
+    static void renew(void* self) { static_cast<Monitor*>(self)->mutexes.emplace_front(); }
+
+    std::forward_list<std::recursive_mutex> mutexes{1};  // behind the first: the parents'
+    okv::ForkGuard guard{this, {nullptr, nullptr, &renew}};
+};
+
 std::recursive_mutex& classMonitor() {
-    static auto& monitor = *new std::recursive_mutex;
-    return monitor;
+    static auto& monitor = *new Monitor;
+    return monitor.mutexes.front();
 }
 
 // The shared instance belongs to its class and is not destroyed at process exit.
@@ -77,6 +86,12 @@ okv::Ref<okvDataManager> okvDataManager::sharedDataManagerInit(okv::Object* obje
 // ---- Life and connection ----
 
 okvDataManager::okvDataManager() = default;
+
+void okvDataManager::freeInChild(void* self) {
+    auto& manager = *static_cast<okvDataManager*>(self);
+    manager._proxySrv.freeInChild();
+    manager._connectSrv.freeInChild();
+}
 
 okvDataManager* okvDataManager::init() {
     auto self = okv::Ref<okvDataManager>::adopting(

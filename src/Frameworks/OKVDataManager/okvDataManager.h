@@ -3,6 +3,7 @@
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Protocol.h>
 #include <OKVPlatform/values/AtomicRef.h>
@@ -245,7 +246,9 @@ public:
 ///
 /// Threads. The two class operations hold one monitor, also while they sleep. Instance operations
 /// take no lock and may be called from any thread. `disConnectSrv` of the server is served by the
-/// run loop of the thread that connected.
+/// run loop of the thread that connected. In a forked child the inherited connection is dead: the
+/// first `sharedDataManager` there discards the inherited instance, whatever other threads of the
+/// parent were doing, and the next one makes the child's own.
 class OKV_EXPORT okvDataManager final : public okv::Object, public OKVClientMng_protocol {
 public:
     // ---- The shared instance ----
@@ -475,6 +478,7 @@ protected:
 private:
     friend struct okvDataManagerInspector;  // the tests' view of the fields
 
+    static void freeInChild(void* self);
     okv::Ref<okv::Connection> lookUpServer();
     bool registerWith(okv::RemoteObject& proxy);
     std::int32_t refreshedSessionUser();
@@ -499,4 +503,5 @@ private:
     std::atomic<bool> _bReconFlg{false};
     std::atomic<std::int32_t> _nowSessionAppUid{0};
     okv::Object* _myObj = nullptr;  // kept for the client, read by nothing here, not retained
+    okv::ForkGuard _forkGuard{this, {nullptr, nullptr, &freeInChild}};
 };

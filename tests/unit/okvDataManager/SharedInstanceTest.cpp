@@ -298,6 +298,41 @@ TEST_F(SharedTest, AForkedChildDiscardsWhatItInheritedAndMakesItsOwn) {
     EXPECT_EQ(shared(), manager);
 }
 
+TEST_F(NobodyTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsConnecting) {
+    std::promise<void> connecting;
+    std::atomic<bool> told{false};
+    lines_.watch([&](std::string_view line) {
+        if (line == kConnectLine && !told.exchange(true)) connecting.set_value();
+    });
+    auto other = std::async(std::launch::async, [] { return shared(); });
+    connecting.get_future().wait();
+    EXPECT_TRUE(succeedsInAChild([] {
+        alarm(30);
+        EXPECT_EQ(shared(), nullptr);
+    }));
+    EXPECT_EQ(other.get(), nullptr);
+}
+
+TEST_F(SharedTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsCalling) {
+    const auto manager = shared();
+    ASSERT_TRUE(manager);
+    std::atomic<bool> stop{false};
+    std::thread caller([&] {
+        while (!stop) manager->proxyObj();
+    });
+    bool succeeded = true;
+    for (int i = 0; i < 100 && succeeded; ++i) {
+        succeeded = succeedsInAChild([&] {
+            alarm(30);
+            EXPECT_FALSE(manager->isValid());
+            EXPECT_TRUE(manager->proxyObj());
+        });
+    }
+    stop = true;
+    caller.join();
+    EXPECT_TRUE(succeeded);
+}
+
 TEST_F(SharedTest, AHeldConnectionWithoutAProxyIsKeptAsLongAsItIsAlive) {
     const auto manager = shared();
     server().stop();

@@ -1,3 +1,4 @@
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/Protocol.h>
 
 #include <mutex>
@@ -16,7 +17,7 @@ struct Exports {
         RequestHandler handler;
         void* target;
     };
-    std::mutex mutex;
+    ForkMutex mutex;
     std::uint64_t last = kRootObject;
     std::unordered_map<std::uint64_t, Entry> byNumber;
     std::unordered_map<const Object*, std::uint64_t> numbers;

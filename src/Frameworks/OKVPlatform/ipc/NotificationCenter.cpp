@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/NotificationCenter.h>
 
 #include <algorithm>
+#include <mutex>
 
 namespace okv {
 

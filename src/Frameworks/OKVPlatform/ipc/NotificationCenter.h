@@ -1,12 +1,12 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,7 +62,7 @@ private:
     std::vector<std::uint64_t> matching(const LocalNotification& notice);
     void deliver(std::uint64_t id, const LocalNotification& notice);
 
-    std::mutex mutex_;
+    ForkMutex mutex_;
     std::uint64_t lastId_ = 0;
     std::vector<Registration> registrations_;
 };

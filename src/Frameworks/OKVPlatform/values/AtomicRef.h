@@ -50,6 +50,10 @@ public:
         return true;
     }
 
+    /// Frees the field where another thread was reading or replacing it when this process was
+    /// forked. Only in the child, before it has threads of its own.
+    void freeInChild() noexcept { word_.fetch_and(~kLock, std::memory_order_relaxed); }
+
     /// Whether something is held at this moment.
     explicit operator bool() const noexcept {
         return (word_.load(std::memory_order_acquire) & ~kLock) != 0;
