@@ -242,7 +242,9 @@ public:
 ///
 /// Without a connection every operation answers its zero value (NO, 0, nil; the service endpoints
 /// their defaults), sends nothing, and does not try to connect. A connection that is held but dead
-/// throws okv::ConnectionError, as every failed call does; nothing is caught here.
+/// throws okv::ConnectionError, as every failed call does. Values that cannot be sent, because they
+/// are nested deeper than 64 or make a message of more than 16 MiB, throw std::length_error, and
+/// nothing is sent. Nothing is caught here.
 ///
 /// Threads. The two class operations hold one monitor, also while they sleep. Instance operations
 /// take no lock and may be called from any thread. `disConnectSrv` of the server is served by the

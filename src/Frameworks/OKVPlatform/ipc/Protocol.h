@@ -226,7 +226,9 @@ struct Answer {
 
 /// Sends the message and waits for its result; a refusal beside it is ignored, as the interface
 /// asks. Arguments are what the method takes, a text for an object, or `lend<P>(object)` for an
-/// object by reference. Throws ConnectionError. Any number of threads may send over one connection.
+/// object by reference. Throws ConnectionError, and std::length_error, with nothing sent, for a
+/// value that is nested too deep or makes a message of more than 16 MiB. Any number of threads may
+/// send over one connection.
 template <auto Method, class... Arguments>
 typename detail::MethodTraits<Method>::Result send(RemoteObject& remote,
                                                    const Arguments&... arguments) {
