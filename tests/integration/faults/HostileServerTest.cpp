@@ -186,7 +186,7 @@ std::vector<Line> hostileAnswers() {
         {"answers that nobody asked for",
          rest(reply(0, "\x61x") + reply(2, "\x61x") + reply(0xFFFFFFFF, "\x61x") + answer),
          {}},
-        {"another hello in between", rest(serverHello() + answer), {}},
+        {"another hello in between", rest(serverHello() + answer), Kind::badData},
         {"requests to objects that were not lent", rest(flood(1000) + answer), {}},
         {"a flood of requests", rest(flood(100000) + answer), Kind::badData},
         {"a flood of large requests",

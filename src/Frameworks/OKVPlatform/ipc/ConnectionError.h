@@ -16,9 +16,12 @@ public:
         outcomeUnknown,  ///< it was sent, the connection ended before the answer: it may have been
                          ///< carried out
         timedOut,        ///< no answer in the time that was set; it may still be carried out
-        refusedPeer,     ///< who serves the name is nobody this process trusts
-        badData,         ///< the peer's bytes are not the protocol's; the connection has ended
-        notUnderstood,   ///< the peer lives but does not know the request or its arguments' types
+        refusedPeer,     ///< who serves the name is nobody this process trusts. No call throws it:
+                      ///< such a peer is not connected to (`connectionWithRegisteredName` answers
+                      ///< null). For who looks up and calls in one, and reports both alike.
+        badData,  ///< the peer's bytes are not the protocol's. The connection has ended, unless
+                  ///< they were the answer to this call alone: `isValid` tells
+        notUnderstood,  ///< the peer lives but does not know the request or its arguments' types
     };
 
     /// `what`: the reason, for people.

@@ -112,6 +112,7 @@ void Connection::takeFrame(const Frame& frame) {
 }
 
 void Connection::takeHello(const Frame& frame) {
+    if (greeted_) throw FrameError("a peer that greets again");
     CborReader reader(frame.payload);
     const auto version = reader.integer();
     if (version != kWireVersion)
