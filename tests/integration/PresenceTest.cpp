@@ -139,6 +139,14 @@ TEST_F(Presence, OnlyNameAndIdentifierTogetherAreTheServer) {
     }));
 }
 
+TEST_F(Presence, OfTwoServersTheFirstEndsTheWalkAndOnlyOneLineTellsOfThem) {
+    EXPECT_TRUE(succeedsAmongOwnProcesses([] {
+        const Application first("OKVDataCenter", kServerIdentifier);
+        const Application second("OKVDataCenter", kServerIdentifier);
+        expectFound();
+    }));
+}
+
 TEST_F(Presence, ACheckThatFindsNoServerTakesTheLastAnswerBack) {
     EXPECT_TRUE(succeedsAmongOwnProcesses([] {
         const auto manager = okv::make<okvDataManager>();

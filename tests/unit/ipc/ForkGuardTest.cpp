@@ -66,9 +66,7 @@ TEST(ForkGuard, TakesItsStepsOnEitherSideAndNoneOnceItIsGone) {
     struct Steps {
         int before = 0, inParent = 0, inChild = 0;
     } taken;
-    auto fork = [&] {
-        return succeedsInAChild([&] { return taken.before == taken.inChild; });
-    };
+    auto fork = [&] { return succeedsInAChild([&] { return taken.before == taken.inChild; }); };
     {
         const okv::ForkGuard guard(&taken, {[](void* to) { ++static_cast<Steps*>(to)->before; },
                                             [](void* to) { ++static_cast<Steps*>(to)->inParent; },

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <thread>
 
 // What becomes of a connected data manager when its connection, or another one, ends.
@@ -38,6 +39,31 @@ private:
     const std::function<void()> wish_;
     const okv::PeerIdentity peer_{};
 };
+
+class DeathCounter final : public okv::Object {
+public:
+    DeathCounter() {
+        okv::NotificationCenter::defaultCenter().addObserver(*this, &DeathCounter::note,
+                                                             okv::NSConnectionDidDieNotification);
+    }
+    void note(const okv::LocalNotification&) { ++deaths; }
+    std::atomic<int> deaths{0};
+
+protected:
+    void dealloc() override {
+        okv::NotificationCenter::defaultCenter().removeObserver(
+            *this, okv::NSConnectionDidDieNotification);
+    }
+};
+
+// Every method's answer is YES.
+void answerYes(void*, okv::IncomingRequest& request) {
+    std::string frame;
+    okv::beginFrame(frame, okv::FrameKind::reply);
+    okv::CborWriter(frame).boolean(true);
+    okv::finishFrame(frame, 0, 0);
+    request.answer(std::move(frame));
+}
 
 void postDeathOf(okv::Object* object) {
     okv::NotificationCenter::defaultCenter().post({okv::NSConnectionDidDieNotification, object});
@@ -188,6 +214,27 @@ TEST_F(LossTest, DisconnectingLetsTheConnectionGoWithoutADeathNotice) {
     EXPECT_FALSE(Inspector::isReconnectPermitted(manager()));
     EXPECT_TRUE(connection->isValid()) << "released, not invalidated";
     EXPECT_EQ(Center::registrationsOf(manager()), 1U) << "still observing";
+}
+
+TEST_F(LossTest, DisconnectingHangsUpAtTheServerWithoutADeathNotice) {
+    server().stop();
+    std::promise<void> hungUp;
+    okv::testing::ServiceThread counting(
+        kOKVDataServerName, {&answerYes, nullptr, nullptr},
+        {.disconnected = [&](okv::MessagePort&) { hungUp.set_value(); }});
+    const auto clients = [&] {
+        std::size_t count = 0;
+        counting.on([&](okv::Publication& publication) { count = publication.connectionCount(); });
+        return count;
+    };
+    ASSERT_TRUE(manager().connectSrv());
+    EXPECT_EQ(clients(), 1U);
+    const auto counter = okv::make<DeathCounter>();
+    manager().disConnectSrv();
+    EXPECT_EQ(hungUp.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(clients(), 0U);
+    serveForAWhile();
+    EXPECT_EQ(counter->deaths, 0);
 }
 
 // The other thread's part is played by what is released between the two fields that are cleared.

@@ -11,6 +11,7 @@ namespace {
 
 using testing::ContainerEq;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 class FakeOperationServer final : public OperationServer {
 public:
@@ -33,6 +34,11 @@ private:
 
 std::string nameOf(const testing::TestParamInfo<Operation>& info) {
     return info.param.name;
+}
+
+// In the suite's log only a switch of the session user is told of, connected or not.
+std::size_t entriesOf(const Operation& operation) {
+    return operation.name == "updateSessionUserId" ? 1 : 0;
 }
 
 class OperationOfAConnectedOne : public ConnectedTest,
@@ -59,15 +65,19 @@ using AllOperations = ConnectedTest;
 
 TEST_P(OperationOfAConnectedOne, SendsItsMessagesAndAnswersItsResult) {
     FakeOperationServer fake(server());
+    LoggedEntries entries;
     runOperation(manager(), fake, GetParam());
     EXPECT_THAT(lines_.take(), IsEmpty()) << "no operation writes a line";
+    EXPECT_THAT(entries.take(), SizeIs(entriesOf(GetParam())));
 }
 
 TEST_P(OperationWithoutAProxy, AnswersItsZeroValueAndNeitherSendsNorConnects) {
     const auto manager = okv::make<okvDataManager>();
+    LoggedEntries entries;
     expectZeroOf(*manager);
     EXPECT_EQ(server().acceptedConnections(), 0U);
     EXPECT_THAT(lines_.take(), IsEmpty());
+    EXPECT_THAT(entries.take(), SizeIs(entriesOf(GetParam())));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, OperationOfAConnectedOne, testing::ValuesIn(allOperations()), nameOf);

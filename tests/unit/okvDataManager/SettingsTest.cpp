@@ -94,6 +94,26 @@ TEST_F(SettingsTest, AWriteUsesTheStaleUserAndTheNextReadMovesToTheDefaultUserFi
                                     writeOf(3)));
 }
 
+TEST_F(SettingsTest, AUserSwitchDuringTheRefreshIsTheOneThatIsReadFor) {
+    server().answerBy("useridAppListPT", [this](const ReceivedMessage&) {
+        manager().setNowSessionUserId(3);
+        return Array{3, 7};
+    });
+    const auto readAfterASwitch = [this](const std::function<void()>& read) {
+        manager().setNowSessionUserId(7);
+        sent();
+        read();
+        return sent();
+    };
+    EXPECT_THAT(readAfterASwitch([this] { manager().okvData("k"); }),
+                ElementsAre(userListMessage(), readOf(3)));
+    EXPECT_THAT(readAfterASwitch([this] { manager().okvDataAll(Array{"k"}); }),
+                ElementsAre(userListMessage(),
+                            ReceivedMessage{"okvDataAllPT:appUid:", "@i", {Array{"k"}, 3}}));
+    EXPECT_THAT(readAfterASwitch([this] { manager().okvCurrentHammerList(); }),
+                ElementsAre(userListMessage(), ReceivedMessage{"okvHammerListPT:", "@", {3}}));
+}
+
 TEST_F(SettingsTest, ACollectionIsWrittenForTheStaleUserToo) {
     server().answer("useridAppListPT", Array{3});
     manager().setOKVDataAll(Dictionary{});
@@ -188,6 +208,7 @@ protected:
 };
 
 TEST_P(ProcessListTest, IsTheValuesOfADictionaryAndEmptyForEveryOtherAnswer) {
+    LoggedEntries entries;
     EXPECT_EQ(listFor(Dictionary{}), Array{});
     EXPECT_EQ(listFor(Dictionary{{"a", "x"}, {"b", "x"}, {3, Null{}}}), (Array{"x", "x", Null{}}));
     for (const auto& answer : answers()) {
@@ -197,6 +218,7 @@ TEST_P(ProcessListTest, IsTheValuesOfADictionaryAndEmptyForEveryOtherAnswer) {
     }
     EXPECT_EQ(listFor(Array{"entry"}), Array{});
     EXPECT_THAT(lines_.take(), IsEmpty());
+    EXPECT_THAT(entries.take(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
