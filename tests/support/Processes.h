@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -79,18 +80,27 @@ private:
     bool isReady_ = false;
 };
 
-/// A variable of the environment, for the processes that are started while it lives.
+/// A variable of the environment, for the processes that are started while it lives; then it is
+/// again what it was.
 class Environment {
 public:
     Environment(const char* name, const std::string& value) : name_(name) {
+        if (const char* const before = std::getenv(name)) before_ = before;
         setenv(name, value.c_str(), 1);
     }
     Environment(const Environment&) = delete;
     Environment& operator=(const Environment&) = delete;
-    ~Environment() { unsetenv(name_); }
+    ~Environment() {
+        if (before_) {
+            setenv(name_, before_->c_str(), 1);
+        } else {
+            unsetenv(name_);
+        }
+    }
 
 private:
     const char* name_;
+    std::optional<std::string> before_;
 };
 
 /// Gives a child up to another account, in these supplementary groups and no others.
