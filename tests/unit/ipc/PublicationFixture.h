@@ -84,8 +84,11 @@ inline bool serveUntil(const std::function<bool()>& done) {
     return true;
 }
 
+inline void serveFor(std::chrono::milliseconds time) {
+    RunLoop::current()->runUntil(RunLoop::Clock::now() + time);
+}
 inline void serveForAWhile() {
-    RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(30));
+    serveFor(std::chrono::milliseconds(30));
 }
 
 inline std::string textOf(const RawClient::Received& frame) {
@@ -127,6 +130,7 @@ class PublicationTest : public testing::Test {
 protected:
     void publish(PublicationOptions options = {}) {
         std::string why;
+        publication_ = nullptr;  // whose name it takes
         publication_ =
             Publication::publish(kName, {&Root::handle, &root_, nullptr}, std::move(options), why);
         ASSERT_TRUE(publication_) << why;
