@@ -37,14 +37,12 @@ public:
     explicit Process(const std::function<void(const Tell&)>& body) {
         int ends[2];
         EXPECT_EQ(pipe(ends), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
+        pid_ = support::startChild([&] {
             close(ends[0]);
             body([&](const std::string& line) {
                 if (write(ends[1], (line + "\n").data(), line.size() + 1) < 0) _exit(2);
             });
-            _exit(0);
-        }
+        });
         close(ends[1]);
         lines_ = ends[0];
     }
