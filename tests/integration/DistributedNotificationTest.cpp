@@ -182,7 +182,7 @@ TEST_F(DistributedNotice, AStoppedObserverBlocksNobodyAndIsToldWhatItMissed) {
     for (const auto& file : std::filesystem::directory_iterator(folder_.path()))
         bytes += file.file_size();
     EXPECT_LE(bytes, 1U << 20);
-    EXPECT_EQ(residentKilobytes(observer.pid()), before);
+    EXPECT_LE(residentKilobytes(observer.pid()), before);
     observer.resume();
     center_.post("a", {}, -1);
     EXPECT_EQ(observer.line(), "in order");
