@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -88,9 +87,8 @@ protected:
         plan_->kind = GetParam().kind;
         plan_->error = GetParam().error;
     }
-    ~FailNth() override { std::filesystem::remove(planFile()); }
 
-    std::string planFile() const { return server_.file("../okv-plan-") + std::to_string(getpid()); }
+    std::string planFile() const { return server_.file("plan"); }
 
     /// The run is made with nothing failing, to know how many calls there are, and then with one
     /// after the other failing, or some of them.

@@ -14,20 +14,13 @@ using testing::Each;
 
 namespace {
 
-namespace fs = std::filesystem;
-
 class KillRounds : public testing::Test {
 protected:
-    KillRounds() { fs::remove(history_); }
-    ~KillRounds() override { fs::remove(history_); }
-
     faults::Ran run(const std::string& rounds, const std::string& fault = {}) const {
-        return faults::runProgram(OKV_KILL_ROUNDS " " + rounds + " " + history_.string() + " " +
-                                  fault);
+        return faults::runProgram(OKV_KILL_ROUNDS " " + rounds + " " + history_ + " " + fault);
     }
-    const fs::path history_ =
-        fs::temp_directory_path() / ("okv-history-" + std::to_string(getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    const support::TempFolder folder_;
+    const std::string history_ = folder_ / "history";
 };
 
 // What the checker finds: the server does there what it does in the rounds that are kept.
@@ -74,7 +67,7 @@ TEST_F(KillRoundsWithAFault, FindAGap) {
     expectFound("gap", "gap: ");
 }
 
-// The change that it stood for first is what is then missing.
+// One of the two changes that it stands for is missing then for those who saw the other one.
 TEST_F(KillRoundsWithAFault, FindARevisionThatIsGivenTwice) {
     const auto ran = run("5", "duplicate");
     EXPECT_EQ(ran.code, 1) << ran.output;
