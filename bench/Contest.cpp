@@ -146,6 +146,10 @@ void ServerProcess::waitUntilReady(int end) {
     // The end stays open: a server that writes on must not die of it.
 }
 
+bool ServerProcess::isRunning() const {
+    return support::isRunning(pid_);
+}
+
 ServerProcess::~ServerProcess() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);

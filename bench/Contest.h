@@ -53,6 +53,8 @@ public:
     ServerProcess& operator=(const ServerProcess&) = delete;
     ~ServerProcess();
     int pid() const { return pid_; }
+    /// False when it has ended by itself.
+    bool isRunning() const;
     /// The first line that the process wrote.
     const std::string& firstLine() const { return firstLine_; }
 

@@ -44,6 +44,14 @@ inline pid_t startChild(const std::function<void()>& body) {
     }
 }
 
+/// Whether a child of this process has not ended yet; it is still to be waited for.
+inline bool isRunning(pid_t child) {
+    siginfo_t information{};
+    return waitid(P_PID, static_cast<id_t>(child), &information, WEXITED | WNOHANG | WNOWAIT) ==
+               0 &&
+           information.si_pid == 0;
+}
+
 /// A child that runs the body until it ends, or is killed with this object. The body calls its
 /// argument once it is ready; until then, or the child's end, the constructor waits.
 class Child {

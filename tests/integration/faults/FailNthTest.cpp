@@ -73,12 +73,6 @@ bool endsInTime(pid_t pid) {
     return poll(&entry, 1, kEndsWithinMilliseconds) == 1;
 }
 
-bool hasEnded(pid_t pid) {
-    siginfo_t information{};
-    return waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           information.si_pid == pid;
-}
-
 /// One way of failing, and the runs that try it.
 class FailNth : public testing::TestWithParam<Way> {
 protected:
@@ -178,7 +172,7 @@ protected:
 
     // Nothing fails any more: all must work, or the server has ended with a message.
     void doAll(const Write& before) {
-        if (hasEnded(server_.pid())) return;
+        if (!support::isRunning(server_.pid())) return;
         try {
             const auto root = connectInTime();
             ASSERT_TRUE(root);
