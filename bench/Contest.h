@@ -23,7 +23,8 @@ struct Result {
     std::string name;
     double medianNs = 0;  ///< of the rounds' medians
     double p99Ns = 0;     ///< median of the rounds' 99th percentiles
-    double ratio = 0;     ///< median of the rounds' ratios to the first contender
+    double ratio = 0;     ///< median of the rounds' ratios to the first contender, of medians
+    double p99Ratio = 0;  ///< the same, of 99th percentiles
 };
 
 struct Rounds {
