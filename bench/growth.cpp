@@ -4,6 +4,7 @@
 //     bench_growth [FILE]    prints tables; the calls' figures as JSON into FILE, beside others'
 
 #include "Figures.h"
+#include "FrameSizes.h"
 #include "Memory.h"
 #include "OKVDataAdmin_protocol.h"
 #include "Raw.h"
@@ -219,9 +220,9 @@ json measureBesideCallers() {
 // ---- Bytes ----
 
 void measureValue(okv::RemoteObject& root, std::size_t size) {
-    constexpr std::size_t kRequestSize = 60, kFraming = 16;
     set(root, kKey, size);
-    bench::RawPeer raw({{kRequestSize, size + kFraming}});
+    bench::RawPeer raw({{bench::requestSize<&OKVDataMng_protocol::okvDataPT_appUid>(kKey, 1),
+                         bench::replySize(std::string(size, 'v'))}});
     const int calls = size > 10000 ? 200 : 1000;
     const auto results = bench::contest(
         {{"raw", [&] { raw.call(); }}, {"a read of the value", [&] { get(root, kKey); }}},
