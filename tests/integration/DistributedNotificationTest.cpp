@@ -16,16 +16,17 @@
 #include "support/NotificationTesting.h"
 #include "support/Processes.h"
 #include "support/Sanitizers.h"
+#include "support/Serving.h"
 
 using notification_test::Folder;
 using notification_test::Listener;
 using notification_test::numbersTo;
-using notification_test::runUntil;
 using okv::DistributedNotificationCenter;
 using okv::Notification;
 using okv::RunLoop;
 using okv::Value;
 using support::residentKilobytes;
+using support::serveUntil;
 
 namespace {
 
@@ -164,7 +165,7 @@ TEST_F(DistributedNotice, AStoppedObserverBlocksNobodyAndIsToldWhatItMissed) {
         listener->observe("a");
         tell("ready");
         const bool heard =
-            runUntil([&] { return !listener->numbers.empty() && listener->numbers.back() < 0; });
+            serveUntil([&] { return !listener->numbers.empty() && listener->numbers.back() < 0; });
         const auto& numbers = listener->numbers;
         const bool ordered = heard && std::is_sorted(numbers.begin(), numbers.end() - 1);
         tell(ordered ? "in order" : "out of order");
@@ -255,7 +256,7 @@ protected:
         const auto isMarked = [&] {
             return !observer_->numbers.empty() && observer_->numbers.back() == mark;
         };
-        ASSERT_TRUE(runUntil(isMarked)) << mark;
+        ASSERT_TRUE(serveUntil(isMarked)) << mark;
     }
     std::uint64_t acknowledgedButNotHeard() const {
         std::uint64_t count = 0;
@@ -338,11 +339,11 @@ void observeWithoutInotify(const Folder& folder, const Process::Tell& tell) {
     const auto observer = okv::make<Listener>(center);
     observer->observe("a");
     tell("ready");
-    const bool heard = runUntil([&] { return observer->numbers.size() == 1; });
+    const bool heard = serveUntil([&] { return observer->numbers.size() == 1; });
     tell(!heard ? "deaf" : inotifyInstances() == taken.size() ? "looking" : "watching");
     for (const int fd : taken) close(fd);
-    tell(runUntil([&] { return inotifyInstances() == 1; }) ? "watching" : "looking");
-    runUntil([&] { return observer->numbers.size() == 2; });
+    tell(serveUntil([&] { return inotifyInstances() == 1; }) ? "watching" : "looking");
+    serveUntil([&] { return observer->numbers.size() == 2; });
     tell(observer->numbers == numbersTo(2) ? "heard" : "deaf");
 }
 
@@ -366,7 +367,7 @@ TEST_F(DistributedNotice, TheDefaultCenterIsTheRuntimeFolders) {
         const auto listener = okv::make<Listener>(center);
         listener->observe("a");
         tell("ready");
-        tell(runUntil([&] { return listener->numbers == numbersTo(1); }) ? "heard" : "deaf");
+        tell(serveUntil([&] { return listener->numbers == numbersTo(1); }) ? "heard" : "deaf");
     });
     ASSERT_EQ(observer.line(), "ready");
     center_.post("a", {}, 1);

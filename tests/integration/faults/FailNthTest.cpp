@@ -4,6 +4,8 @@
 #include "MappedPlan.h"
 #include "Support.h"
 
+#include "support/Serving.h"
+
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 
 #include <gtest/gtest.h>
@@ -243,10 +245,7 @@ public:
     ~Heard() { center_.removeObserver(*listener_); }
 
     bool hears(std::uint32_t number) const {
-        const auto deadline = Clock::now() + std::chrono::seconds(10);
-        while (last_ != Value(number) && Clock::now() < deadline)
-            okv::RunLoop::current()->runUntil(Clock::now() + std::chrono::milliseconds(5));
-        return last_ == Value(number);
+        return support::serveUntil([&] { return last_ == Value(number); });
     }
 
 private:

@@ -2,9 +2,7 @@
 #include "BackupKeeper.h"
 #include "Harness.h"
 
-#include "support/Patience.h"
-
-#include <poll.h>
+#include "support/Serving.h"
 
 #include <fstream>
 
@@ -18,15 +16,6 @@ constexpr seconds kDay{86400};
 
 std::vector<Backup> newestFrom(std::int64_t time) {
     return {{9, time, "newest"}, {8, time + 5, "before"}};
-}
-
-void serveUntil(const std::function<bool()>& isSo) {
-    const auto loop = okv::RunLoop::current();
-    while (!isSo()) {
-        pollfd entry{loop->fd(), POLLIN, 0};
-        ASSERT_GT(poll(&entry, 1, 30000), 0);
-        loop->dispatch();
-    }
 }
 
 // So large that copying it takes a while.
@@ -98,14 +87,14 @@ TEST(TheKeeperOfBackups, LogsAFailureOnceWithItsReasonAndThatItIsOver) {
     const auto keeper = okv::make<datacenter::BackupKeeper>(
         file, seconds(1), [&](const std::string& line) { log.push_back(line); });
     keeper->start();
-    serveUntil([&] { return keeper->state().contains("failure"); });
+    ASSERT_TRUE(support::serveUntil([&] { return keeper->state().contains("failure"); }));
     const auto first = keeper->state()["failed"];
-    serveUntil([&] { return keeper->state()["failed"] != first; });
+    ASSERT_TRUE(support::serveUntil([&] { return keeper->state()["failed"] != first; }));
     ASSERT_EQ(log.size(), 1U) << "the same reason again is not told again";
     EXPECT_NE(log[0].find("s.backups/unfinished"), std::string::npos) << log[0];
     EXPECT_NE(log[0].find("Is a directory"), std::string::npos) << log[0];
     std::filesystem::remove(folder / "s.backups/unfinished");
-    serveUntil([&] { return keeper->state()["kept"] == okv::Value(1); });
+    ASSERT_TRUE(support::serveUntil([&] { return keeper->state()["kept"] == okv::Value(1); }));
     ASSERT_EQ(log.size(), 2U);
     EXPECT_EQ(log[1], "backups of the store are made again");
     EXPECT_FALSE(keeper->state().contains("failure"));

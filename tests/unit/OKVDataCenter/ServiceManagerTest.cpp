@@ -1,8 +1,8 @@
 #include "Harness.h"
 #include "ServiceManager.h"
 
-#include "support/Patience.h"
 #include "support/Processes.h"
+#include "support/Serving.h"
 #include "support/Sockets.h"
 
 #include <thread>
@@ -40,13 +40,11 @@ void turnFor(milliseconds time) {
 
 /// Turns until the manager is told something so often; false when it is not.
 bool turnUntilTold(const Manager& manager, std::size_t times) {
-    support::Patience patience(std::chrono::seconds(20));
     std::size_t told = 0;
-    while (told < times && patience.isLeft()) {
-        turnFor(milliseconds(5));
+    return support::serveUntil([&] {
         told += manager.take().size();
-    }
-    return told >= times;
+        return told >= times;
+    });
 }
 
 }  // namespace
