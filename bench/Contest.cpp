@@ -25,6 +25,22 @@ struct Round {
     double p99;
 };
 
+/// All rounds of one contender, each beside the first contender's in the same round.
+struct Played {
+    std::vector<double> medians{}, tails{}, ratios{}, tailRatios{};
+
+    void add(const Round& round, const Round& first) {
+        medians.push_back(round.median);
+        tails.push_back(round.p99);
+        ratios.push_back(round.median / first.median);
+        tailRatios.push_back(round.p99 / first.p99);
+    }
+    Result resultOf(const std::string& name) const {
+        return {name, quantileOf(medians, 0.5), quantileOf(tails, 0.5), quantileOf(ratios, 0.5),
+                quantileOf(tailRatios, 0.5)};
+    }
+};
+
 Round play(const Contender& contender, int calls, std::chrono::microseconds pause) {
     std::vector<double> times;
     times.reserve(static_cast<std::size_t>(calls));
@@ -73,30 +89,26 @@ void pinTo(int core, int pid) {
 std::vector<Result> contest(const std::vector<Contender>& contenders, const Rounds& rounds) {
     for (const auto& contender : contenders)  // warm
         play(contender, rounds.calls / 4 + 1, rounds.pause);
-    std::vector<std::vector<double>> medians(contenders.size()), tails(contenders.size()),
-        ratios(contenders.size());
+    std::vector<Played> all(contenders.size());
     for (int r = 0; r < rounds.count; ++r) {
-        double first = 0;
+        Round first{};
         for (std::size_t i = 0; i < contenders.size(); ++i) {
             const auto round = play(contenders[i], rounds.calls, rounds.pause);
-            if (i == 0) first = round.median;
-            medians[i].push_back(round.median);
-            tails[i].push_back(round.p99);
-            ratios[i].push_back(round.median / first);
+            if (i == 0) first = round;
+            all[i].add(round, first);
         }
     }
     std::vector<Result> results;
     for (std::size_t i = 0; i < contenders.size(); ++i)
-        results.push_back({contenders[i].name, quantileOf(medians[i], 0.5),
-                           quantileOf(tails[i], 0.5), quantileOf(ratios[i], 0.5)});
+        results.push_back(all[i].resultOf(contenders[i].name));
     return results;
 }
 
 void print(const std::vector<Result>& results) {
-    std::printf("%-44s %10s %10s %7s\n", "one call", "median ns", "p99 ns", "ratio");
+    std::printf("%-44s %10s %10s %7s %7s\n", "one call", "median ns", "p99 ns", "ratio", "of p99");
     for (const auto& result : results)
-        std::printf("%-44s %10.0f %10.0f %7.2f\n", result.name.c_str(), result.medianNs,
-                    result.p99Ns, result.ratio);
+        std::printf("%-44s %10.0f %10.0f %7.2f %7.2f\n", result.name.c_str(), result.medianNs,
+                    result.p99Ns, result.ratio, result.p99Ratio);
 }
 
 namespace {
@@ -144,6 +156,10 @@ void ServerProcess::waitUntilReady(int end) {
     while ((count = read(end, &byte, 1)) == 1 && byte != '\n') firstLine_ += byte;
     if (count != 1) throw std::runtime_error("a server did not start");
     // The end stays open: a server that writes on must not die of it.
+}
+
+bool ServerProcess::isRunning() const {
+    return support::isRunning(pid_);
 }
 
 ServerProcess::~ServerProcess() {

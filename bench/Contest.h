@@ -23,7 +23,8 @@ struct Result {
     std::string name;
     double medianNs = 0;  ///< of the rounds' medians
     double p99Ns = 0;     ///< median of the rounds' 99th percentiles
-    double ratio = 0;     ///< median of the rounds' ratios to the first contender
+    double ratio = 0;     ///< median of the rounds' ratios to the first contender, of medians
+    double p99Ratio = 0;  ///< the same, of 99th percentiles
 };
 
 struct Rounds {
@@ -53,6 +54,8 @@ public:
     ServerProcess& operator=(const ServerProcess&) = delete;
     ~ServerProcess();
     int pid() const { return pid_; }
+    /// False when it has ended by itself.
+    bool isRunning() const;
     /// The first line that the process wrote.
     const std::string& firstLine() const { return firstLine_; }
 

@@ -15,7 +15,8 @@ inline nlohmann::json figures(const std::vector<Result>& results) {
         rows.push_back({{"name", result.name},
                         {"median_ns", result.medianNs},
                         {"p99_ns", result.p99Ns},
-                        {"ratio", result.ratio}});
+                        {"ratio", result.ratio},
+                        {"p99_ratio", result.p99Ratio}});
     return rows;
 }
 

@@ -2,8 +2,11 @@
 // connected, clients that call, values, bytes in a value.
 //
 //     bench_growth [FILE]    prints tables; the calls' figures as JSON into FILE, beside others'
+//
+// Ends with 1 when a bar is not kept.
 
 #include "Figures.h"
+#include "FrameSizes.h"
 #include "Memory.h"
 #include "OKVDataAdmin_protocol.h"
 #include "Raw.h"
@@ -33,6 +36,14 @@ constexpr int kManyClients = 1000;
 constexpr int kCallers = 100;
 constexpr int kUsers = 100;
 constexpr int kKeysOfAUser = 10000;
+
+// What is not kept is told at once, and by the exit code.
+bool areAllKept = true;
+
+void demand(bool isKept, const char* what) {
+    areAllKept = areAllKept && isKept;
+    if (!isKept) std::printf("BROKEN: %s\n", what);
+}
 
 // ---- Servers and clients ----
 
@@ -120,18 +131,22 @@ struct Crowd {
     }
 };
 
-json compare(const char* title, const std::vector<bench::Contender>& contenders,
-             const bench::Rounds& rounds) {
+std::vector<bench::Result> compare(const char* title,
+                                   const std::vector<bench::Contender>& contenders,
+                                   const bench::Rounds& rounds) {
     std::printf("\n%s\n", title);
-    const auto results = bench::contest(contenders, rounds);
+    auto results = bench::contest(contenders, rounds);
     bench::print(results);
-    return bench::figures(results);
+    return results;
 }
 
 json measureIdleClients() {
     Crowd one(1), hundred(100), thousand(kManyClients);
-    return compare("A read beside idle clients (bar for the ratio: 1.1)",
-                   {one.contender(), hundred.contender(), thousand.contender()}, {31, 1000});
+    const auto results =
+        compare("A read beside idle clients (bar for the ratio: 1.1)",
+                {one.contender(), hundred.contender(), thousand.contender()}, {31, 1000});
+    for (const auto& result : results) demand(result.ratio <= 1.1, result.name.c_str());
+    return bench::figures(results);
 }
 
 void measureMemoryOfClients() {
@@ -139,8 +154,9 @@ void measureMemoryOfClients() {
     const auto warm = registeredClients(ground, 10);
     const auto before = ground.memory();
     const auto idle = registeredClients(ground, kManyClients);
-    std::printf("\nServer's memory for an idle client: %.0f bytes (bar: 16384)\n",
-                (ground.memory() - before) / kManyClients);
+    const auto ofEach = (ground.memory() - before) / kManyClients;
+    std::printf("\nServer's memory for an idle client: %.0f bytes (bar: 16384)\n", ofEach);
+    demand(ofEach <= 16384, "the memory for an idle client");
 }
 
 // ---- Callers ----
@@ -212,22 +228,23 @@ json measureBesideCallers() {
     BusyCrowd readers("a read, beside 100 that read", [&ground]() -> bench::Call {
         return [root = ground.connect()] { get(*root, kKey); };
     });
-    return compare("A call while 100 other clients call, everything on one core",
-                   {rawCrowd.contender(), readers.contender()}, {15, 200});
+    return bench::figures(compare("A call while 100 other clients call, everything on one core",
+                                  {rawCrowd.contender(), readers.contender()}, {15, 200}));
 }
 
 // ---- Bytes ----
 
 void measureValue(okv::RemoteObject& root, std::size_t size) {
-    constexpr std::size_t kRequestSize = 60, kFraming = 16;
     set(root, kKey, size);
-    bench::RawPeer raw({{kRequestSize, size + kFraming}});
+    bench::RawPeer raw({{bench::requestSize<&OKVDataMng_protocol::okvDataPT_appUid>(kKey, 1),
+                         bench::replySize(std::string(size, 'v'))}});
     const int calls = size > 10000 ? 200 : 1000;
     const auto results = bench::contest(
         {{"raw", [&] { raw.call(); }}, {"a read of the value", [&] { get(root, kKey); }}},
         {21, calls});
     std::printf("%8zu %10.0f %10.0f %9.0f %9.2f\n", size, results[0].medianNs, results[1].medianNs,
                 static_cast<double>(size) * 1e3 / results[1].medianNs, 1 / results[1].ratio);
+    demand(1 / results[1].ratio >= 0.5, "values of many bytes");
 }
 
 void measureValues() {
@@ -266,6 +283,7 @@ void measureSettings() {
     ground.start();
     std::printf("\n%.0f settings of 32 bytes: start %.2f s (bar: 2), %.0f bytes of memory each\n",
                 kSettings, ground.startSeconds(), (ground.memory() - empty) / kSettings);
+    demand(ground.startSeconds() <= 2, "the start");
 }
 
 void allowManyDescriptors() {
@@ -288,4 +306,5 @@ int main(int count, char** arguments) {
     measureMemoryOfClients();
     measureValues();
     measureSettings();
+    return areAllKept ? EXIT_SUCCESS : EXIT_FAILURE;
 }

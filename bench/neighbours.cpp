@@ -5,7 +5,7 @@
 // the server does for the neighbour, not what the neighbour does to the machine.
 //   bench_neighbours [PART-OF-A-NAME]
 // Ends with 1 when a neighbour makes the slowest of a hundred reads, or writes, more than twice as
-// slow.
+// slow, or has ended by itself.
 
 #include "Contest.h"
 
@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -203,7 +204,10 @@ private:
             bench::pinTo(1);
             neighbour(ready);
         });
-        return play();
+        const auto round = play();
+        // Beside one that has died it was quiet.
+        if (!process.isRunning()) throw std::runtime_error("a neighbour has ended by itself");
+        return round;
     }
 
     Round play() {
@@ -259,7 +263,12 @@ int main(int argc, char** argv) {
     set(*root, "read", 32);
     set(*root, kLarge, 200U << 10);
     Bench bench(*root, server.pid(), argc > 1 ? argv[1] : "");
-    compareAll(bench, folder.path() / kOKVDataServerName);
+    try {
+        compareAll(bench, folder.path() / kOKVDataServerName);
+    } catch (const std::exception& error) {
+        std::printf("BROKEN: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
     std::printf("%s\n", bench.isKept() ? "kept: at most twice as slow" : "BROKEN");
     return bench.isKept() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

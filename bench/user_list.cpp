@@ -3,12 +3,12 @@
 // trips over a blocking Unix socket.
 
 #include "Contest.h"
+#include "FrameSizes.h"
 #include "OKVDataAdmin_protocol.h"
 #include "Raw.h"
 
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/Connection.h>
-#include <OKVPlatform/ipc/Frame.h>
 #include <OKVPlatform/values/Cbor.h>
 #include <OKVTesting/RuntimeFolder.h>
 
@@ -19,9 +19,6 @@ namespace {
 
 constexpr char kKey[] = "dc-gui-window_colour";
 constexpr std::size_t kAnswerSize = 32;
-constexpr std::size_t kListRequestSize = 27;
-constexpr std::size_t kReadRequestSize = 60;
-constexpr std::size_t kReadReplySize = 43;
 
 okv::Array userIds(int count) {
     okv::Array ids;
@@ -46,8 +43,10 @@ void importUsers(okvDataManager& manager, int count) {
 bench::Result measure(okvDataManager& manager, int count) {
     importUsers(manager, count);
     const auto list = okv::encodeCbor(userIds(count));
-    bench::RawPeer raw({{kListRequestSize, list.size() + okv::kFrameHeaderSize},
-                        {kReadRequestSize, kReadReplySize}});
+    bench::RawPeer raw({{bench::requestSize<&OKVDataMng_protocol::useridAppListPT>(),
+                         bench::replySize(userIds(count))},
+                        {bench::requestSize<&OKVDataMng_protocol::okvDataPT_appUid>(kKey, count),
+                         bench::replySize(std::string(kAnswerSize, 'v'))}});
     const auto results = bench::contest(
         {
             {"raw, the same bytes in two round trips", [&] { raw.call(); }},

@@ -13,9 +13,6 @@ namespace bench {
 
 inline constexpr char kKey[] = "dc-gui-window_colour";
 inline constexpr std::size_t kAnswerSize = 32;
-/// What a request for the key and its answer are framed into by us: raw moves as many bytes.
-inline constexpr std::size_t kRequestSize = 60;
-inline constexpr std::size_t kReplySize = 43;
 
 using Call = std::function<void()>;
 

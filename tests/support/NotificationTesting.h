@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -59,18 +58,6 @@ protected:
 private:
     okv::DistributedNotificationCenter& center_;
 };
-
-/// Runs the thread's loop until the condition holds; false when it does not in good time.
-inline bool runUntil(const std::function<bool()>& holds) {
-    const auto loop = okv::RunLoop::current();
-    const auto deadline = okv::RunLoop::Clock::now() + std::chrono::seconds(30);
-    while (!holds()) {
-        const auto now = okv::RunLoop::Clock::now();
-        if (now >= deadline) return false;
-        loop->runUntil(std::min(deadline, now + std::chrono::milliseconds(5)));
-    }
-    return true;
-}
 
 inline std::vector<std::int64_t> numbersTo(std::int64_t last) {
     std::vector<std::int64_t> numbers;

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -41,6 +42,14 @@ inline pid_t startChild(const std::function<void()>& body) {
         std::fprintf(stderr, "a child: %s\n", error.what());
         _exit(1);
     }
+}
+
+/// Whether a child of this process has not ended yet; it is still to be waited for.
+inline bool isRunning(pid_t child) {
+    siginfo_t information{};
+    return waitid(P_PID, static_cast<id_t>(child), &information, WEXITED | WNOHANG | WNOWAIT) ==
+               0 &&
+           information.si_pid == 0;
 }
 
 /// A child that runs the body until it ends, or is killed with this object. The body calls its
@@ -79,18 +88,27 @@ private:
     bool isReady_ = false;
 };
 
-/// A variable of the environment, for the processes that are started while it lives.
+/// A variable of the environment, for the processes that are started while it lives; then it is
+/// again what it was.
 class Environment {
 public:
     Environment(const char* name, const std::string& value) : name_(name) {
+        if (const char* const before = std::getenv(name)) before_ = before;
         setenv(name, value.c_str(), 1);
     }
     Environment(const Environment&) = delete;
     Environment& operator=(const Environment&) = delete;
-    ~Environment() { unsetenv(name_); }
+    ~Environment() {
+        if (before_) {
+            setenv(name_, before_->c_str(), 1);
+        } else {
+            unsetenv(name_);
+        }
+    }
 
 private:
     const char* name_;
+    std::optional<std::string> before_;
 };
 
 /// Gives a child up to another account, in these supplementary groups and no others.

@@ -18,6 +18,8 @@
 #endif
 #endif
 
+#include <string_view>
+
 namespace support {
 
 #if defined(OKV_ADDRESS_SANITIZER)
@@ -33,5 +35,14 @@ inline constexpr bool kIsThreadSanitized = false;
 #endif
 
 inline constexpr bool kIsSanitized = kIsAddressSanitized || kIsThreadSanitized;
+
+/// Whether a sanitizer found something in a process that wrote this to its standard error. By its
+/// exit code, which is 1, it cannot be told from one that failed as it should.
+inline bool isReport(std::string_view errors) {
+    for (const std::string_view sign : {"Sanitizer: ", ": runtime error: "}) {
+        if (errors.find(sign) != std::string_view::npos) return true;
+    }
+    return false;
+}
 
 }  // namespace support

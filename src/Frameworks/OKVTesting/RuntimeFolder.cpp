@@ -6,6 +6,10 @@
 
 namespace okv::testing {
 
+namespace {
+constexpr char kVariable[] = "OKV_RUNTIME_DIR";
+}
+
 RuntimeFolder::RuntimeFolder() {
     auto pattern = (std::filesystem::temp_directory_path() / "okv-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr)
@@ -13,11 +17,16 @@ RuntimeFolder::RuntimeFolder() {
     path_ = pattern;
     // Other accounts may look names up, as in the real folder.
     std::filesystem::permissions(path_, std::filesystem::perms(0755));
-    setenv("OKV_RUNTIME_DIR", path_.c_str(), 1);
+    if (const char* const before = std::getenv(kVariable)) before_ = before;
+    setenv(kVariable, path_.c_str(), 1);
 }
 
 RuntimeFolder::~RuntimeFolder() {
-    unsetenv("OKV_RUNTIME_DIR");
+    if (before_) {
+        setenv(kVariable, before_->c_str(), 1);
+    } else {
+        unsetenv(kVariable);
+    }
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
 }

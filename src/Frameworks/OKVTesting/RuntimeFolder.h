@@ -3,11 +3,14 @@
 #include <OKVPlatform/Export.h>
 
 #include <filesystem>
+#include <optional>
+#include <string>
 
 namespace okv::testing {
 
 /// A private runtime folder for one test: registered names and notices of other processes stay
-/// away. The process's environment points to it while it lives, and the folder goes with it.
+/// away. The process's environment points to it while it lives, and then to where it did before;
+/// the folder goes with it.
 class OKV_EXPORT RuntimeFolder {
 public:
     /// Makes the folder below the system's temporary one. Throws std::system_error. Other threads
@@ -22,6 +25,7 @@ public:
 
 private:
     std::filesystem::path path_;
+    std::optional<std::string> before_;
 };
 
 }  // namespace okv::testing

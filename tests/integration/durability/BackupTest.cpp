@@ -204,14 +204,20 @@ TEST(AWrite, IsAcknowledgedWhileABackupIsUnderWay) {
 TEST(AnEndingServer, GivesABackupUpAndLeavesNothingOfIt) {
     ServerProcess server;
     leaveALargeStore(server);
-    ASSERT_TRUE(server.start());
-    ASSERT_TRUE(eventually(
-        [&] { return std::filesystem::exists(unfinished(server)) || !backupsOf(server).empty(); }));
-    server.signal(SIGTERM);
-    EXPECT_EQ(server.wait(), 0);
-    EXPECT_FALSE(std::filesystem::exists(unfinished(server)));
-    EXPECT_FALSE(std::filesystem::exists(unfinished(server) + "-journal"));
-    EXPECT_LE(backupsOf(server).size(), 1U);
+    bool isGivenUp = false;  // rather than finished before the signal came
+    for (int tries = 0; !isGivenUp && tries < 20; ++tries) {
+        std::filesystem::remove_all(backupFolder(server));
+        ASSERT_TRUE(server.start());
+        ASSERT_TRUE(eventually([&] {
+            return std::filesystem::exists(unfinished(server)) || !backupsOf(server).empty();
+        }));
+        server.signal(SIGTERM);
+        EXPECT_EQ(server.wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists(unfinished(server)));
+        EXPECT_FALSE(std::filesystem::exists(unfinished(server) + "-journal"));
+        isGivenUp = backupsOf(server).empty();
+    }
+    EXPECT_TRUE(isGivenUp);
 }
 
 TEST(AKilledServer, LeavesHalfABackupThatTheNextOneTakesAway) {

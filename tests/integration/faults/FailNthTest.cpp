@@ -4,6 +4,8 @@
 #include "MappedPlan.h"
 #include "Support.h"
 
+#include "support/Serving.h"
+
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 
 #include <gtest/gtest.h>
@@ -14,7 +16,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -74,12 +75,6 @@ bool endsInTime(pid_t pid) {
     return poll(&entry, 1, kEndsWithinMilliseconds) == 1;
 }
 
-bool hasEnded(pid_t pid) {
-    siginfo_t information{};
-    return waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           information.si_pid == pid;
-}
-
 /// One way of failing, and the runs that try it.
 class FailNth : public testing::TestWithParam<Way> {
 protected:
@@ -88,9 +83,8 @@ protected:
         plan_->kind = GetParam().kind;
         plan_->error = GetParam().error;
     }
-    ~FailNth() override { std::filesystem::remove(planFile()); }
 
-    std::string planFile() const { return server_.file("../okv-plan-") + std::to_string(getpid()); }
+    std::string planFile() const { return server_.file("plan"); }
 
     /// The run is made with nothing failing, to know how many calls there are, and then with one
     /// after the other failing, or some of them.
@@ -174,13 +168,13 @@ protected:
             EXPECT_NE(error.kind(), okv::ConnectionError::Kind::timedOut) << error.what();
             EXPECT_NE(error.kind(), okv::ConnectionError::Kind::badData) << error.what();
         } catch (const std::runtime_error&) {
-            EXPECT_TRUE(endsSoon()) << "a server that runs was not reached";
+            EXPECT_TRUE(endsInTime(server_.pid())) << "a server that runs was not reached";
         }
     }
 
     // Nothing fails any more: all must work, or the server has ended with a message.
     void doAll(const Write& before) {
-        if (hasEnded(server_.pid())) return;
+        if (!support::isRunning(server_.pid())) return;
         try {
             const auto root = connectInTime();
             ASSERT_TRUE(root);
@@ -189,14 +183,8 @@ protected:
             EXPECT_TRUE(set(*root, "later", 3));
             EXPECT_EQ(get(*root, "later"), Value(3));
         } catch (const std::runtime_error& error) {
-            EXPECT_TRUE(endsSoon()) << "the server is sick: " << error.what();
+            EXPECT_TRUE(endsInTime(server_.pid())) << "the server is sick: " << error.what();
         }
-    }
-
-    bool endsSoon() const {
-        pollfd none{-1, 0, 0};
-        for (int i = 0; i < 100 && !hasEnded(server_.pid()); ++i) poll(&none, 1, 10);
-        return hasEnded(server_.pid());
     }
 
     void expectEnd() {
@@ -257,10 +245,7 @@ public:
     ~Heard() { center_.removeObserver(*listener_); }
 
     bool hears(std::uint32_t number) const {
-        const auto deadline = Clock::now() + std::chrono::seconds(10);
-        while (last_ != Value(number) && Clock::now() < deadline)
-            okv::RunLoop::current()->runUntil(Clock::now() + std::chrono::milliseconds(5));
-        return last_ == Value(number);
+        return support::serveUntil([&] { return last_ == Value(number); });
     }
 
 private:
@@ -283,7 +268,7 @@ TEST_P(AServerOfWhichOneCallFails, WhileItStartsServesOrEndsWithAMessage) {
             doAll(write);
             server_.signal(SIGTERM);
         } else {
-            EXPECT_TRUE(endsSoon()) << "neither ready nor ended";
+            EXPECT_TRUE(endsInTime(server_.pid())) << "neither ready nor ended";
         }
         expectEnd();
         checkStored(write);

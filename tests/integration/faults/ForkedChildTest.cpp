@@ -12,6 +12,7 @@
 #include <atomic>
 #include <csignal>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace faults;
@@ -48,6 +49,8 @@ struct Pipe {
         char byte = 0;
         return read(ends[0], &byte, 1) == 1;
     }
+    /// For a child that is to go on, too, when nobody is left who could tell it.
+    void onlyAwait() { close(std::exchange(ends[1], -1)); }
     int ends[2];
 };
 
@@ -107,19 +110,19 @@ TEST(AForkedChild, HasInvalidOnesAndTheParentsPublicationAndConnectionWorkOn) {
 
 TEST(AForkedChild, ThatLivesOnDoesNotKeepTheNameOfItsKilledParent) {
     const okv::testing::RuntimeFolder folder;
-    const Pipe published, over;
-    const auto publisher = fork();
-    if (publisher == 0) {
+    const Pipe published;
+    Pipe over;
+    const auto publisher = support::startChild([&] {
         std::string why;
         const auto name = PublishedName::publish(kName, {}, why);
         if (name && fork() == 0) {
+            over.onlyAwait();
             published.tell();
             over.await();
             _exit(0);
         }
         pause();
-        _exit(1);
-    }
+    });
     ASSERT_TRUE(published.await());
     std::string why;
     EXPECT_FALSE(PublishedName::publish(kName, {}, why));

@@ -76,6 +76,7 @@ TEST_F(BadNeighbours, ThatAreStoppedWithUnreadAnswers) {
     });
     ASSERT_TRUE(neighbour.isReady());
     expectService();
+    EXPECT_TRUE(support::isRunning(neighbour.pid())) << "nobody was bad any more";
 }
 
 // Of small answers there are a hundred thousand until it is not read from any more.
@@ -91,6 +92,7 @@ TEST_F(BadNeighbours, ThatAskForSomethingSmallAndNeverRead) {
     });
     ASSERT_TRUE(neighbour.isReady());
     expectService();
+    EXPECT_TRUE(support::isRunning(neighbour.pid())) << "nobody was bad any more";
 }
 
 TEST_F(BadNeighbours, ThatSendByteByByteAreAnsweredInTheEnd) {
@@ -138,6 +140,7 @@ TEST_F(BadNeighbours, ThatPostNoticesWithoutAPause) {
     });
     ASSERT_TRUE(neighbour.isReady());
     expectService();
+    EXPECT_TRUE(support::isRunning(neighbour.pid())) << "nobody was bad any more";
 }
 
 TEST_F(BadNeighbours, ThatDieInEveryStateOfACall) {

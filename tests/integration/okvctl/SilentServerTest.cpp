@@ -1,6 +1,7 @@
 #include "ToolRun.h"
 
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
 
 #include <OKVDataManager/okvDataManager.h>
 
@@ -175,6 +176,16 @@ TEST(OddServer, ThatDoesNotKnowARequestIsSaidToBe) {
     const auto ran = run({"list"});
     EXPECT_EQ(ran.code, 1);
     EXPECT_THAT(ran.error, HasSubstr("does not know this request"));
+}
+
+// A run that a sanitizer ends has an exit code like that of one that fails as it should.
+TEST(ARun, FailsItsTestWhenASanitizerReportsSomething) {
+    for (const auto* report : {"==7==ERROR: AddressSanitizer: heap-use-after-free on address 0x6",
+                               "==7==ERROR: LeakSanitizer: detected memory leaks",
+                               "WARNING: ThreadSanitizer: data race (pid=7)",
+                               "Verb.cpp:3:5: runtime error: signed integer overflow: 1 + 2"})
+        EXPECT_TRUE(support::isReport(std::string("okvctl: trouble\n") + report)) << report;
+    EXPECT_FALSE(support::isReport("okvctl: dc-a-b: no answer within 0.1 s\n"));
 }
 
 TEST(OddServer, ThatAnswersNonsenseMakesNoVerbCrash) {

@@ -1,6 +1,9 @@
 #include "ToolRun.h"
 
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -110,6 +113,7 @@ Ran run(const std::vector<std::string>& arguments, const std::string& input, uid
     collect(out.ends[0], error.ends[0], ran);
     ran.code = codeOf(pid);
     ran.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_FALSE(support::isReport(ran.error)) << ran.error;
     return ran;
 }
 
@@ -158,6 +162,7 @@ Ran OnTerminal::finish() {
     }
     Ran ran;
     ran.out = shown_;
+    EXPECT_FALSE(support::isReport(ran.out)) << ran.out;
     ran.code = codeOf(pid_);
     pid_ = -1;
     return ran;

@@ -17,7 +17,8 @@ struct Ran {
     double seconds = 0;
 };
 
-/// The built tool as a process of its own. `account`: under that uid, and in none of this process's
+/// The built tool as a process of its own; the test fails when a sanitizer finds something in it.
+/// `account`: under that uid, and in none of this process's
 /// groups (only root may).
 Ran run(const std::vector<std::string>& arguments, const std::string& input = {},
         uid_t account = 0);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Serving.h"
+
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Publication.h>
@@ -183,10 +185,7 @@ protected:
         return ConnectionError::Kind::badData;
     }
     static void serveUntil(const std::function<bool()>& done) {
-        const auto deadline = RunLoop::Clock::now() + std::chrono::seconds(10);
-        while (!done() && RunLoop::Clock::now() < deadline)
-            RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(5));
-        EXPECT_TRUE(done());
+        EXPECT_TRUE(support::serveUntil(done));
     }
 
     RuntimeFolder folder_;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/NotificationTesting.h"
+#include "support/Serving.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +15,7 @@ protected:
         return okv::make<notification_test::Listener>(center_);
     }
     bool hears(const okv::Ref<notification_test::Listener>& listener, std::size_t count) {
-        return notification_test::runUntil([&] { return listener->numbers.size() >= count; });
+        return support::serveUntil([&] { return listener->numbers.size() >= count; });
     }
     /// Delivers everything that has been posted so far.
     void settle() {

@@ -5,10 +5,10 @@
 
 using ipctest::DistributedCenter;
 using notification_test::numbersTo;
-using notification_test::runUntil;
 using okv::DistributedNotificationCenter;
 using okv::Notification;
 using okv::Value;
+using support::serveUntil;
 using Numbers = std::vector<std::int64_t>;
 
 TEST_F(DistributedCenter, DeliversByNameAndSender) {
@@ -247,7 +247,7 @@ TEST_F(DistributedCenter, TellsWhatItMissedApartFromTheNotices) {
     observer->observe("a");
     for (int i = 1; i <= 200; ++i) small.post("a", {}, i);
     ASSERT_TRUE(
-        runUntil([&] { return !observer->numbers.empty() && observer->numbers.back() == 200; }));
+        serveUntil([&] { return !observer->numbers.empty() && observer->numbers.back() == 200; }));
     EXPECT_GT(observer->missing, 0U);
     EXPECT_EQ(observer->numbers.size() + observer->missing, 200U);
     EXPECT_TRUE(std::is_sorted(observer->numbers.begin(), observer->numbers.end()));

@@ -233,7 +233,7 @@ TEST(AnObserverWithoutMemory, HearsEveryNoticeOnceAllTheSame) {
             } catch (const std::bad_alloc&) {
             }
             failing.disarm();
-            EXPECT_TRUE(notification_test::runUntil([&] { return listener->numbers.size() >= 3; }));
+            EXPECT_TRUE(support::serveUntil([&] { return listener->numbers.size() >= 3; }));
             EXPECT_EQ(listener->numbers, notification_test::numbersTo(3));
             EXPECT_EQ(listener->missing, 0U);
         });

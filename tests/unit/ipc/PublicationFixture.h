@@ -2,7 +2,7 @@
 
 #include "RawClient.h"
 
-#include "support/Patience.h"
+#include "support/Serving.h"
 
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/Publication.h>
@@ -28,6 +28,7 @@ using okv::Publication;
 using okv::PublicationOptions;
 using okv::RunLoop;
 using okv::testing::RuntimeFolder;
+using support::serveUntil;
 
 inline constexpr char kName[] = "jp.nrm.test.publication";
 inline constexpr uid_t kAccount = 23401;
@@ -75,17 +76,11 @@ private:
     int depth_ = 0;
 };
 
-inline bool serveUntil(const std::function<bool()>& done) {
-    support::Patience patience(std::chrono::seconds(10));
-    while (!done()) {
-        if (!patience.isLeft()) return false;
-        RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(1));
-    }
-    return true;
+inline void serveFor(std::chrono::milliseconds time) {
+    RunLoop::current()->runUntil(RunLoop::Clock::now() + time);
 }
-
 inline void serveForAWhile() {
-    RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(30));
+    serveFor(std::chrono::milliseconds(30));
 }
 
 inline std::string textOf(const RawClient::Received& frame) {
@@ -127,6 +122,7 @@ class PublicationTest : public testing::Test {
 protected:
     void publish(PublicationOptions options = {}) {
         std::string why;
+        publication_ = nullptr;  // whose name it takes
         publication_ =
             Publication::publish(kName, {&Root::handle, &root_, nullptr}, std::move(options), why);
         ASSERT_TRUE(publication_) << why;

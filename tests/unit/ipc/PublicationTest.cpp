@@ -28,17 +28,29 @@ TEST_F(PublicationTest, WhoNeverGreetsIsDroppedAfterTheTimeAndWhoGreetedIsNot) {
 }
 
 TEST_F(PublicationTest, WhoGreetsInTimeAfterAPauseIsNotDropped) {
-    publish({.greetWithin = std::chrono::milliseconds(40)});
-    RawClient slow(kName);
-    ASSERT_TRUE(serveUntil([&] { return publication_->connectionCount() == 1; }));
-    slow.greet();
-    serveForAWhile();
-    serveForAWhile();
-    EXPECT_TRUE(isServed(slow));
+    bool isGreeted = false;
+    // A machine that does other things meanwhile may be late itself; then there is more time.
+    for (const int within : {100, 1000, 8000}) {
+        publish({.greetWithin = std::chrono::milliseconds(within)});
+        RawClient slow(kName);
+        serveFor(std::chrono::milliseconds(within / 4));
+        slow.greet();
+        ASSERT_TRUE(serveUntil([&] {
+            const auto frame = slow.next();
+            isGreeted = frame && frame->kind == FrameKind::hello;
+            return isGreeted || slow.isClosed();
+        }));
+        if (!isGreeted) continue;
+        RawClient silent(kName);
+        EXPECT_EQ(farewellTo(silent), "no greeting in time") << "who came later";
+        EXPECT_TRUE(isServed(slow));
+        break;
+    }
+    EXPECT_TRUE(isGreeted);
 }
 
 TEST_F(PublicationTest, BeyondTheNumberOfSilentOnesTheLongestSilentIsDropped) {
-    publish({.maxUngreeted = 2});
+    publish({.maxUngreeted = 2, .greetWithin = std::chrono::minutes(1)});
     auto greetedOne = greeted();
     RawClient first(kName);
     RawClient second(kName);

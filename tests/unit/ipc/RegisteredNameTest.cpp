@@ -280,14 +280,17 @@ TEST_F(RegisteredNameTest, AForkedChildHoldsNothingAndWithdrawsNothing) {
 }
 
 TEST_F(RegisteredNameTest, AKilledPublishersNameIsFreeThoughItsForkedChildLivesOn) {
-    int pids[2];
-    ASSERT_EQ(pipe(pids), 0);
+    int pids[2], life[2];
+    ASSERT_EQ(pipe(pids) | pipe(life), 0);
     PublisherProcess publisher(geteuid(), [&] {
         if (fork() != 0) return;
+        close(life[1]);
         // Told by itself: only once it runs has the fork closed what it inherited.
         const pid_t grandchild = getpid();
         if (write(pids[1], &grandchild, sizeof grandchild) < 0) _exit(1);
-        for (;;) pause();
+        char none = 0;
+        (void)!read(life[0], &none, 1);  // ends with this test, however that does
+        _exit(0);
     });
     pid_t grandchild = -1;
     ASSERT_EQ(read(pids[0], &grandchild, sizeof grandchild), ssize_t{sizeof grandchild});
@@ -298,9 +301,7 @@ TEST_F(RegisteredNameTest, AKilledPublishersNameIsFreeThoughItsForkedChildLivesO
     const auto anew = publish();
     EXPECT_TRUE(anew) << why_;
     EXPECT_EQ(kill(grandchild, 0), 0) << "it lived on all the time";
-    kill(grandchild, SIGKILL);
-    close(pids[0]);
-    close(pids[1]);
+    for (const int end : {pids[0], pids[1], life[0], life[1]}) close(end);
 }
 
 TEST_F(RegisteredNameTest, AFullBacklogCountsAsNoServer) {

@@ -1,14 +1,12 @@
 #include "Support.h"
 
+#include "support/Processes.h"
+
 #include <OKVPlatform/ipc/ConnectionError.h>
 #include <OKVPlatform/ipc/Publication.h>
 
-#include <csignal>
 #include <future>
 #include <thread>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 // The one data manager that a process shares: made once, checked at every later call.
 
@@ -52,23 +50,15 @@ protected:
 
 // Publishes in a child and ends it in the hardest way: its socket file stays.
 void leaveAStaleSocketBehind() {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t publisher = fork();
-    ASSERT_GE(publisher, 0);
-    if (publisher == 0) {
+    support::Child publisher([](const auto& ready) {
         std::string why;
         const auto publication = okv::Publication::publish(kOKVDataServerName, {}, {}, why);
-        const bool written = publication && write(ready[1], "r", 1) == 1;
-        if (written) okv::RunLoop::current()->run();
-        _exit(1);
-    }
-    close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the child could not publish";
-    close(ready[0]);
-    kill(publisher, SIGKILL);
-    waitpid(publisher, nullptr, 0);
+        if (!publication) return;
+        ready();
+        okv::RunLoop::current()->run();
+    });
+    ASSERT_TRUE(publisher.isReady()) << "the child could not publish";
+    publisher.end();
 }
 
 }  // namespace

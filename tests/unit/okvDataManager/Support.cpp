@@ -60,14 +60,6 @@ const Strings& selectorsNeverSent() {
     return never;
 }
 
-bool serveUntil(const std::function<bool()>& done) {
-    using okv::RunLoop;
-    const auto deadline = RunLoop::Clock::now() + std::chrono::seconds(10);
-    while (!done() && RunLoop::Clock::now() < deadline)
-        RunLoop::current()->runUntil(RunLoop::Clock::now() + std::chrono::milliseconds(5));
-    return done();
-}
-
 void serveForAWhile() {
     okv::RunLoop::current()->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(50));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/Serving.h"
+
 #include <OKVDataManager/okvDataManager.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/system/NSLog.h>
@@ -56,6 +58,7 @@ using okv::Value;
 using okv::testing::FakeDataServer;
 using okv::testing::ReceivedMessage;
 using okv::testing::RuntimeFolder;
+using support::serveUntil;
 using Strings = std::vector<std::string>;
 using Messages = std::vector<ReceivedMessage>;
 
@@ -105,8 +108,6 @@ private:
 Strings linesOfAFailedConnect();
 /// The ten messages that belong to the interface and that a data manager never sends.
 const Strings& selectorsNeverSent();
-/// Runs this thread's loop until `done`, for ten seconds at most; answers whether it was.
-bool serveUntil(const std::function<bool()>& done);
 /// Runs this thread's loop for a short while: for what must not happen.
 void serveForAWhile();
 /// Runs the task in a forked child; answers whether it ended there without a failure.

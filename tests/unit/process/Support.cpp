@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include "support/Processes.h"
+
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -17,7 +19,7 @@ namespace processtest {
 
 static void execute(const std::string& executable, const ChildOptions& options, int output) {
     dup2(output, STDOUT_FILENO);
-    if (options.uid != 0 && (setgid(options.uid) != 0 || setuid(options.uid) != 0)) _exit(126);
+    if (options.uid != 0 && !support::becomeAccount(options.uid)) _exit(126);
     std::vector<char*> arguments;
     for (const auto& argument : options.arguments)
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -30,9 +32,7 @@ static void execute(const std::string& executable, const ChildOptions& options, 
 Child::Child(const std::string& executable, const ChildOptions& options) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("no process");
-    if (pid_ == 0) execute(executable, options, ends[1]);
+    pid_ = support::startChild([&] { execute(executable, options, ends[1]); });
     close(ends[1]);
     char first = 0;
     isReady_ = read(ends[0], &first, 1) == 1 && first == 'r';
