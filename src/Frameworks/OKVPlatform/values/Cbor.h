@@ -86,6 +86,11 @@ public:
     /// Where the next item begins, in bytes from the beginning.
     std::size_t offset() const noexcept { return offset_; }
 
+    /// Whether more items are left than so many, those inside of others counted, too. Looks at no
+    /// more of them, and stays where it stands. Malformed bytes end the count: reading them tells
+    /// what is wrong.
+    bool holdsMoreThan(std::size_t items) const;
+
     /// The next item as a value, with all that it contains.
     Value value();
     /// The same; a text takes over the memory of `room`.
