@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 namespace datacenter {
 
@@ -64,11 +65,18 @@ bool isThere(const std::string& file) {
 
 }  // namespace
 
+// A store without its log lacks what was committed last.
 void moveStore(const std::string& from, const std::string& to) {
+    std::vector<const char*> moved;
     for (const char* beside : {"", "-wal", "-shm"}) {
-        const auto file = from + beside;
-        if (rename(file.c_str(), (to + beside).c_str()) != 0 && errno != ENOENT)
-            throw StoreError("cannot set " + file + " aside: " + std::strerror(errno));
+        if (rename((from + beside).c_str(), (to + beside).c_str()) == 0) {
+            moved.push_back(beside);
+        } else if (errno != ENOENT) {
+            const StoreError error("cannot set " + from + beside +
+                                   " aside: " + std::strerror(errno));
+            for (const char* one : moved) rename((to + one).c_str(), (from + one).c_str());
+            throw error;
+        }
     }
 }
 

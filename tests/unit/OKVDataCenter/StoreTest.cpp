@@ -1,4 +1,5 @@
 #include "Harness.h"
+#include "StoreGuard.h"
 #include "View.h"
 
 #include "support/Files.h"
@@ -7,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 
 using datacenter::Limits;
@@ -54,6 +56,22 @@ void makeStore(const std::string& file) {
 }
 
 }  // namespace
+
+TEST(MovingAStore, LeavesAllOfItWhereAPartCannotBeMoved) {
+    const support::TempFolder folder;
+    for (const char* beside : {"", "-wal", "-shm"}) write(folder / "s" + beside, beside);
+    for (const char* obstacle : {"-wal", "-shm"}) {
+        const auto target = folder / "t" + obstacle;
+        std::filesystem::create_directory(target);
+        EXPECT_THROW(datacenter::moveStore(folder / "s", folder / "t"), StoreError);
+        for (const char* beside : {"", "-wal", "-shm"})
+            EXPECT_EQ(bytesOf(folder / "s" + beside), beside) << obstacle;
+        std::filesystem::remove(target);
+        EXPECT_FALSE(std::filesystem::exists(folder / "t")) << obstacle;
+    }
+    datacenter::moveStore(folder / "s", folder / "t");
+    EXPECT_EQ(bytesOf(folder / "t-wal"), "-wal");
+}
 
 TEST(Store, IsMadeForItsOwnerAloneWithOneUser) {
     const support::TempFolder folder;
