@@ -57,6 +57,17 @@ void makeStore(const std::string& file) {
 
 }  // namespace
 
+TEST(Store, IsNotOpenedWhereNoWriteAheadLogCanBeKept) {
+    const support::TempFolder folder;
+    auto* const usual = sqlite3_vfs_find(nullptr);
+    // It shares no memory, which the log needs.
+    ASSERT_EQ(sqlite3_vfs_register(sqlite3_vfs_find("unix-dotfile"), 1), SQLITE_OK);
+    const auto why = whyNotOpened(folder / "s");
+    ASSERT_EQ(sqlite3_vfs_register(usual, 1), SQLITE_OK);
+    EXPECT_NE(why.find("no write-ahead log"), std::string::npos) << why;
+    EXPECT_EQ(whyNotOpened(folder / "s"), "it was opened") << "where one can be";
+}
+
 TEST(MovingAStore, LeavesAllOfItWhereAPartCannotBeMoved) {
     const support::TempFolder folder;
     for (const char* beside : {"", "-wal", "-shm"}) write(folder / "s" + beside, beside);
