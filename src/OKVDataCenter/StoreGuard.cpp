@@ -20,7 +20,9 @@ Store::Guard::Guard(const std::string& storeFile)
     if (file_.get() < 0)
         throw StoreError("cannot open " + storeFile + ".guard: " + std::strerror(errno));
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0)
-        throw StoreError("the store " + storeFile + " is open in another server");
+        throw StoreError(errno == EWOULDBLOCK
+                             ? "the store " + storeFile + " is open in another server"
+                             : "cannot lock " + storeFile + ".guard: " + std::strerror(errno));
 }
 
 // "EPOCH REVISION\n"; anything else is no mark.

@@ -124,6 +124,19 @@ TEST(ARestoreOfWhichOneRenameFails, LeavesTheStoreAndItsMarkAsTheyWere) {
     EXPECT_EQ(calls, 4U) << "the store, the two files beside it, the copy";
 }
 
+TEST(AStoreThatCannotBeLocked, IsNotCalledAnotherServers) {
+    const support::TempFolder folder;
+    FailingCall failing(Function::lock, Kind::any, ENOLCK, 1);
+    failing.arm();
+    try {
+        const Store store(folder / "store", Limits());
+        ADD_FAILURE() << "it was opened";
+    } catch (const StoreError& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "cannot lock " + (folder / "store.guard") + ": No locks available");
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Each, AStoreOfWhichOneCallFails,
     testing::Values(std::tuple{Function::read, EIO}, std::tuple{Function::read, FailPlan::kShort},
