@@ -38,8 +38,6 @@ std::string replyWith(std::string_view payload) {
 
 struct FakeDataServer::Plan {
     Behaviour behaviour;
-    std::string payload;
-    bool isPayload = false;
     bool isGarbage = false;
     bool hangsUp = false;
 };
@@ -94,13 +92,6 @@ void FakeDataServer::answer(const std::string& selector, Value value) {
     answerBy(selector, [value = std::move(value)](const ReceivedMessage&) { return value; });
 }
 
-void FakeDataServer::answerPayload(const std::string& selector, std::string payload) {
-    Plan plan;
-    plan.payload = std::move(payload);
-    plan.isPayload = true;
-    setPlan(selector, std::move(plan));
-}
-
 void FakeDataServer::answerGarbage(const std::string& selector) {
     Plan plan;
     plan.isGarbage = true;
@@ -146,7 +137,6 @@ void FakeDataServer::carryOut(IncomingRequest& request, const ReceivedMessage& m
                               const Plan& plan) {
     if (plan.hangsUp) return publication_->closeConnections();
     if (plan.isGarbage) return request.answer(std::string(64, '\xEE'));
-    if (plan.isPayload) return request.answer(replyWith(plan.payload));
     const auto row = Rows::find(message.selector);
     if (!row && !plan.behaviour) return request.fail("unknown selector");
     request.answer(replyWith(
