@@ -17,6 +17,7 @@ constexpr std::int32_t kNoAccount = -1;
 }  // namespace
 
 bool AdminChangingSide::setCommon(const okv::Dictionary& settings) {
+    if (!ledger_.checkNamed(settings.size())) return false;
     const auto before = ledger_.store().usage(kEverybody);
     for (const auto& [key, value] : settings) {
         std::string encoded;
@@ -43,6 +44,7 @@ bool AdminChangingSide::setLocks(const Value& keys, bool locked) {
     return ledger_.change([&] {
         const auto* array = keys.getIf<okv::Array>();
         if (array == nullptr) return ledger_.refuse(Kind::invalid, "locks are an array of keys");
+        if (!ledger_.checkNamed(array->size())) return false;
         for (const auto& key : *array) {
             if (!ledger_.checkKey(key)) return false;
             const auto& text = key.as<std::string>();
@@ -88,6 +90,7 @@ bool AdminChangingSide::setProcesses(ProcessList list, const Value& processes) {
         if (dictionary == nullptr)
             return ledger_.refuse(Kind::invalid,
                                   "processes are a dictionary of name to identifier");
+        if (!ledger_.checkNamed(dictionary->size())) return false;
         const auto before = ledger_.store().processUsage(list);
         std::vector<step::Process> steps;
         for (const auto& [name, identifier] : *dictionary) {

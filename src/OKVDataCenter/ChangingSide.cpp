@@ -49,6 +49,7 @@ bool ChangingSide::setOne(const Value& key, const Value& value, std::int32_t app
 }
 
 bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t appUid) {
+    if (!ledger_.checkNamed(settings.size())) return false;
     // Nothing to store is a write for the user all the same.
     if (settings.empty()) return ledger_.checkUser(appUid) && ledger_.mayChange(appUid);
     const auto everybodys = ledger_.store().usage(kEverybody);

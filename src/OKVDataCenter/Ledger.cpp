@@ -93,6 +93,12 @@ bool Ledger::checkUser(std::int32_t user) {
     return store_.hasUser(user) || refuse(Kind::invalid, "no such user");
 }
 
+bool Ledger::checkNamed(std::size_t count) {
+    return count <= limits().writeKeys ||
+           refuse(Kind::tooLarge,
+                  "one change names at most " + std::to_string(limits().writeKeys) + " keys");
+}
+
 bool Ledger::encode(const okv::Value& value, std::size_t limit, std::string& encoded) {
     if (!isStorable(value, limits().nesting))
         return refuse(Kind::invalid, "a value holds no nil and is nested at most " +

@@ -76,6 +76,8 @@ public:
     bool mayChange(std::int32_t user);
     bool checkKey(const okv::Value& key);
     bool checkUser(std::int32_t user);
+    /// How many keys or names the request names.
+    bool checkNamed(std::size_t count);
     bool encode(const okv::Value& value, std::size_t limit, std::string& encoded);
     bool checkRoom(Scope scope, const Usage& before);
     bool checkProcesses(ProcessList list, const ProcessUsage& before);

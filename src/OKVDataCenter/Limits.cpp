@@ -32,7 +32,7 @@ std::vector<NamedLimit> limitsOfMessages(const Limits& limits) {
         {"frame_bytes", wide(okv::kMaxFramePayload)}, {"frame_nesting", wide(okv::kMaxValueDepth)},
         {"request_bytes", wide(limits.requestBytes)}, {"import_bytes", wide(limits.importBytes)},
         {"reply_bytes", wide(limits.replyBytes)},     {"reply_items", wide(limits.replyItems)},
-        {"read_keys", wide(limits.readKeys)}};
+        {"read_keys", wide(limits.readKeys)},         {"write_keys", wide(limits.writeKeys)}};
 }
 
 std::vector<NamedLimit> limitsOfTheStore(const Limits& limits) {
@@ -52,6 +52,7 @@ std::vector<NamedLimit> limitsOfTheStore(const Limits& limits) {
             {"key_bytes_told", wide(limits.keyBytesTold)},
             {"store_pages", limits.storePages},
             {"grouped_requests", wide(limits.groupedRequests)},
+            {"grouped_steps", wide(limits.groupedSteps)},
             {"queued_bytes", wide(limits.queuedBytes)},
             {"writer_stuck_seconds", limits.writerStuckAfter.count()}};
 }

@@ -17,6 +17,8 @@ struct Limits {
     std::size_t replyItems = (1U << 20) - 16;  ///< that the value in a reply consists of; the
                                                ///< rest of what a reader takes is left, too
     std::size_t readKeys = 10000;              ///< keys that one read may name
+    std::size_t writeKeys = 20000;             ///< keys or names that one change may name:
+                                               ///< all of a scope, exchanged for others
     std::size_t keyBytes = 255;
     std::size_t valueBytes = 256U << 10;  ///< one value, encoded
     std::size_t listBytes = 1U << 20;     ///< one of a user's four lists, encoded
@@ -34,6 +36,7 @@ struct Limits {
     std::size_t keyBytesTold = 8192;
     std::int64_t storePages = 1 << 20;    ///< of 4 KiB each
     std::size_t groupedRequests = 256;    ///< requests in one transaction
+    std::size_t groupedSteps = 4000;      ///< with so many, a transaction takes no further request
     std::size_t queuedBytes = 64U << 20;  ///< requests waiting for the writer
     std::size_t connections = 1024;
     std::size_t connectionsPerUid = 128;   ///< not of uid 0 and the server's own

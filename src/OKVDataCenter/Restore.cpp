@@ -92,6 +92,18 @@ void giveToOwner(const std::string& storeFile, const std::string& copy) {
     }
 }
 
+// Answers where the former store is now; where that fails, it is where it was.
+std::string replace(const std::string& storeFile, const std::string& copy) {
+    const auto former = moveAside(storeFile, ".replaced-");
+    try {
+        renameDurably(copy, storeFile);
+    } catch (const StoreError&) {
+        if (!former.empty()) moveStore(former, storeFile);
+        throw;
+    }
+    return former;
+}
+
 std::string readable(std::int64_t time) {
     const auto seconds = static_cast<std::time_t>(time);
     std::tm parts{};
@@ -126,12 +138,12 @@ Restored restoreStore(const std::string& storeFile, const LogLine& skipped) {
     giveToOwner(storeFile, copy.file());
     // A store that is gone keeps a server from starting: what is killed in between can be done
     // again.
+    const auto mark = guard.mark();
     guard.setMark(restored.epoch, restored.revision);
-    restored.former = moveAside(storeFile, ".replaced-");
     try {
-        renameDurably(copy.file(), storeFile);
+        restored.former = replace(storeFile, copy.file());
     } catch (const StoreError&) {
-        if (!restored.former.empty()) moveStore(restored.former, storeFile);
+        guard.setMark(mark.epoch, mark.revision);
         throw;
     }
     return restored;

@@ -35,6 +35,20 @@ bool leavesMuch(const Step& step) {
     return !std::holds_alternative<step::Record>(step);
 }
 
+// Why a request is refused before anything is read from it; empty where it is not. What is answered
+// here is also taken apart here, and everybody else waits meanwhile.
+std::string whyTooLarge(const okv::IncomingRequest& request, const Grant& grant,
+                        const Limits& limits) {
+    constexpr std::size_t kBesideTheKeys = 2;  // the array that holds them, and whose they are
+    if (request.size() > (grant.isImport ? limits.importBytes : limits.requestBytes))
+        return "the request is too large";
+    if (grant.where == Grant::Where::here &&
+        request.arguments().holdsMoreThan(limits.readKeys + kBesideTheKeys))
+        return "the request is too large: one read names at most " +
+               std::to_string(limits.readKeys) + " keys";
+    return {};
+}
+
 double secondsSince(SteadyClock::time_point start) {
     return std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
@@ -124,8 +138,8 @@ void Server::handle(okv::IncomingRequest& request) {
         noteRefusal(request);
         return refuse(request, *method, {Kind::notAllowed, "the caller has no right to do this"});
     }
-    if (request.size() > (grant.isImport ? limits_.importBytes : limits_.requestBytes))
-        return refuse(request, *method, {Kind::tooLarge, "the request is too large"});
+    if (auto why = whyTooLarge(request, grant, limits_); !why.empty())
+        return refuse(request, *method, {Kind::tooLarge, std::move(why)});
     if (grant.where == Grant::Where::here) return answerHere(request, *method);
     // Certainly not done, which a connection that closes could not tell.
     if (ending_) return refuse(request, *method, {Kind::failed, "the data server is ending"});

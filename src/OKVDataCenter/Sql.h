@@ -84,8 +84,6 @@ public:
         return rows.next() ? rows.integer(0) : 0;
     }
 
-    /// How many rows the last statement changed.
-    std::int64_t changed() const noexcept { return sqlite3_changes64(handle()); }
     bool inTransaction() const noexcept { return sqlite3_get_autocommit(handle()) == 0; }
 
 private:

@@ -123,6 +123,7 @@ private:
     void check(const char* how);
     void refuseEmptied() const;
     void readThrough();
+    void writeAhead();
     void requireWritable();
     void migrate(std::int64_t version);
     void noteRestoredBackup();

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 namespace datacenter {
 
@@ -33,7 +34,9 @@ Store::Guard::Guard(const std::string& storeFile) : file_(openGuard(storeFile)) 
     if (file_.get() < 0)
         throw StoreError("cannot open " + storeFile + ".guard: " + std::strerror(errno));
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0)
-        throw StoreError("the store " + storeFile + " is open in another server");
+        throw StoreError(errno == EWOULDBLOCK
+                             ? "the store " + storeFile + " is open in another server"
+                             : "cannot lock " + storeFile + ".guard: " + std::strerror(errno));
 }
 
 // "EPOCH REVISION\n"; anything else is no mark.
@@ -78,11 +81,18 @@ bool isThere(const std::string& file) {
 
 }  // namespace
 
+// A store without its log lacks what was committed last.
 void moveStore(const std::string& from, const std::string& to) {
+    std::vector<const char*> moved;
     for (const char* beside : {"", "-wal", "-shm"}) {
-        const auto file = from + beside;
-        if (rename(file.c_str(), (to + beside).c_str()) != 0 && errno != ENOENT)
-            throw StoreError("cannot set " + file + " aside: " + std::strerror(errno));
+        if (rename((from + beside).c_str(), (to + beside).c_str()) == 0) {
+            moved.push_back(beside);
+        } else if (errno != ENOENT) {
+            const StoreError error("cannot set " + from + beside +
+                                   " aside: " + std::strerror(errno));
+            for (const char* one : moved) rename((to + one).c_str(), (from + one).c_str());
+            throw error;
+        }
     }
 }
 

@@ -31,7 +31,7 @@ private:
 /// Moves a store's file, and the log beside it, to its own name with the ending and the time.
 /// Answers the new name, none where there was nothing to move; throws StoreError.
 std::string moveAside(const std::string& storeFile, const char* ending);
-/// Renames the file, and the log beside it. Throws StoreError.
+/// Renames the file, and the log beside it: all of them or none. Throws StoreError.
 void moveStore(const std::string& from, const std::string& to);
 
 }  // namespace datacenter

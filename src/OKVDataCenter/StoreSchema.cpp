@@ -170,11 +170,18 @@ void Store::open() {
     readThrough();
     leaveUntouched(*database_, false);
     chmod(file_.c_str(), 0600);
-    database_->execute(
-        "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
+    writeAhead();
+    database_->execute("PRAGMA synchronous=FULL; PRAGMA cache_size=-16384;");
     database_->execute(("PRAGMA max_page_count=" + std::to_string(limits_.storePages)).c_str());
     requireWritable();
     noteRestoredBackup();
+}
+
+// Where the engine cannot, it is no error to it: it answers the mode that it stays in.
+void Store::writeAhead() {
+    auto rows = database_->query("PRAGMA journal_mode=WAL");
+    if (!rows.next() || rows.bytes(0) != "wal")
+        throw StoreError("the store " + file_ + " cannot be used: no write-ahead log can be kept");
 }
 
 // The engine reads on where it could open the log for reading only, and would refuse every change.

@@ -82,6 +82,16 @@ void Writer::takeRequests(Work& work) {
         queuedBytes_ -= queued.request ? queued.request->size() : 0;
 }
 
+// They go first into the next transaction. What went before them is committed: where there is no
+// memory for this, the process ends, rather than that it were answered as refused.
+void Writer::putBack(std::vector<Queued>::const_iterator first,
+                     std::vector<Queued>::const_iterator end) noexcept {
+    if (first == end) return;
+    const std::lock_guard lock(mutex_);
+    queue_.insert(queue_.begin(), first, end);
+    for (; first != end; ++first) queuedBytes_ += first->request ? first->request->size() : 0;
+}
+
 bool Writer::next(Work& work) {
     std::unique_lock lock(mutex_);
     wake_.wait(lock, [this] { return hasWork() || finishing_; });
@@ -133,16 +143,20 @@ void Writer::noteSuccess() {
     failing_ = false;
 }
 
-// Why none of it was committed; nothing when all was.
+// Why none of it was committed; nothing when it was, or its beginning: a view that took over very
+// many steps at once would keep reads waiting.
 std::optional<okv::Refusal> Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
     try {
         store_.begin(group.size() == 1 ? Store::Holds::oneRequest : Store::Holds::requests);
-        for (const auto& queued : group) {
+        auto at = group.begin();
+        while (at != group.end() && batch.steps.size() < store_.limits().groupedSteps) {
+            const auto& queued = *at++;
             auto frame = carryOutOne(queued, batch);
             batch.answers.push_back(
                 {queued.request, std::move(frame), queued.request && ledger_.isDenied()});
         }
         store_.commit();
+        putBack(at, group.end());
         return std::nullopt;
     } catch (const SqlError& error) {
         return refusalFor(error);

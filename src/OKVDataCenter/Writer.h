@@ -80,6 +80,8 @@ private:
     bool next(Work& work);
     bool hasWork() const;
     void takeRequests(Work& work);
+    void putBack(std::vector<Queued>::const_iterator first,
+                 std::vector<Queued>::const_iterator end) noexcept;
     void carryOut(const std::vector<Queued>& group);
     std::optional<okv::Refusal> carryOutAll(const std::vector<Queued>& group, Batch& batch);
     std::string carryOutOne(const Queued& queued, Batch& batch);

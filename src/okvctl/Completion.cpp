@@ -3,7 +3,6 @@
 #include "Verb.h"
 
 #include <algorithm>
-#include <optional>
 
 namespace okvctl {
 

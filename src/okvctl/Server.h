@@ -7,7 +7,6 @@
 
 #include <OKVPlatform/ipc/Connection.h>
 
-#include <exception>
 #include <string>
 #include <string_view>
 

@@ -16,6 +16,7 @@ struct FailPlan {
         epollCtl,
         accept,    ///< accept, accept4
         allocate,  ///< malloc, calloc, realloc
+        lock,      ///< flock
     };
     /// A count smaller than asked for, in `error`'s place.
     static constexpr std::int32_t kShort = -1;

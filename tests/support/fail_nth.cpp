@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <link.h>
 #include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -221,6 +222,11 @@ int renameat(int fromFolder, const char* from, int toFolder, const char* to) {
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
     static auto* const next = real<int(int, const char*, int, const char*, unsigned)>("renameat2");
     return isTheOne(Function::rename) ? -1 : next(fromFolder, from, toFolder, to, flags);
+}
+
+int flock(int fd, int operation) {
+    static auto* const next = real<int(int, int)>("flock");
+    return isTheOne(Function::lock) ? -1 : next(fd, operation);
 }
 
 int ftruncate(int fd, off_t size) {

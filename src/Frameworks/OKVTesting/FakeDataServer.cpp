@@ -41,8 +41,6 @@ std::string replyWith(std::string_view payload) {
 
 struct FakeDataServer::Plan {
     Behaviour behaviour;
-    std::string payload;
-    bool isPayload = false;
     bool isGarbage = false;
     bool hangsUp = false;
 };
@@ -96,13 +94,6 @@ void FakeDataServer::answerBy(const std::string& selector, Behaviour behaviour) 
 
 void FakeDataServer::answer(const std::string& selector, Value value) {
     answerBy(selector, [value = std::move(value)](const ReceivedMessage&) { return value; });
-}
-
-void FakeDataServer::answerPayload(const std::string& selector, std::string payload) {
-    Plan plan;
-    plan.payload = std::move(payload);
-    plan.isPayload = true;
-    setPlan(selector, std::move(plan));
 }
 
 void FakeDataServer::answerGarbage(const std::string& selector) {

@@ -57,8 +57,6 @@ public:
     void answer(const std::string& selector, Value value);
     /// Answers what the function makes of the message, called on the service's thread, from now on.
     void answerBy(const std::string& selector, Behaviour behaviour);
-    /// Answers the bytes as a reply's payload, whatever they are.
-    void answerPayload(const std::string& selector, std::string payload);
     /// Answers bytes that are no frame at all.
     void answerGarbage(const std::string& selector);
     /// Hangs up when this message comes, without an answer.

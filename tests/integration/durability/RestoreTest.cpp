@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 
 using namespace durability;
@@ -192,6 +193,27 @@ TEST_F(AStoreWithBackups, IsLeftAsItIsWhenNoBackupIsGood) {
     EXPECT_EQ(ran.code, 1);
     EXPECT_THAT(ran.error, HasSubstr("no backup of the store " + server.storeFile() + " is good"));
     EXPECT_THAT(ran.error, HasSubstr("nothing was changed"));
+    auto after = contentOf(server.file(""));
+    for (const char* ofTheRun : {"said", "complained"}) after.erase(server.file(ofTheRun));
+    EXPECT_EQ(after, before);
+    ASSERT_TRUE(server.start());
+    EXPECT_EQ(get(*connect(), kKey), Value("third"));
+    EXPECT_EQ(status(*connect())["epoch"], Value(epoch));
+}
+
+TEST_F(AStoreWithBackups, IsLeftAsItIsWhenAPartOfItCannotBeSetAside) {
+    // At the name of what would be moved last, whenever within ten minutes.
+    const auto now = std::time(nullptr);
+    for (auto time = now; time < now + 600; ++time) {
+        char name[64];
+        std::strftime(name, sizeof name, ".replaced-%Y%m%dT%H%M%SZ-shm", std::gmtime(&time));
+        std::filesystem::create_directory(server.storeFile() + name);
+    }
+    const auto before = contentOf(server.file(""));
+    ASSERT_TRUE(before.contains(server.storeFile() + "-shm"));
+    const auto ran = restore();
+    EXPECT_EQ(ran.code, 1);
+    EXPECT_THAT(ran.error, HasSubstr("cannot set " + server.storeFile() + "-shm aside"));
     auto after = contentOf(server.file(""));
     for (const char* ofTheRun : {"said", "complained"}) after.erase(server.file(ofTheRun));
     EXPECT_EQ(after, before);

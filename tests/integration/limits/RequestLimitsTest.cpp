@@ -208,6 +208,19 @@ TEST_F(RequestLimits, AUserHasSixteenMebibytes) {
                    "everybody's are not the user's");
 }
 
+TEST_F(RequestLimits, AChangeExchangesAllKeysOfAUserForOthersAndNamesNoMore) {
+    const auto count = static_cast<int>(kBounds.scopeKeys);
+    expectAccepted(setAll(numbered(0, count)), "as many as there may be");
+    auto exchanged = numbered(0, count, okv::Null{});
+    for (int i = count; i < 2 * count; ++i) exchanged.set("k" + std::to_string(i), 1);
+    ASSERT_EQ(exchanged.size(), kBounds.writeKeys);
+    expectAccepted(setAll(exchanged), "at the limit");
+    EXPECT_EQ(taken("scope_keys"), count);
+    EXPECT_EQ(get(*root_, "k0"), Value(okv::Null{}));
+    exchanged.set("one more", okv::Null{});
+    expectRefused(setAll(exchanged), Kind::tooLarge, "beyond");
+}
+
 TEST_F(RequestLimits, AReadNamesTenThousandKeys) {
     Array keys;
     for (std::size_t i = 0; i < kBounds.readKeys; ++i) keys.emplace_back("k" + std::to_string(i));

@@ -1,10 +1,12 @@
 // A store of which one call of the system's fails, one after the other.
 #include "Harness.h"
+#include "Restore.h"
 #include "View.h"
 
 #include <OKVPlatform/values/Cbor.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "support/FailingCall.h"
 
@@ -91,6 +93,48 @@ TEST_P(AStoreOfWhichOneCallFails, RefusesAChangeOnlyWhenItWasNotCommitted) {
         EXPECT_EQ(holds(store, "new"), accepted);
         put(store, "new", okv::Null{});
     });
+}
+
+TEST(ARestoreOfWhichOneRenameFails, LeavesTheStoreAndItsMarkAsTheyWere) {
+    const support::TempFolder folder;
+    const auto file = folder / "store";
+    makeStore(file);
+    const auto backups = datacenter::backupFolder(file);
+    std::filesystem::create_directory(backups);
+    std::filesystem::copy_file(file, backups + '/' + datacenter::backupName(1, 0));
+    {
+        Store store(file, Limits());
+        put(store, "later", 1);
+    }
+    const auto before = support::bytesOf(file), mark = support::bytesOf(file + ".guard");
+    const auto calls =
+        forEachFailingCall(Function::rename, Kind::any, EIO, [&](FailingCall& failing) {
+            bool restored = true;
+            try {
+                failing.arm();
+                datacenter::restoreStore(file, [](const std::string&) {});
+            } catch (const StoreError&) {
+                restored = false;
+            }
+            failing.disarm();
+            EXPECT_NE(restored, failing.hasFailed());
+            EXPECT_EQ(support::bytesOf(file) == before, !restored);
+            EXPECT_EQ(support::bytesOf(file + ".guard") == mark, !restored);
+        });
+    EXPECT_EQ(calls, 4U) << "the store, the two files beside it, the copy";
+}
+
+TEST(AStoreThatCannotBeLocked, IsNotCalledAnotherServers) {
+    const support::TempFolder folder;
+    FailingCall failing(Function::lock, Kind::any, ENOLCK, 1);
+    failing.arm();
+    try {
+        const Store store(folder / "store", Limits());
+        ADD_FAILURE() << "it was opened";
+    } catch (const StoreError& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "cannot lock " + (folder / "store.guard") + ": No locks available");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(

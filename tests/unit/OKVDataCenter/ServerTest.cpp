@@ -290,6 +290,25 @@ TEST(Server, HoldsRequestsToTheirSize) {
                   Kind::tooLarge, "an import");
 }
 
+TEST(Server, ReadsNoMoreItemsThanTheKeysOfARead) {
+    Harness::Options options;
+    options.limits.readKeys = 3;
+    Harness harness(options);
+    const auto who = account(1000);
+    const auto readAll = [&](const Value& keys) {
+        return harness.askAs<&Data::okvDataAllPT_appUid>(who, keys, 1);
+    };
+    EXPECT_EQ(readAll(Array{"a", "b", "c"}).value.as<Dictionary>().size(), 3U);
+    expectRefused(readAll(Array{"a", "b", "c", "d"}), Kind::tooLarge, "a fourth key");
+    const Dictionary two{{"a", 1}, {"b", 2}}, three{{"a", 1}, {"b", 2}, {"c", 3}};
+    EXPECT_EQ(harness.askAs<&Data::okvDataPT>(who, two).value, kNull) << "no key, but few";
+    expectRefused(harness.askAs<&Data::okvDataPT>(who, three), Kind::tooLarge, "a dictionary");
+    expectRefused(harness.askAs<&Data::okvDataPT>(who, Array{Array{1, 2, 3}, 4}), Kind::tooLarge,
+                  "an array in an array");
+    expectRefused(harness.askAs<&Admin::okvDataListPT>(who, three), Kind::tooLarge, "a list");
+    EXPECT_TRUE((harness.ask<&Data::setOKVDataAllPT_appUid>(three, 1))) << "not of a change";
+}
+
 TEST(Server, HoldsAUserToItsRoomAndTakesWhatMakesItSmaller) {
     Harness::Options options;
     options.limits.scopeKeys = 3;

@@ -157,6 +157,43 @@ TEST_F(StoreLimits, ItemsOfAProcessList) {
     EXPECT_TRUE(refusesImport("flt_proc_white", withItems(18)));
 }
 
+TEST_F(StoreLimits, KeysThatOneChangeNames) {
+    Limits limits;
+    limits.writeKeys = 2;
+    restartWith(limits);
+    const auto expectTwo = [](const auto& send) {
+        EXPECT_FALSE(send(2).refusal);
+        const auto answer = send(3);
+        ASSERT_TRUE(answer.refusal);
+        EXPECT_EQ(answer.refusal->kind, Kind::tooLarge);
+        EXPECT_EQ(answer.refusal->reason, "one change names at most 2 keys");
+    };
+    const auto settings = [](int count, const Value& value) {
+        Dictionary all;
+        for (int i = 0; i < count; ++i) all.set("k" + std::to_string(i), value);
+        return all;
+    };
+    const auto keys = [](int count) { return Array(static_cast<std::size_t>(count), "k"); };
+    harness.ask<&Data::setUseridPT_applyUid>(1000, 2);
+    for (const Value& value : {Value(1), Value(Null{})}) {
+        expectTwo([&](int count) {
+            return harness.askAs<&Data::setOKVDataAllPT_appUid>(root, settings(count, value), 1);
+        });
+        expectTwo([&](int count) {
+            return harness.askAs<&Data::setOKVDataAllPT_osUid>(root, settings(count, value), 1000);
+        });
+        expectTwo([&](int count) {
+            return harness.askAs<&Admin::setOKVCommonDataAllPT>(root, settings(count, value));
+        });
+        expectTwo([&](int count) {
+            return harness.askAs<&Admin::setOkvFltProcBlackListPT>(root, settings(count, value));
+        });
+    }
+    expectTwo([&](int count) { return harness.askAs<&Admin::lockOKVDataPT>(root, keys(count)); });
+    expectTwo([&](int count) { return harness.askAs<&Admin::unlockOKVDataPT>(root, keys(count)); });
+    EXPECT_FALSE(refusesImport("everybody", settings(3, 1))) << "an import has no such bound";
+}
+
 TEST_F(StoreLimits, BytesOfAUsersList) {
     Limits limits;
     limits.listBytes = 4;

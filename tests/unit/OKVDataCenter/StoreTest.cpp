@@ -1,4 +1,5 @@
 #include "Harness.h"
+#include "StoreGuard.h"
 #include "View.h"
 
 #include "support/Files.h"
@@ -7,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 
 using datacenter::Limits;
@@ -54,6 +56,33 @@ void makeStore(const std::string& file) {
 }
 
 }  // namespace
+
+TEST(Store, IsNotOpenedWhereNoWriteAheadLogCanBeKept) {
+    const support::TempFolder folder;
+    auto* const usual = sqlite3_vfs_find(nullptr);
+    // It shares no memory, which the log needs.
+    ASSERT_EQ(sqlite3_vfs_register(sqlite3_vfs_find("unix-dotfile"), 1), SQLITE_OK);
+    const auto why = whyNotOpened(folder / "s");
+    ASSERT_EQ(sqlite3_vfs_register(usual, 1), SQLITE_OK);
+    EXPECT_NE(why.find("no write-ahead log"), std::string::npos) << why;
+    EXPECT_EQ(whyNotOpened(folder / "s"), "it was opened") << "where one can be";
+}
+
+TEST(MovingAStore, LeavesAllOfItWhereAPartCannotBeMoved) {
+    const support::TempFolder folder;
+    for (const char* beside : {"", "-wal", "-shm"}) write(folder / "s" + beside, beside);
+    for (const char* obstacle : {"-wal", "-shm"}) {
+        const auto target = folder / "t" + obstacle;
+        std::filesystem::create_directory(target);
+        EXPECT_THROW(datacenter::moveStore(folder / "s", folder / "t"), StoreError);
+        for (const char* beside : {"", "-wal", "-shm"})
+            EXPECT_EQ(bytesOf(folder / "s" + beside), beside) << obstacle;
+        std::filesystem::remove(target);
+        EXPECT_FALSE(std::filesystem::exists(folder / "t")) << obstacle;
+    }
+    datacenter::moveStore(folder / "s", folder / "t");
+    EXPECT_EQ(bytesOf(folder / "t-wal"), "-wal");
+}
 
 TEST(Store, IsMadeForItsOwnerAloneWithOneUser) {
     const support::TempFolder folder;

@@ -56,6 +56,7 @@ protected:
                                 datacenter::Limits limits;
                                 limits.storePages = 200;
                                 limits.queuedBytes = 1 << 20;
+                                limits.groupedSteps = 20;
                                 return limits;
                             }()};
     datacenter::Rights rights{{false, 4000, std::nullopt}};
@@ -97,6 +98,29 @@ TEST_F(WriterAlone, WhatQueuedUpMeanwhileIsOneTransactionWithOutcomesOfItsOwn) {
     EXPECT_EQ(view.revision(), 2);
     EXPECT_EQ(view.settingCount(), 2);
     EXPECT_EQ(view.find(1, "c").setting, nullptr);
+}
+
+TEST_F(WriterAlone, ATransactionOfManyStepsLeavesFurtherRequestsToTheNext) {
+    holdWriter();
+    Dictionary many;
+    for (int i = 0; i < 30; ++i) many.set("k" + std::to_string(i), i);
+    queueSet("first", 1);
+    queue<&Data::setOKVDataAllPT_appUid>(many, 1);
+    queue<&Data::setOKVDataAllPT_appUid>(many, 1);
+    queueSet("last", 1);
+    const auto bytes = writer.waitingBytes();
+    poster.letGo();
+    std::int64_t revision = 0;
+    for (const std::size_t count : {2U, 1U, 1U}) {
+        const auto batch = next();
+        ASSERT_EQ(batch->answers.size(), count);
+        for (const auto& held : batch->answers) EXPECT_TRUE(answer(held).value);
+        EXPECT_GT(batch->told.at(0).revision, revision) << "in the order in which they came";
+        revision = batch->told.back().revision;
+    }
+    EXPECT_GT(bytes, 0U);
+    EXPECT_EQ(writer.waitingBytes(), 0U);
+    EXPECT_EQ(writer.waiting(), 0U);
 }
 
 TEST_F(WriterAlone, ALoneRequestIsCarriedOutAtOnce) {

@@ -141,3 +141,25 @@ TEST_P(GoodCbor, IsReadAndComesBackEqual) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Corpus, GoodCbor, testing::ValuesIn(corpus("good_")), nameOf);
+
+TEST(CborReader, CountsItemsAsFarAsAsked) {
+    const auto bytes = okv::encodeCbor(Array{Dictionary{{"key", okv::Data(std::string(300, '\1'))}},
+                                             okv::Date{1.5}, Value(), std::string(70000, 't')});
+    constexpr std::size_t kItems = 8;  // the date is two: a tag, and a real
+    okv::CborReader reader(bytes);
+    EXPECT_TRUE(reader.holdsMoreThan(0));
+    EXPECT_TRUE(reader.holdsMoreThan(kItems - 1));
+    EXPECT_FALSE(reader.holdsMoreThan(kItems));
+    EXPECT_FALSE(reader.holdsMoreThan(1000000));
+    EXPECT_EQ(reader.offset(), 0U) << "it was only looked at";
+    EXPECT_EQ(reader.arrayHeader(), 4U);
+    EXPECT_TRUE(reader.holdsMoreThan(kItems - 2));
+    EXPECT_FALSE(reader.holdsMoreThan(kItems - 1)) << "of what is left";
+    EXPECT_FALSE(okv::CborReader("").holdsMoreThan(0));
+}
+
+TEST(CborReader, CountsUpToMalformedBytes) {
+    EXPECT_FALSE(okv::CborReader("\x82\x01\xFF\x01").holdsMoreThan(2));
+    EXPECT_TRUE(okv::CborReader("\x82\x01\xFF\x01").holdsMoreThan(1));
+    EXPECT_FALSE(okv::CborReader("\x69text").holdsMoreThan(1)) << "cut short";
+}

@@ -7,10 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cmath>
-#include <cstring>
 #include <thread>
 #include <utility>
 

@@ -169,7 +169,7 @@ public:
     /// The last reason given; none when the request was not refused.
     const std::optional<Refusal>& refusal() const noexcept { return refusal_; }
     /// Answers with a value that stays where it is, in place of the one that the method returns: a
-    /// large one need not be copied. It must stay unchanged until the method has returned.
+    /// large one need not be copied. It must stay unchanged until the reply is sent.
     void answerWith(const Value& result) noexcept { result_ = &result; }
     /// Null where the method's own result counts.
     const Value* result() const noexcept { return result_; }

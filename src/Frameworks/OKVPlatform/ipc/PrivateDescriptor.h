@@ -24,7 +24,7 @@ public:
     }
     /// The other is "none" then.
     PrivateDescriptor(PrivateDescriptor&& other) noexcept;
-    /// Closes its own first.
+    /// Its own goes to the other, and is closed with that.
     PrivateDescriptor& operator=(PrivateDescriptor&& other) noexcept;
     ~PrivateDescriptor() { close(); }
 

@@ -18,7 +18,6 @@ public:
     /// Tells the client why it is not served, and ends.
     void refuse(const std::string& why) { end(why); }
     void close() { end(); }
-    bool isGreeted() const noexcept { return greeted_; }
     bool isFlushed() const noexcept { return out_.empty(); }
     std::size_t queuedOutput() const noexcept { return out_.size() - outFront_; }
     std::size_t pendingRequests() const noexcept { return pending_; }

@@ -74,7 +74,7 @@ public:
     /// has ended and was not reaped yet does not run. Answers noErr or procNotFound.
     OSStatus GetProcessForPID(std::int32_t pid, ProcessSerialNumber* psn) const;
 
-    /// readPropertyListFile with its limit; nil for a file that it refuses.
+    /// readPropertyListFile for at most 1 MiB; nil for a file that it refuses.
     static PropertyListReader defaultReader();
 
 private:

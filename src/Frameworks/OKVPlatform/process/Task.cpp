@@ -5,7 +5,6 @@
 #include <spawn.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>

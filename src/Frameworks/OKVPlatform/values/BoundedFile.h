@@ -11,7 +11,7 @@ namespace okv {
 /// The bytes of a file, or why there are none: exactly one of the two is set.
 struct FileBytes {
     std::optional<std::string> bytes;
-    /// Begins with the file's path.
+    /// Begins with the file's path, unless a NUL byte in that is the reason.
     std::string error;
     /// Whether the file was read.
     explicit operator bool() const noexcept { return bytes.has_value(); }

@@ -287,6 +287,18 @@ Value CborReader::valueOf(Head head, std::size_t depth) {
     }
 }
 
+bool CborReader::holdsMoreThan(std::size_t items) const try {
+    auto rest = *this;
+    for (std::size_t seen = 0; !rest.atEnd(); ++seen) {
+        const auto head = rest.next();
+        if (seen == items) return true;
+        if (head.major == Major::text || head.major == Major::bytes) rest.content(head);
+    }
+    return false;
+} catch (const CborError&) {
+    return false;
+}
+
 Value CborReader::value() {
     return nested(0);
 }

@@ -88,6 +88,11 @@ public:
     /// Throws CborError when bytes are left over.
     void expectEnd() const;
 
+    /// Whether more items are left than so many, those inside of others counted, too. Looks at no
+    /// more of them, and stays where it stands. Malformed bytes end the count: reading them tells
+    /// what is wrong.
+    bool holdsMoreThan(std::size_t items) const;
+
     /// The next item as a value, with all that it contains.
     Value value();
     /// The same; a text takes over the memory of `room`.

@@ -3,7 +3,6 @@
 #include <OKVPlatform/Export.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string_view>

@@ -46,9 +46,9 @@ public:
     template <std::same_as<bool> T>
     Value(T flag) noexcept : storage_(flag) {}
     /// An integer of any width. Throws std::out_of_range above 2^63-1.
-    /// A real.
     template <std::integral T>
     requires(!std::same_as<T, bool>) Value(T number) : storage_(checkedInteger(number)) {}
+    /// A real.
     template <std::floating_point T>
     Value(T number) noexcept : storage_(static_cast<double>(number)) {}
     /// A string, with whatever bytes.
