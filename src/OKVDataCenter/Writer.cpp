@@ -82,16 +82,6 @@ void Writer::takeRequests(Work& work) {
         queuedBytes_ -= queued.request ? queued.request->size() : 0;
 }
 
-// They go first into the next transaction. What went before them is committed: where there is no
-// memory for this, the process ends, rather than that it were answered as refused.
-void Writer::putBack(std::vector<Queued>::const_iterator first,
-                     std::vector<Queued>::const_iterator end) noexcept {
-    if (first == end) return;
-    const std::lock_guard lock(mutex_);
-    queue_.insert(queue_.begin(), first, end);
-    for (; first != end; ++first) queuedBytes_ += first->request ? first->request->size() : 0;
-}
-
 bool Writer::next(Work& work) {
     std::unique_lock lock(mutex_);
     wake_.wait(lock, [this] { return hasWork() || finishing_; });
@@ -104,7 +94,7 @@ bool Writer::next(Work& work) {
 void Writer::run() {
     for (Work work; next(work);) {
         busySince_ = std::chrono::steady_clock::now().time_since_epoch().count();
-        if (!work.requests.empty()) carryOut(work.requests);
+        for (Group group = work.requests; !group.empty();) group = carryOut(group);
         work = Work();  // under no lock: what remains may be a whole former view
         busySince_ = kIdle;
     }
@@ -118,9 +108,10 @@ std::chrono::nanoseconds Writer::busyFor() const noexcept {
     return Steady::now() - Steady::time_point(Steady::duration(since));
 }
 
-void Writer::carryOut(const std::vector<Queued>& group) {
+// Answers those that were not carried out yet.
+Writer::Group Writer::carryOut(Group group) {
     auto batch = std::make_shared<Batch>();
-    if (const auto failure = carryOutAll(group, *batch)) {
+    if (const auto failure = carryOutSome(group, *batch)) {
         store_.rollback();
         noteFailure(*failure);
         *batch = Batch();
@@ -129,7 +120,9 @@ void Writer::carryOut(const std::vector<Queued>& group) {
     } else {
         noteSuccess();
     }
+    const auto rest = group.subspan(batch->answers.size());
     handlers_.handOver(std::move(batch));
+    return rest;
 }
 
 // A disk that fails for long fills the log with one line.
@@ -143,20 +136,18 @@ void Writer::noteSuccess() {
     failing_ = false;
 }
 
-// Why none of it was committed; nothing when it was, or its beginning: a view that took over very
-// many steps at once would keep reads waiting.
-std::optional<okv::Refusal> Writer::carryOutAll(const std::vector<Queued>& group, Batch& batch) {
+// Why none of it was committed; nothing when its beginning was, mostly all: a view that took over
+// very many steps at once would keep reads waiting.
+std::optional<okv::Refusal> Writer::carryOutSome(Group group, Batch& batch) {
     try {
         store_.begin(group.size() == 1 ? Store::Holds::oneRequest : Store::Holds::requests);
-        auto at = group.begin();
-        while (at != group.end() && batch.steps.size() < store_.limits().groupedSteps) {
-            const auto& queued = *at++;
+        for (const auto& queued : group) {
             auto frame = carryOutOne(queued, batch);
             batch.answers.push_back(
                 {queued.request, std::move(frame), queued.request && ledger_.isDenied()});
+            if (batch.steps.size() >= store_.limits().groupedSteps) break;
         }
         store_.commit();
-        putBack(at, group.end());
         return std::nullopt;
     } catch (const SqlError& error) {
         return refusalFor(error);

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -69,6 +70,7 @@ private:
         okv::Ref<okv::IncomingRequest> request;
         Method method;
     };
+    using Group = std::span<const Queued>;
     struct Work {
         std::vector<Queued> requests;
         std::vector<std::shared_ptr<Batch>> remains;
@@ -80,10 +82,8 @@ private:
     bool next(Work& work);
     bool hasWork() const;
     void takeRequests(Work& work);
-    void putBack(std::vector<Queued>::const_iterator first,
-                 std::vector<Queued>::const_iterator end) noexcept;
-    void carryOut(const std::vector<Queued>& group);
-    std::optional<okv::Refusal> carryOutAll(const std::vector<Queued>& group, Batch& batch);
+    Group carryOut(Group group);
+    std::optional<okv::Refusal> carryOutSome(Group group, Batch& batch);
     std::string carryOutOne(const Queued& queued, Batch& batch);
     std::string send(const Queued& queued);
     static std::string failed(const Queued& queued, const okv::Refusal& failure);

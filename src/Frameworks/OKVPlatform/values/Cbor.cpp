@@ -288,6 +288,7 @@ Value CborReader::valueOf(Head head, std::size_t depth) {
 }
 
 bool CborReader::holdsMoreThan(std::size_t items) const try {
+    if (bytes_.size() - offset_ <= items) return false;  // none takes less than a byte
     auto rest = *this;
     for (std::size_t seen = 0; !rest.atEnd(); ++seen) {
         const auto head = rest.next();
