@@ -152,14 +152,13 @@ void FakeDataServer::carryOut(IncomingRequest& request, const ReceivedMessage& m
     if (plan.hangsUp) return publication_->closeConnections();
     if (plan.isGarbage) return request.answer(std::string(64, '\xEE'));
     const auto row = Rows::find(message.selector);
-    if (!row && !plan.behaviour && !plan.isPayload) return request.fail("unknown selector");
+    if (!row && !plan.behaviour) return request.fail("unknown selector");
     const auto payload = payloadFor(message, plan);
     if (message.selector == kRegister && payload == encodeCbor(true)) keepClient(request);
     request.answer(replyWith(payload));
 }
 
 std::string FakeDataServer::payloadFor(const ReceivedMessage& message, const Plan& plan) {
-    if (plan.isPayload) return plan.payload;
     if (plan.behaviour) return encodeCbor(plan.behaviour(message));
     return encodeCbor(zeroOf(Rows::resultType(*Rows::find(message.selector))));
 }

@@ -109,7 +109,7 @@ TEST_F(WriterAlone, ATransactionOfManyStepsLeavesFurtherRequestsToTheNext) {
     queue<&Data::setOKVDataAllPT_appUid>(many, 1);
     queueSet("last", 1);
     const auto bytes = writer.waitingBytes();
-    poster.letGo();
+    letGo();
     std::int64_t revision = 0;
     for (const std::size_t count : {2U, 1U, 1U}) {
         const auto batch = next();

@@ -69,15 +69,15 @@ TEST_F(FakeDataServerTest, DoesNotKeepAClientThatItAnsweredNo) {
     EXPECT_EQ(timesTold(), 0);
 }
 
-TEST_F(FakeDataServerTest, KeepsWhomABehaviourOrAPayloadAcceptsAndNobodyElse) {
+TEST_F(FakeDataServerTest, KeepsWhomABehaviourOrAnAnswerAcceptsAndNobodyElse) {
     server().answerBy("registerAsClient:", [](const ReceivedMessage&) { return Value(true); });
     EXPECT_TRUE(registerClient());
     EXPECT_EQ(timesTold(), 1);
     removeClient();
-    server().answerPayload("registerAsClient:", okv::encodeCbor(false));
+    server().answer("registerAsClient:", false);
     EXPECT_FALSE(registerClient());
     EXPECT_EQ(timesTold(), 0);
-    server().answerPayload("registerAsClient:", okv::encodeCbor(true));
+    server().answer("registerAsClient:", true);
     EXPECT_TRUE(registerClient());
     EXPECT_EQ(timesTold(), 1);
 }
