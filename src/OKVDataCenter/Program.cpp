@@ -139,6 +139,7 @@ int serveStore(const Options& options, Signals& signals) {
     if (!makeRuntimeDirectory(okv::runtimeDirectory(), why) || !publish(server, why))
         return fail(why);
     signals.serve(server, manager);
+    poster.settle();  // who starts once the server is ready hears of nothing before
     tellReady(server, manager);
     backups->start();
     server.run();

@@ -3,6 +3,7 @@
 #include <OKVPlatform/ipc/RuntimeFolder.h>
 
 #include <iterator>
+#include <new>
 #include <utility>
 
 namespace datacenter {
@@ -12,6 +13,7 @@ namespace {
 // Another poster that was stopped while it held the lock must not hold all notices up for long.
 constexpr std::chrono::milliseconds kLockWait{200};
 constexpr std::chrono::seconds kEndWithin{5};
+constexpr std::chrono::seconds kSettleWithin{1};
 
 }  // namespace
 
@@ -26,7 +28,7 @@ SystemPoster::~SystemPoster() {
         const std::lock_guard lock(mutex_);
         ending_ = true;
         endBy_ = Clock::now() + kEndWithin;
-        changed_.notify_one();
+        changed_.notify_all();
     }
     thread_.join();
 }
@@ -38,17 +40,37 @@ void SystemPoster::post(Told told) {
         waiting_.push_back(std::move(told));
     else
         missed_.add(std::move(told));
-    changed_.notify_one();
+    changed_.notify_all();
+}
+
+void SystemPoster::settle() {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kSettleWithin, [this] { return waiting_.empty() && !posting_; });
 }
 
 void SystemPoster::run() {
-    for (Told told; next(told);)
+    while (!hasEnded()) {
+    }
+}
+
+// Without memory the notice at hand is lost, and what comes next is tried anew: revisions tell that
+// there was one.
+bool SystemPoster::hasEnded() {
+    try {
+        Told told;
+        if (!next(told)) return true;
         if (!tryPost(told)) miss(std::move(told));
+    } catch (const std::bad_alloc&) {
+        noteFailure("no memory");
+    }
+    return false;
 }
 
 // False once it is time to end.
 bool SystemPoster::next(Told& told) {
     std::unique_lock lock(mutex_);
+    posting_ = false;
+    changed_.notify_all();
     changed_.wait(lock, [this] { return ending_ || !waiting_.empty() || !missed_.isEmpty(); });
     if (ending_ && Clock::now() >= endBy_) return false;
     if (waiting_.empty()) {
@@ -59,6 +81,7 @@ bool SystemPoster::next(Told& told) {
     if (waiting_.empty()) return false;
     told = std::move(waiting_.front());
     waiting_.pop_front();
+    posting_ = true;
     return true;
 }
 
@@ -82,6 +105,8 @@ void SystemPoster::noteFailure(const char* reason) {
 // With all that waits, which would fail as well; then nothing is tried for a while.
 void SystemPoster::miss(Told told) {
     std::unique_lock lock(mutex_);
+    posting_ = false;
+    changed_.notify_all();
     missed_.add(std::move(told));
     for (auto& later : std::exchange(waiting_, {})) missed_.add(std::move(later));
     if (ending_)

@@ -34,9 +34,12 @@ public:
     SystemPoster& operator=(const SystemPoster&) = delete;
 
     void post(Told told) override;
+    /// Waits until what was told is posted, or cannot be; a second at the most.
+    void settle();
 
 private:
     void run();
+    bool hasEnded();
     bool next(Told& told);
     bool tryPost(const Told& told);
     void noteFailure(const char* reason);
@@ -51,6 +54,7 @@ private:
     std::condition_variable changed_;
     std::deque<Told> waiting_;
     MissedChanges missed_;  ///< later than all that waits
+    bool posting_ = false;
     bool ending_ = false;
     Clock::time_point endBy_;
     std::thread thread_;

@@ -148,6 +148,16 @@ TEST_F(ASystemPoster, KeepsNobodyWaitingWhileAnotherOneHoldsTheLog) {
     EXPECT_EQ(posted(2), (Words{"1 of 5 keys", "4999"}));
 }
 
+TEST_F(ASystemPoster, IsSettledOnceWhatItWasToldIsPostedOrCannotBe) {
+    for (int revision = 1; revision <= 50; ++revision) post(revision);
+    poster_->settle();
+    EXPECT_EQ(posted(0).size(), 50U);
+    makeUnfit();
+    post(51);
+    poster_->settle();
+    EXPECT_EQ(logged(0).size(), 1U);
+}
+
 TEST_F(ASystemPoster, PostsWhatWaitsBeforeItEnds) {
     for (int revision = 1; revision <= 500; ++revision) post(revision);
     poster_.reset();
