@@ -19,7 +19,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -45,25 +47,6 @@ __attribute__((constructor)) void readPlan() {
     okvFailPlan = static_cast<FailPlan*>(mapped);
 }
 
-// The system ends a process that cannot note what is to be destroyed with a thread: nothing of ours
-// could do anything about that.
-bool isForThreadEnd(const void* caller) {
-    static const struct Noting {
-        const char* begin =
-            static_cast<const char*>(dlsym(RTLD_DEFAULT, "__cxa_thread_atexit_impl"));
-        std::size_t size = 0;
-        Noting() {
-            Dl_info information{};
-            ElfW(Sym)* symbol = nullptr;
-            if (dladdr1(begin, &information, reinterpret_cast<void**>(&symbol), RTLD_DL_SYMENT) !=
-                0)
-                size = symbol->st_size;
-        }
-    } noting;
-    const auto* at = static_cast<const char*>(caller);
-    return at >= noting.begin && at < noting.begin + noting.size;
-}
-
 // Whether this call is the one; then errno tells why, but for a short count.
 bool isTheOne(Function function) {
     if (okvFailPlan == nullptr || okvFailPlan->function != function || !okvFailPlan->armed)
@@ -74,9 +57,34 @@ bool isTheOne(Function function) {
     return true;
 }
 
+// Where it lies in memory. What it takes for itself is not counted: where it cannot note what is to
+// be destroyed with a thread it ends the process, and its look-up of groups asserts.
+struct Libc {
+    std::uintptr_t begin = 0, end = 0;
+
+    Libc() { dl_iterate_phdr(&look, this); }
+    static int look(dl_phdr_info* object, std::size_t, void* self) {
+        if (std::strstr(object->dlpi_name, "/libc.so.") == nullptr) return 0;
+        auto& libc = *static_cast<Libc*>(self);
+        libc.begin = object->dlpi_addr;
+        for (int i = 0; i < object->dlpi_phnum; ++i) {
+            const auto& part = object->dlpi_phdr[i];
+            if (part.p_type == PT_LOAD)
+                libc.end = std::max(libc.end, object->dlpi_addr + part.p_vaddr + part.p_memsz);
+        }
+        return 1;
+    }
+};
+
+bool isWithinLibc(const void* caller) {
+    static const Libc libc;
+    const auto at = reinterpret_cast<std::uintptr_t>(caller);
+    return at >= libc.begin && at < libc.end;
+}
+
 bool isTheAllocation(const void* caller) {
     return okvFailPlan != nullptr && okvFailPlan->armed &&
-           okvFailPlan->function == Function::allocate && !isForThreadEnd(caller) &&
+           okvFailPlan->function == Function::allocate && !isWithinLibc(caller) &&
            isTheOne(Function::allocate);
 }
 
