@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
 namespace okv {
 
 // Opening takes the lowest number that is free: that of the descriptor itself, since all below are
