@@ -23,9 +23,9 @@ constexpr std::uint32_t kCalm = EPOLLIN | EPOLLRDHUP | EPOLLET;
 constexpr int kSendBuffer = 384 * 1024;
 constexpr std::uint32_t kGone = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
 
-// Taken of one client in a turn, so that one with many requests at once does not keep the others
-// waiting.
-constexpr int kFramesPerTurn = 4;
+// Taken of one client in a turn: one with many requests at once keeps the others waiting for one of
+// them.
+constexpr int kFramesPerTurn = 1;
 
 std::string encodeServerHello(bool hasRoot) {
     std::string frame;
@@ -133,7 +133,7 @@ void ServedConnection::takeFrames() {
 // Answers whether there may be more.
 bool ServedConnection::takeSomeFrames() {
     for (int left = kFramesPerTurn; publication_ != nullptr && mayRead(); --left) {
-        if (left == 0) return true;
+        if (left == 0) return !bytes_.empty();
         const auto frame = bytes_.next();
         if (!frame) return false;
         takeFrame(*frame);
