@@ -23,10 +23,6 @@ constexpr std::uint32_t kCalm = EPOLLIN | EPOLLRDHUP | EPOLLET;
 constexpr int kSendBuffer = 384 * 1024;
 constexpr std::uint32_t kGone = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
 
-// Taken of one client in a turn: one with many requests at once keeps the others waiting for one of
-// them.
-constexpr int kFramesPerTurn = 1;
-
 std::string encodeServerHello(bool hasRoot) {
     std::string frame;
     beginFrame(frame, FrameKind::hello);
@@ -119,7 +115,7 @@ void ServedConnection::takeFrames() {
     taking_ = Taking::now;
     bool goesOn = false;
     try {
-        goesOn = takeSomeFrames();
+        goesOn = takeNextFrame();
     } catch (const std::exception& error) {
         end(error.what());
     }
@@ -130,15 +126,14 @@ void ServedConnection::takeFrames() {
     updateEvents();
 }
 
+// One in a turn: a client with many requests at once keeps the others waiting for one of them.
 // Answers whether there may be more.
-bool ServedConnection::takeSomeFrames() {
-    for (int left = kFramesPerTurn; publication_ != nullptr && mayRead(); --left) {
-        if (left == 0) return !bytes_.empty();
-        const auto frame = bytes_.next();
-        if (!frame) return false;
-        takeFrame(*frame);
-    }
-    return false;
+bool ServedConnection::takeNextFrame() {
+    if (!mayRead()) return false;
+    const auto frame = bytes_.next();
+    if (!frame) return false;
+    takeFrame(*frame);
+    return mayRead() && !bytes_.empty();
 }
 
 // A client that always has more to ask keeps this thread busy for good. Who waits for its core, the

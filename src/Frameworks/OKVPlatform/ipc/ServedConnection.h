@@ -34,7 +34,7 @@ private:
     void serve(std::uint32_t events);
     bool readOnce();
     void takeFrames();
-    bool takeSomeFrames();
+    bool takeNextFrame();
     void takeMoreNextTurn();
     void takeFrame(const Frame& frame);
     void takeHello(const Frame& frame);
