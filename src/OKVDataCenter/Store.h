@@ -100,7 +100,6 @@ public:
 
     okv::Dictionary processes(ProcessList list);
     bool hasUser(std::int32_t user);
-    std::vector<std::int32_t> users();
     std::optional<std::int32_t> assignedUser(std::int64_t osUid);
     bool isLocked(std::string_view key);
     Usage usage(Scope scope);

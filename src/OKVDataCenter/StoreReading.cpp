@@ -123,13 +123,6 @@ bool Store::hasUser(std::int32_t user) {
     return true;
 }
 
-std::vector<std::int32_t> Store::users() {
-    std::vector<std::int32_t> users;
-    for (auto rows = database_->query("SELECT id FROM scopes WHERE id > 0"); rows.next();)
-        users.push_back(narrow(rows.integer(0)));
-    return users;
-}
-
 std::optional<std::int32_t> Store::assignedUser(std::int64_t osUid) {
     auto rows = database_->query("SELECT assigned FROM accounts WHERE os_uid = ?", osUid);
     return rows.next() ? narrow(rows.optionalInteger(0)) : std::nullopt;

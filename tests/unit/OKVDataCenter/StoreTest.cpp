@@ -90,7 +90,8 @@ TEST(Store, IsMadeForItsOwnerAloneWithOneUser) {
     commit(store, setting(1, "k", 1));
     for (const char* name : {"s", "s-wal", "s-shm", "s.guard"})
         EXPECT_EQ(modeOf(folder / name), 0600U) << name;
-    EXPECT_EQ(store.users(), std::vector<std::int32_t>{1});
+    EXPECT_EQ(store.userCount(), 1);
+    EXPECT_TRUE(store.hasUser(1));
     EXPECT_EQ(store.highestUser(), 1);
     EXPECT_EQ(store.revision(), 0);
     EXPECT_EQ(store.epoch().size(), 32U);
