@@ -148,6 +148,15 @@ TEST_F(PublicationTest, AClientThatGoesIsToldOfOnceAndItsLateAnswerDropped) {
     EXPECT_EQ(publication_->connectionCount(), 0U);
 }
 
+TEST_F(PublicationTest, AClientThatWentBeforeItWasAcceptedIsNotToldOf) {
+    int connected = 0;
+    publish({.connected = [&](okv::MessagePort&) { ++connected; }});
+    for (int i = 0; i < 20; ++i) RawClient(kName).hangUp();
+    auto client = greeted();
+    EXPECT_EQ(connected, 1);
+    EXPECT_TRUE(isServed(client));
+}
+
 TEST_F(PublicationTest, AClientThatIsNotReadIsStillSeenToGo) {
     publish({.maxPendingRequests = 1});
     auto client = greeted();

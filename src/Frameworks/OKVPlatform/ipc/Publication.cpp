@@ -15,9 +15,14 @@ namespace {
 
 // Without descriptors the next try comes when a connection ends, and in any case after this time.
 constexpr std::chrono::milliseconds kAcceptAgain{100};
-// Accepted in one turn, so that a storm of connections does not keep the connected waiting.
-constexpr int kAcceptsPerTurn = 16;
 constexpr char kNoRoomForName[] = "the system has no room to watch the name's socket";
+
+// Whoever only connects and goes away costs a fraction of a connection then: those that are served
+// feel it less.
+bool hasHungUp(int socket) {
+    char byte = 0;
+    return recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
 
 bool hasRunLoop(std::string& why) {
     if (RunLoop::currentIfPossible()) return true;
@@ -40,7 +45,7 @@ Ref<Publication> Publication::serving(std::unique_ptr<PublishedName> name, RootO
     auto publication = make<Publication>(std::move(name), std::move(root), std::move(options));
     auto* self = publication.get();
     publication->source_ = self->loop_->watch(
-        self->name_->listener(), EPOLLIN, [self](std::uint32_t) { self->acceptAll(); }, self);
+        self->name_->listener(), EPOLLIN, [self](std::uint32_t) { self->acceptOne(); }, self);
     return publication->source_ != 0 ? publication : nullptr;
 }
 
@@ -66,21 +71,18 @@ Ref<Publication> Publication::adopt(std::string_view name, int listener, RootObj
     return publication;
 }
 
-void Publication::acceptAll() {
-    for (int i = 0; i < kAcceptsPerTurn && acceptOne(); ++i) {
-    }
-}
-
-bool Publication::acceptOne() {
+// One in a turn, so that a storm of connections does not keep the connected waiting.
+void Publication::acceptOne() {
     auto socket = PrivateDescriptor::opened(
         [&] { return accept4(name_->listener(), nullptr, nullptr, SOCK_CLOEXEC); });
     if (!socket.isValid()) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
             pauseAccepting();
-        return errno == EINTR || errno == ECONNABORTED;
+        return;
     }
+    if (hasHungUp(socket.get())) return;
     auto peer = PeerIdentity::ofSocket(socket.get());
-    if (!peer || (delegate_ != nullptr && !delegate_->shouldMakeNewConnection(*peer))) return true;
+    if (!peer || (delegate_ != nullptr && !delegate_->shouldMakeNewConnection(*peer))) return;
     const auto uid = peer->uid;
     const auto refusal = refusalFor(*peer);
     const auto connection = make<ServedConnection>(*this, std::move(socket), std::move(*peer));
@@ -90,7 +92,6 @@ bool Publication::acceptOne() {
     if (options_.connected) options_.connected(*connection);
     refusal.empty() ? connection->start() : connection->refuse(refusal);
     dropSilent();
-    return true;
 }
 
 bool Publication::isCounted(uid_t uid) const {

@@ -134,8 +134,7 @@ private:
     static Ref<Publication> serving(std::unique_ptr<PublishedName> name, RootObject root,
                                     PublicationOptions options);
 
-    void acceptAll();
-    bool acceptOne();
+    void acceptOne();
     void pauseAccepting();
     void resumeLater();
     void resumeAccepting();
