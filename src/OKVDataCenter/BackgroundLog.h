@@ -1,6 +1,6 @@
 #pragma once
 
-#include "RefusalLog.h"
+#include "LogLine.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "BackupFolder.h"
-#include "RefusalLog.h"
+#include "LogLine.h"
 
 #include <OKVPlatform/ipc/RunLoop.h>
 #include <OKVPlatform/values/Object.h>

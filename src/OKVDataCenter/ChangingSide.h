@@ -73,7 +73,4 @@ private:
     Ledger& ledger_;
 };
 
-/// Accounts are told by uids of 0 and above; 65534 stands for somebody of another namespace.
-bool isAccount(std::int64_t osUid);
-
 }  // namespace datacenter

@@ -2,17 +2,11 @@
 #include "Keys.h"
 #include "View.h"
 
-#include <OKVPlatform/ipc/PeerIdentity.h>
-
 #include <cmath>
 
 namespace datacenter {
 
 using Kind = okv::Refusal::Kind;
-
-bool isAccount(std::int64_t osUid) {
-    return osUid >= 0 && osUid != std::int64_t{okv::kOverflowUid};
-}
 
 bool ChangingSide::setCurrentUserIdPT(const Value& user) {
     return ledger_.change([&] {

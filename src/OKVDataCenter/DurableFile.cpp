@@ -3,6 +3,7 @@
 #include "Store.h"
 
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 
 namespace datacenter {
 
@@ -36,14 +36,6 @@ okv::PrivateDescriptor openedAnew(const std::string& file) {
 
 void flush(const okv::PrivateDescriptor& descriptor, const std::string& name) {
     if (fsync(descriptor.get()) != 0) throw StoreError(reason("flush", name));
-}
-
-void writeAll(const okv::PrivateDescriptor& to, std::string_view bytes, const std::string& name) {
-    while (!bytes.empty()) {
-        const auto count = write(to.get(), bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR) throw StoreError(reason("write", name));
-        if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
 }
 
 }  // namespace
@@ -99,7 +91,9 @@ void copyDurably(const std::string& from, const std::string& to) {
         const auto count = read(source.get(), bytes.data(), bytes.size());
         if (count == 0) break;
         if (count < 0 && errno != EINTR) throw StoreDamaged(reason("read", from));
-        if (count > 0) writeAll(target, {bytes.data(), static_cast<std::size_t>(count)}, to);
+        if (count > 0 &&
+            !okv::writeAll(target.get(), {bytes.data(), static_cast<std::size_t>(count)}))
+            throw StoreError(reason("write", to));
     }
     flush(target, to);
 }

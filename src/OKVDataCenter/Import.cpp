@@ -23,9 +23,9 @@ const Import::Named Import::kParts[] = {
     {"current_user", &Import::currentUser},
     {"highest_user", &Import::highestUser},
     {"clock", &Import::clock},
-    {"flt_proc_white", &Import::processes<ProcessList::white>},
-    {"flt_proc_black", &Import::processes<ProcessList::black>},
-    {"kill_web_proc", &Import::processes<ProcessList::killWeb>},
+    {kProcessListNames[0], &Import::processes<ProcessList::white>},
+    {kProcessListNames[1], &Import::processes<ProcessList::black>},
+    {kProcessListNames[2], &Import::processes<ProcessList::killWeb>},
 };
 
 bool Import::bad(std::string what) {
@@ -112,7 +112,7 @@ bool Import::user(const Value& id, const Value& content) {
 
 bool Import::list(std::int32_t user, const Value& name, const Value& value) {
     const auto known = std::find_if(kUserListNames.begin(), kUserListNames.end(),
-                                    [&](const char* text) { return name == Value(text); });
+                                    [&](auto text) { return name == Value(text); });
     if (known == kUserListNames.end()) return bad("a user with an unknown part");
     std::string encoded;
     if (!about(user, name, ledger_.encode(value, ledger_.limits().listBytes, encoded)))

@@ -1,48 +1,16 @@
 #include "Keys.h"
 
+#include <OKVPlatform/values/Unicode.h>
+
 #include <algorithm>
 #include <charconv>
 
 namespace datacenter {
 
-namespace {
-
-bool isContinuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
-}
-
-// The length of the character that begins the text; 0 when it is none or a control character.
-std::size_t characterLength(std::string_view text) {
-    const auto first = static_cast<unsigned char>(text[0]);
-    if (first < 0x20 || first == 0x7F) return 0;
-    if (first < 0x80) return 1;
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length) return 0;
-    if (!std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length),
-                     isContinuation))
-        return 0;
-    const auto second = static_cast<unsigned char>(text[1]);
-    const bool tooLong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-    const bool noCharacter = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
-    const bool control = first == 0xC2 && second < 0xA0;
-    return tooLong || noCharacter || control ? 0 : length;
-}
-
-bool isPlainText(std::string_view text) {
-    while (!text.empty()) {
-        const auto length = characterLength(text);
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-}  // namespace
-
 bool isKey(const okv::Value& value, const Limits& limits) {
     const auto* text = value.getIf<std::string>();
     return text != nullptr && !text->empty() && text->size() <= limits.keyBytes &&
-           isPlainText(*text);
+           okv::isUtf8Of(*text, [](char32_t one) { return !okv::isControl(one); });
 }
 
 bool isSystemKey(std::string_view key) {

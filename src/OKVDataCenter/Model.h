@@ -1,8 +1,10 @@
 #pragma once
 
+#include "ExportNames.h"
+
+#include <OKVPlatform/ipc/PeerIdentity.h>
 #include <OKVPlatform/values/Value.h>
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -24,19 +26,19 @@ inline constexpr std::int32_t kNoUser = -1;
 constexpr std::int64_t accountOf(std::int32_t osUid) {
     return static_cast<std::uint32_t>(osUid);
 }
+/// Accounts are told by uids of 0 and above; the overflow uid stands for somebody of another
+/// namespace.
+constexpr bool isAccount(std::int64_t osUid) {
+    return osUid >= 0 && osUid != std::int64_t{okv::kOverflowUid};
+}
 
-/// The four lists of a user, as they are numbered in the store.
+/// The four lists of a user, as they are numbered in the store; named in the same order.
 enum class UserList : std::uint8_t { userSetting, contentsWords, hammerList, blackExtensionList };
-inline constexpr std::size_t kUserLists = 4;
-/// Their names in an export, in the same order.
-inline constexpr std::array<const char*, kUserLists> kUserListNames{
-    "user_setting", "contents_words", "hammer_list", "black_extension_list"};
+inline constexpr std::size_t kUserLists = kUserListNames.size();
 
 /// The three process lists, as they are numbered in the store.
 enum class ProcessList : std::uint8_t { white, black, killWeb };
-inline constexpr std::size_t kProcessLists = 3;
-inline constexpr std::array<const char*, kProcessLists> kProcessListNames{
-    "flt_proc_white", "flt_proc_black", "kill_web_proc"};
+inline constexpr std::size_t kProcessLists = kProcessListNames.size();
 
 /// Who wrote something (the account's uid), and when (seconds since 1970).
 struct Stamp {

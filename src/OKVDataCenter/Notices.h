@@ -11,9 +11,6 @@
 
 namespace datacenter {
 
-/// The name of the notice that tells every process of the suite that settings have changed.
-inline constexpr char kSettingsNotice[] = "jp.nrm.okv6.notification";
-
 /// A change, and the epoch of the store that it was made in.
 struct Told {
     Change change;

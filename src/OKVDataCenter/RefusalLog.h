@@ -1,17 +1,14 @@
 #pragma once
 
+#include "LogLine.h"
+
 #include <OKVPlatform/ipc/PeerIdentity.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <string>
 #include <string_view>
 
 namespace datacenter {
-
-/// Writes one line where the server's lines go. Any thread; must not wait.
-using LogLine = std::function<void(const std::string& line)>;
 
 /// One line for each request that its caller had no right to: who asked for which method, and
 /// nothing of what the store holds. A caller that asks without pause cannot fill the log, and does

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "BackupFolder.h"
+#include "LogLine.h"
 #include "Options.h"
-#include "RefusalLog.h"
 
 #include <cstdint>
 #include <string>

@@ -1,5 +1,6 @@
 #include "SystemPoster.h"
 
+#include <OKVDataManager/okvDataManager.h>
 #include <OKVPlatform/ipc/RuntimeFolder.h>
 
 #include <iterator>
@@ -87,7 +88,7 @@ bool SystemPoster::next(Told& told) {
 
 bool SystemPoster::tryPost(const Told& told) {
     try {
-        center_.post(kSettingsNotice, {}, noticeFor(told));
+        center_.post(kOKVSettingNotification, {}, noticeFor(told));
     } catch (const std::exception& error) {
         noteFailure(error.what());
         return false;

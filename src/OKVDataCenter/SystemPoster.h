@@ -1,7 +1,7 @@
 #pragma once
 
+#include "LogLine.h"
 #include "Notices.h"
-#include "RefusalLog.h"
 
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 

@@ -25,7 +25,7 @@ public:
 private:
     using Part = bool (Import::*)(const okv::Value& part);
     struct Named {
-        const char* name;
+        std::string_view name;
         Part take;
     };
     static const Named kParts[];

@@ -5,12 +5,14 @@
 #include "ValueText.h"
 
 #include <OKVPlatform/values/PropertyListFile.h>
+#include <OKVPlatform/values/WriteAll.h>
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace okvctl {
 
@@ -67,20 +69,12 @@ void Output::value(const okv::Value& value) {
 }
 
 void Output::flush() {
-    std::string_view left = text_;
-    while (!left.empty() && !broken_) {
-        const auto written = write(descriptor_, left.data(), left.size());
-        if (written >= 0) {
-            left.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EPIPE) {
-            broken_ = true;
-        } else if (errno != EINTR) {
-            text_.clear();
-            throw ToolError(ExitCode::failure,
-                            std::string("the output cannot be written: ") + std::strerror(errno));
-        }
-    }
-    text_.clear();
+    const auto text = std::exchange(text_, {});
+    if (broken_ || okv::writeAll(descriptor_, text)) return;
+    broken_ = errno == EPIPE;
+    if (broken_) return;
+    throw ToolError(ExitCode::failure,
+                    std::string("the output cannot be written: ") + std::strerror(errno));
 }
 
 }  // namespace okvctl

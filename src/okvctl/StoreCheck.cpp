@@ -1,10 +1,10 @@
 #include "StoreCheck.h"
 
 #include "Nearest.h"
-#include "StoreParts.h"
 #include "ToolError.h"
 #include "ValueText.h"
 
+#include <OKVDataCenter/ExportNames.h>
 #include <OKVPlatform/values/PropertyListScalars.h>
 
 #include <algorithm>
@@ -87,7 +87,7 @@ void checkUser(const std::string& place, const Value& content) {
         if (name == Value("settings")) {
             checkUsersSettings(inside(place, name), value);
         } else {
-            checkName(place, name, "a user", kFamilyNames);
+            checkName(place, name, "a user", datacenter::kUserListNames);
         }
     }
 }
@@ -156,12 +156,18 @@ struct Part {
 };
 
 constexpr Part kParts[] = {
-    {"format", checkForm},          {"epoch", ignore},
-    {"revision", ignore},           {"everybody", checkNamed},
-    {"users", checkUsers},          {"accounts", checkAccounts},
-    {"locks", checkLocks},          {"flt_proc_white", checkNamed},
-    {"flt_proc_black", checkNamed}, {"kill_web_proc", checkNamed},
-    {"current_user", checkNumber},  {"highest_user", checkNumber},
+    {"format", checkForm},
+    {"epoch", ignore},
+    {"revision", ignore},
+    {"everybody", checkNamed},
+    {"users", checkUsers},
+    {"accounts", checkAccounts},
+    {"locks", checkLocks},
+    {datacenter::kProcessListNames[0], checkNamed},
+    {datacenter::kProcessListNames[1], checkNamed},
+    {datacenter::kProcessListNames[2], checkNamed},
+    {"current_user", checkNumber},
+    {"highest_user", checkNumber},
     {"clock", checkClock},
 };
 

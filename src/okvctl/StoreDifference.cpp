@@ -1,7 +1,8 @@
 #include "StoreDifference.h"
 
-#include "StoreParts.h"
 #include "ValueText.h"
+
+#include <OKVDataCenter/ExportNames.h>
 
 #include <algorithm>
 
@@ -65,7 +66,7 @@ void Comparison::user(const Value& id, const Value& before, const Value& after) 
     if (before.isNil() != after.isNil())
         one("users", whose, {}, before.isNil() ? Value() : id, after.isNil() ? Value() : id);
     each("settings", whose, dictionaryOf(before)["settings"], dictionaryOf(after)["settings"]);
-    for (const auto name : kFamilyNames)
+    for (const auto name : datacenter::kUserListNames)
         one("lists", whose, std::string(name), dictionaryOf(before)[name],
             dictionaryOf(after)[name]);
 }
@@ -102,15 +103,15 @@ Value higher(const Value& before, const Value& after) {
 std::vector<Difference> differencesBetween(const Dictionary& store, const Dictionary& file) {
     Comparison comparison;
     const std::string everybody(kEverybody);
-    const auto holds = [&](const char* part) { return file.contains(part); };
+    const auto holds = [&](std::string_view part) { return file.contains(part); };
     if (holds("everybody"))
         comparison.each("settings", everybody, store["everybody"], file["everybody"]);
     if (holds("users")) comparison.users(byText(store["users"]), byText(file["users"]));
     if (holds("accounts")) comparison.accounts(byText(store["accounts"]), byText(file["accounts"]));
     if (holds("locks"))
         comparison.each("locks", everybody, keyed(store["locks"]), keyed(file["locks"]));
-    for (const auto* list : {"flt_proc_white", "flt_proc_black", "kill_web_proc"}) {
-        if (holds(list)) comparison.each(list, everybody, store[list], file[list]);
+    for (const auto list : datacenter::kProcessListNames) {
+        if (holds(list)) comparison.each(std::string(list), everybody, store[list], file[list]);
     }
     if (holds("clock")) comparison.each("clock", everybody, store["clock"], file["clock"]);
     if (holds("current_user"))

@@ -6,6 +6,7 @@
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 #include <OKVPlatform/values/BoundedFile.h>
 #include <OKVPlatform/values/PropertyListFile.h>
+#include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,21 +37,10 @@ bool looksLikePropertyList(std::string_view bytes) {
     return first != std::string_view::npos && bytes[first] == '<';
 }
 
-void writeAll(int file, std::string_view text, const std::string& path) {
-    while (!text.empty()) {
-        const auto written = write(file, text.data(), text.size());
-        if (written >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            fail(path, "it cannot be written: ");
-        }
-    }
-}
-
 void writeInto(const std::string& path, std::string_view text) {
     const okv::PrivateDescriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (file.get() < 0) fail(path, "it cannot be opened: ");
-    writeAll(file.get(), text, path);
+    if (!okv::writeAll(file.get(), text)) fail(path, "it cannot be written: ");
 }
 
 /// A file beside the one that it is to become; gone unless it became that.
@@ -67,8 +57,8 @@ public:
     }
 
     void become(std::string_view text) {
-        writeAll(file_.get(), text, path_);
-        if (fsync(file_.get()) != 0) fail(path_, "it cannot be written: ");
+        if (!okv::writeAll(file_.get(), text) || fsync(file_.get()) != 0)
+            fail(path_, "it cannot be written: ");
         if (std::rename(name_.c_str(), path_.c_str()) != 0) fail(path_, "it cannot be replaced: ");
         done_ = true;
     }

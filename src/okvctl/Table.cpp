@@ -1,5 +1,7 @@
 #include "Table.h"
 
+#include <OKVPlatform/values/Unicode.h>
+
 #include <algorithm>
 
 namespace okvctl {
@@ -10,7 +12,7 @@ constexpr std::size_t kGap = 2;
 
 // Characters, not columns of a terminal: what scripts can count on.
 std::size_t widthOf(std::string_view cell) {
-    const auto isFirst = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; };
+    const auto isFirst = [](char byte) { return !okv::isUtf8Continuation(byte); };
     return static_cast<std::size_t>(std::count_if(cell.begin(), cell.end(), isFirst));
 }
 

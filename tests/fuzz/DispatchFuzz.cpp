@@ -154,7 +154,7 @@ void Session::empty() {
                        {"users", Dictionary()}, {"accounts", Dictionary()},
                        {"locks", okv::Array()}, {"current_user", 1},
                        {"clock", Dictionary()}};
-    for (const auto* list : datacenter::kProcessListNames) nothing.set(list, Dictionary());
+    for (const auto list : datacenter::kProcessListNames) nothing.set(list, Dictionary());
     const auto answer = read(datacenter::methodOf<&Admin::importDataPT>(),
                              [&](okv::CborWriter& out) { out.value(nothing); });
     require(answer.accepts());

@@ -3,6 +3,7 @@
 #include "Require.h"
 
 #include <OKVPlatform/process/ProcessStatus.h>
+#include <OKVPlatform/system/Bundle.h>
 
 #include <cstdint>
 #include <cstring>

@@ -7,6 +7,7 @@
 #include <OKVPlatform/system/FileAttributes.h>
 #include <OKVPlatform/system/SystemVersion.h>
 #include <OKVPlatform/values/PropertyListFile.h>
+#include <OKVPlatform/values/Unicode.h>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -34,22 +35,12 @@ struct Character {
     std::size_t units;  // Its length in UTF-16.
 };
 
-bool isContinuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
-}
-
-std::size_t lengthByLead(unsigned char lead) {
-    if (lead >= 0xC2 && lead < 0xE0) return 2;
-    if (lead >= 0xE0 && lead < 0xF0) return 3;
-    return lead >= 0xF0 && lead < 0xF5 ? 4 : 1;
-}
-
 // The text must not be empty. A broken sequence counts byte by byte, one unit each.
 Character firstCharacter(std::string_view text) {
-    const std::size_t length = lengthByLead(static_cast<unsigned char>(text.front()));
-    if (text.size() < length) return {1, 1};
+    const auto length = okv::utf8Length(text.front());
+    if (length == 0 || text.size() < length) return {1, 1};
     const auto rest = text.substr(1, length - 1);
-    if (!std::all_of(rest.begin(), rest.end(), isContinuation)) return {1, 1};
+    if (!std::all_of(rest.begin(), rest.end(), okv::isUtf8Continuation)) return {1, 1};
     return {length, length == 4 ? 2U : 1U};
 }
 

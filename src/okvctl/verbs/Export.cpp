@@ -3,6 +3,8 @@
 #include "../StoreFile.h"
 #include "Verbs.h"
 
+#include <OKVDataCenter/ExportNames.h>
+
 #include <algorithm>
 
 namespace okvctl {
@@ -23,8 +25,8 @@ Dictionary inOrder(const Value& part) {
 
 // The keys in order: two exports are compared line by line, or looked through by people.
 Dictionary arranged(Dictionary store) {
-    for (const auto* part : {"everybody", "flt_proc_white", "flt_proc_black", "kill_web_proc"})
-        store.set(part, inOrder(store[part]));
+    store.set("everybody", inOrder(store["everybody"]));
+    for (const auto list : datacenter::kProcessListNames) store.set(list, inOrder(store[list]));
     auto users = dictionaryIn(store["users"]);
     for (const auto& [id, content] : dictionaryIn(store["users"])) {
         auto user = dictionaryIn(content);
@@ -51,7 +53,7 @@ ExitCode runExport(Call& call) {
     const std::string file(call.operands().empty() ? "-" : call.operands()[0]);
     if (file.empty()) throwUsage("the FILE is empty");
     const auto format = call.line.format.value_or(isPropertyListName(file) ? kPlist : kJson);
-    const auto answer = call.server.ask<&OKVDataAdmin_protocol::exportDataPT>("the export");
+    const auto answer = call.server.ask<&OKVDataAdmin_protocol::exportDataPT>("");
     const auto store = arranged(dictionaryIn(answer));
     const auto text = storeText(format == kPlist ? withoutUnsetClock(store) : store, format);
     if (file == "-") {
@@ -61,6 +63,8 @@ ExitCode runExport(Call& call) {
     }
     return ExitCode::done;
 }
+
+constexpr OperandOffer kExportOffers[] = {{0, Offer::files}};
 
 }  // namespace
 
@@ -74,6 +78,7 @@ const Verb kExport{
     "a property list drops fractions of seconds and is refused where it has no form for a value.\n",
     kNoOptions,
     runExport,
+    kExportOffers,
 };
 
 }  // namespace okvctl

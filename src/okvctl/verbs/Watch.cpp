@@ -4,7 +4,6 @@
 
 #include "../DateText.h"
 
-#include <OKVDataCenter/Notices.h>
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/RunLoop.h>
 
@@ -78,7 +77,7 @@ private:
 
 void Watcher::observe() {
     auto& center = okv::DistributedNotificationCenter::defaultCenter();
-    center.addObserver(*this, &Watcher::heard, datacenter::kSettingsNotice, {}, &Watcher::missed);
+    center.addObserver(*this, &Watcher::heard, kOKVSettingNotification, {}, &Watcher::missed);
 }
 
 void Watcher::dealloc() {

@@ -5,7 +5,6 @@
 #include <string>
 
 using okv::absoluteFirstArgument;
-using okv::bundlePathOf;
 using okv::parseProcessStatus;
 
 namespace {
@@ -96,29 +95,3 @@ TEST(CommandLine, OnlyAnAbsoluteFirstArgumentCounts) {
     EXPECT_EQ(absoluteFirstArgument("\0/bin/a\0"sv), "");
     EXPECT_EQ(absoluteFirstArgument(""), "");
 }
-
-struct BundleRow {
-    const char* executable;
-    const char* bundle;
-};
-
-class BundlePath : public testing::TestWithParam<BundleRow> {};
-
-TEST_P(BundlePath, IsTheInnermostApplicationFolder) {
-    EXPECT_EQ(bundlePathOf(GetParam().executable), GetParam().bundle);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, BundlePath,
-    testing::Values(BundleRow{"/x/A.app/Contents/Linux/A", "/x/A.app"},
-                    BundleRow{"/x/A.app/Contents/a", "/x/A.app"},
-                    BundleRow{"/A.app/Contents/Linux/A (deleted)", "/A.app"},
-                    BundleRow{"/x/A.app/Contents/Helpers/B.app/Contents/Linux/b",
-                              "/x/A.app/Contents/Helpers/B.app"},
-                    BundleRow{"/x/A.app/Contents/.app/Contents/a", "/x/A.app"},
-                    BundleRow{"/x/A.app/Contents/B.app/Contents/", "/x/A.app"},
-                    BundleRow{"/x/.app/Contents/a", ""}, BundleRow{".app/Contents/a", ""},
-                    BundleRow{"/x/A.app/Contents/", ""}, BundleRow{"/x/A.app/Contents", ""},
-                    BundleRow{"/x/A.app/Linux/A", ""}, BundleRow{"/x/Aapp/Contents/A", ""},
-                    BundleRow{"/x/A.APP/Contents/A", ""}, BundleRow{"x/A.app/Contents/A", ""},
-                    BundleRow{"/usr/bin/a", ""}, BundleRow{"", ""}));

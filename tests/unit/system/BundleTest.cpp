@@ -209,25 +209,31 @@ TEST(MainBundle, OfAnExecutableOutsideOfBundlesIsNone) {
     EXPECT_FALSE(Bundle::mainBundle());
 }
 
-TEST(Bundle, IsFoundAroundAFile) {
+TEST(Bundle, IsTheInnermostApplicationFolderAroundAFile) {
     const struct {
         const char* file;
-        std::optional<std::string> bundle;
+        const char* bundle;
     } rows[] = {
         {"/a/X.app/Contents/Linux/x", "/a/X.app"},
         {"/a/X.app/Contents/Info.plist", "/a/X.app"},
+        {"/A.app/Contents/Linux/A (deleted)", "/A.app"},
         {"/A.app/Contents/Helpers/B.app/Contents/Linux/b", "/A.app/Contents/Helpers/B.app"},
+        {"/A.app/Contents/B.app/Contents/", "/A.app"},
         {"/A.app/Contents/Helpers/.app/Contents/b", "/A.app"},
         {"/a/My X.app/Contents/x", "/a/My X.app"},
-        {"/a/X.app/x", std::nullopt},
-        {"/a/X.app/Contents", std::nullopt},
-        {"/a/X.application/Contents/x", std::nullopt},
-        {"/a/.app/Contents/x", std::nullopt},
-        {".app/Contents/x", std::nullopt},
-        {"/usr/bin/x", std::nullopt},
-        {"", std::nullopt},
+        {"/a/X.app/x", ""},
+        {"/a/X.app/Contents", ""},
+        {"/a/X.app/Contents/", ""},
+        {"/a/X.application/Contents/x", ""},
+        {"/a/X.APP/Contents/x", ""},
+        {"/a/Xapp/Contents/x", ""},
+        {"/a/.app/Contents/x", ""},
+        {"a/X.app/Contents/x", ""},
+        {".app/Contents/x", ""},
+        {"/usr/bin/x", ""},
+        {"", ""},
     };
-    for (const auto& row : rows) EXPECT_EQ(Bundle::pathAround(row.file), row.bundle) << row.file;
+    for (const auto& row : rows) EXPECT_EQ(okv::bundlePathOf(row.file), row.bundle) << row.file;
 }
 
 TEST(PreferredLanguages, ComeFromTheListThenFromTheLocale) {

@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/NotificationLogCursor.h>
 #include <OKVPlatform/ipc/NotificationLogWriter.h>
 #include <OKVPlatform/ipc/RuntimeFolder.h>
+#include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -35,16 +36,6 @@ NotificationLogHeader newLog() {
     while (header.id == 0)
         if (getrandom(&header.id, sizeof header.id, 0) != sizeof header.id) header.id = 0;
     return header;
-}
-
-bool writeAll(int file, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto count = write(file, bytes.data(), bytes.size());
-        if (count == 0) errno = ENOSPC;
-        if (count == 0 || (count < 0 && errno != EINTR)) return false;
-        if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <OKVPlatform/process/ProcFolder.h>
 #include <OKVPlatform/process/ProcessManager.h>
 #include <OKVPlatform/process/ProcessStatus.h>
+#include <OKVPlatform/system/Bundle.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 
 #include <algorithm>

@@ -93,15 +93,4 @@ std::string_view absoluteFirstArgument(std::string_view commandLine) noexcept {
     return first.starts_with('/') ? first : std::string_view();
 }
 
-std::string_view bundlePathOf(std::string_view executable) noexcept {
-    constexpr std::string_view kInside = ".app/Contents/";
-    if (!executable.starts_with('/')) return {};
-    for (auto at = executable.rfind(kInside); at != std::string_view::npos && at > 0;
-         at = executable.rfind(kInside, at - 1)) {
-        const bool isNamed = executable[at - 1] != '/';
-        if (isNamed && at + kInside.size() < executable.size()) return executable.substr(0, at + 4);
-    }
-    return {};
-}
-
 }  // namespace okv

@@ -42,9 +42,4 @@ OKV_EXPORT std::optional<ProcessStatus> parseProcessStatus(std::string_view text
 /// else an empty text.
 OKV_EXPORT std::string_view absoluteFirstArgument(std::string_view commandLine) noexcept;
 
-/// The application bundle that an executable lies in: the innermost folder `X.app` with
-/// `X.app/Contents/` in front of the executable, as a part of `executable`; empty when there is
-/// none or the path is not absolute.
-OKV_EXPORT std::string_view bundlePathOf(std::string_view executable) noexcept;
-
 }  // namespace okv

@@ -70,20 +70,21 @@ Ref<Bundle> Bundle::mainBundle() {
     static Bundle* const bundle = [] {
         std::error_code failed;
         const auto executable = std::filesystem::read_symlink("/proc/self/exe", failed);
-        const auto folder = pathAround(executable.native());
-        return folder ? open(*folder).leak() : nullptr;
+        return open(bundlePathOf(executable.native())).leak();
     }();
     return Ref<Bundle>::retaining(bundle);
 }
 
-std::optional<std::string> Bundle::pathAround(std::string_view path) {
+// A folder named ".app" alone is a hidden one, not a bundle.
+std::string_view bundlePathOf(std::string_view path) noexcept {
     constexpr std::string_view kInside = ".app/Contents/";
-    auto place = path.rfind(kInside);
-    // A folder named ".app" alone is a hidden one, not a bundle.
-    while (place != std::string_view::npos && (place == 0 || path[place - 1] == '/'))
-        place = place == 0 ? std::string_view::npos : path.rfind(kInside, place - 1);
-    if (place == std::string_view::npos) return std::nullopt;
-    return std::string(path.substr(0, place + std::string_view(".app").size()));
+    if (!path.starts_with('/')) return {};
+    for (auto at = path.rfind(kInside); at != std::string_view::npos && at > 0;
+         at = path.rfind(kInside, at - 1)) {
+        const bool isNamed = path[at - 1] != '/';
+        if (isNamed && at + kInside.size() < path.size()) return path.substr(0, at + 4);
+    }
+    return {};
 }
 
 Bundle::Bundle(std::string path) : path_(std::move(path)) {

@@ -6,7 +6,6 @@
 #include <OKVPlatform/values/StringsTable.h>
 
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,10 +27,6 @@ public:
     /// The bundle that the running executable lies in, or none. Made by the first call and the same
     /// ever after.
     static Ref<Bundle> mainBundle();
-
-    /// The folder of the innermost bundle that the file `path` lies in ("/a/X.app" for
-    /// "/a/X.app/Contents/Linux/x"), or none. Looks at the characters only.
-    static std::optional<std::string> pathAround(std::string_view path);
 
     /// The folder as it was passed to `open`, without slashes at its end.
     const std::string& path() const noexcept { return path_; }
@@ -61,6 +56,11 @@ private:
     mutable std::once_flag tablesOnce_;
     mutable std::vector<StringsTable> tables_;
 };
+
+/// The folder of the innermost bundle that a file lies in ("/a/X.app" for
+/// "/a/X.app/Contents/Linux/x"), as a part of `path`; empty when there is none or the path is not
+/// absolute. Looks at the characters only.
+OKV_EXPORT std::string_view bundlePathOf(std::string_view path) noexcept;
 
 /// The languages that the values of LANGUAGE (`list`, names between colons) and of the locale ask
 /// for, the most wanted one first: "ja_JP.UTF-8" asks for "ja_JP", then "ja"; "C" and "POSIX" ask

@@ -22,14 +22,6 @@ bool isXmlCharacter(char32_t codePoint) {
     return codePoint != 0xFFFE && codePoint != 0xFFFF;
 }
 
-bool isXmlText(std::string_view text) {
-    if (findInvalidUtf8(text)) return false;
-    std::size_t at = 0;
-    while (at < text.size())
-        if (!isXmlCharacter(nextCodePoint(text, at))) return false;
-    return true;
-}
-
 class XmlWriter {
 public:
     std::string write(const Value& value) {
@@ -53,7 +45,7 @@ private:
     }
 
     void writeText(std::string_view name, std::string_view text) {
-        if (!isXmlText(text)) refuse("a text with characters that XML cannot carry");
+        if (!isUtf8Of(text, isXmlCharacter)) refuse("a text with characters that XML cannot carry");
         writeElement(name, escaped(text));
     }
 

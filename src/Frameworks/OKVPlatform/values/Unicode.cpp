@@ -8,19 +8,6 @@ unsigned byteAt(std::string_view bytes, std::size_t at) {
     return static_cast<unsigned char>(bytes[at]);
 }
 
-bool isContinuation(std::string_view text, std::size_t at) {
-    return at < text.size() && (byteAt(text, at) & 0xC0U) == 0x80U;
-}
-
-// How many bytes a sequence with this first byte has; 0 for a byte that begins none.
-std::size_t sequenceLength(unsigned first) {
-    if (first < 0x80) return 1;
-    if (first >= 0xC2 && first <= 0xDF) return 2;
-    if (first >= 0xE0 && first <= 0xEF) return 3;
-    if (first >= 0xF0 && first <= 0xF4) return 4;
-    return 0;
-}
-
 bool isAllowed(char32_t codePoint, std::size_t length) {
     if (length == 3) return codePoint >= 0x800 && (codePoint < 0xD800 || codePoint > 0xDFFF);
     if (length == 4) return codePoint >= 0x10000 && codePoint <= 0x10FFFF;
@@ -28,10 +15,10 @@ bool isAllowed(char32_t codePoint, std::size_t length) {
 }
 
 bool takeSequence(std::string_view text, std::size_t& at) {
-    const auto length = sequenceLength(byteAt(text, at));
-    if (length == 0) return false;
+    const auto length = utf8Length(text[at]);
+    if (length == 0 || text.size() - at < length) return false;
     for (std::size_t i = 1; i < length; ++i)
-        if (!isContinuation(text, at + i)) return false;
+        if (!isUtf8Continuation(text[at + i])) return false;
     return isAllowed(nextCodePoint(text, at), length);
 }
 
@@ -70,16 +57,6 @@ void appendUtf8(std::string& text, char32_t codePoint) {
         put(0x80 | ((codePoint >> 6) & 0x3F));
     }
     put(0x80 | (codePoint & 0x3F));
-}
-
-char32_t nextCodePoint(std::string_view text, std::size_t& at) {
-    const auto first = byteAt(text, at);
-    const auto length = sequenceLength(first);
-    char32_t codePoint = length == 1 ? first : first & (0x7FU >> length);
-    for (std::size_t i = 1; i < length; ++i)
-        codePoint = (codePoint << 6) | (byteAt(text, at + i) & 0x3FU);
-    at += length;
-    return codePoint;
 }
 
 std::optional<std::size_t> findInvalidUtf8(std::string_view text) {
