@@ -17,6 +17,12 @@ constexpr double kLongestTimeout = 1e9;
     throw ToolError(ExitCode::usage, text);
 }
 
+[[noreturn]] void refuseWord(const char* option, std::string_view word,
+                             std::span<const std::string_view> known) {
+    refuse(std::string(option) + " takes " + joined(known, "|") + ", not '" + std::string(word) +
+           "'" + didYouMean(word, known));
+}
+
 double secondsOf(std::string_view text) {
     const auto seconds = okv::parseReal(text);
     if (seconds && *seconds >= 0 && *seconds <= kLongestTimeout) return *seconds;
@@ -25,16 +31,13 @@ double secondsOf(std::string_view text) {
 
 ValueType typeOf(std::string_view text) {
     if (const auto type = valueTypeNamed(text)) return *type;
-    refuse("--type takes " + valueTypeNames() + ", not '" + std::string(text) + "'");
+    refuseWord("--type", text, valueTypeNames());
 }
 
 Format formatOf(std::string_view text) {
-    std::string names;
-    for (const auto& each : kFormats) {
-        if (each.name == text) return each.format;
-        names.append(names.empty() ? "" : "|").append(each.name);
-    }
-    refuse("--format takes " + names + ", not '" + std::string(text) + "'");
+    const auto found = std::find(kFormatNames.begin(), kFormatNames.end(), text);
+    if (found == kFormatNames.end()) refuseWord("--format", text, kFormatNames);
+    return formatAt(static_cast<std::size_t>(found - kFormatNames.begin()));
 }
 
 void choose(CommandLine& line, Format format) {

@@ -2,6 +2,7 @@
 
 #include "ValueText.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -30,12 +31,11 @@ enum Format : unsigned {
     kRaw = 8,    ///< a value's bytes and nothing else
 };
 
-struct FormatName {
-    std::string_view name;
-    Format format;
-};
-inline constexpr FormatName kFormats[] = {
-    {"table", kTable}, {"json", kJson}, {"plist", kPlist}, {"raw", kRaw}};
+/// In the order of their bits.
+inline constexpr std::array<std::string_view, 4> kFormatNames{"table", "json", "plist", "raw"};
+constexpr Format formatAt(std::size_t place) {
+    return static_cast<Format>(1U << place);
+}
 
 inline constexpr double kStandardTimeout = 30;
 

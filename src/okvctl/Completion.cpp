@@ -10,49 +10,6 @@ namespace {
 
 using Words = std::span<const std::string_view>;
 
-enum class Kind { choice, keys, keysToSet, lockedKeys, users, accounts, processes, files };
-
-constexpr std::size_t kEvery = SIZE_MAX;  // this operand and all that follow
-
-// What stands at an operand's place; `before` is the operand in front of it, where that matters.
-struct Rule {
-    std::string_view verb;
-    std::size_t place;
-    std::string_view before;
-    Kind kind;
-    std::string_view choice;
-};
-
-constexpr Rule kRules[] = {
-    {"get", kEvery, "", Kind::keys, ""},
-    {"set", kEvery, "", Kind::keysToSet, ""},
-    {"unset", kEvery, "", Kind::keys, ""},
-    {"list", 0, "", Kind::keys, ""},
-    {"describe", 0, "", Kind::keys, ""},
-    {"lock", kEvery, "", Kind::keys, ""},
-    {"unlock", kEvery, "", Kind::lockedKeys, ""},
-    {"users", 0, "", Kind::choice, "list|assign|unassign|remove|default|max|current|switch"},
-    {"users", 1, "assign", Kind::accounts, ""},
-    {"users", 1, "unassign", Kind::accounts, ""},
-    {"users", 1, "switch", Kind::accounts, ""},
-    {"users", 1, "remove", Kind::users, ""},
-    {"users", 1, "current", Kind::users, ""},
-    {"users", 2, "assign", Kind::users, ""},
-    {"users", 2, "switch", Kind::users, ""},
-    {"lists", 0, "", Kind::choice, "get|set"},
-    {"lists", 1, "", Kind::choice, "user_setting|contents_words|hammer_list|black_extension_list"},
-    {"procs", 0, "", Kind::choice, "white|black|kill|system"},
-    {"procs", 1, "white", Kind::choice, "add|remove"},
-    {"procs", 1, "black", Kind::choice, "add|remove"},
-    {"procs", 1, "kill", Kind::choice, "add|remove"},
-    {"procs", kEvery, "remove", Kind::processes, ""},
-    {"clock", 0, "", Kind::choice, "get|set|start|stop"},
-    {"export", 0, "", Kind::files, ""},
-    {"import", 0, "", Kind::files, ""},
-    {"category", 0, "", Kind::choice, "encode|decode"},
-    {"completions", 0, "", Kind::choice, "bash|zsh|fish"},
-};
-
 /// The written words, told apart.
 struct Written {
     const Verb* verb = nullptr;
@@ -98,12 +55,8 @@ void addAll(Candidates& to, std::string_view prefix, const Sources::Words& words
     for (const auto& word : words) add(to, prefix, word);
 }
 
-void addChoice(Candidates& to, std::string_view prefix, std::string_view choice) {
-    while (!choice.empty()) {
-        const auto end = std::min(choice.find('|'), choice.size());
-        add(to, prefix, std::string(choice.substr(0, end)));
-        choice.remove_prefix(std::min(end + 1, choice.size()));
-    }
+void addAll(Candidates& to, std::string_view prefix, std::span<const std::string_view> words) {
+    for (const auto word : words) add(to, prefix, std::string(word));
 }
 
 Candidates optionNames(std::string_view prefix, const Verb* verb) {
@@ -118,8 +71,8 @@ Candidates optionNames(std::string_view prefix, const Verb* verb) {
 
 Candidates optionValues(const Option& option, std::string_view prefix, const Sources& sources) {
     Candidates to;
-    if (option.name == "--format") addChoice(to, prefix, "table|json|plist|raw");
-    if (option.name == "--type") addChoice(to, prefix, valueTypeNames());
+    if (option.name == "--format") addAll(to, prefix, kFormatNames);
+    if (option.name == "--type") addAll(to, prefix, valueTypeNames());
     if (option.name == "--user") addAll(to, prefix, sources.users());
     if (option.name == "--runtime-dir") to.kind = Candidates::Kind::folders;
     return to;
@@ -133,17 +86,12 @@ Candidates verbNames(std::string_view prefix) {
     return to;
 }
 
-const Rule* ruleFor(const Written& written) {
-    const auto place = written.operands.size();
-    for (const auto& rule : kRules) {
-        if (rule.verb != written.verb->name) continue;
-        const auto deciding = rule.place == kEvery ? std::size_t{1} : std::size_t{0};
-        const bool isHere = rule.place == kEvery || rule.place == place;
-        const bool fits =
-            rule.before.empty() || (place > deciding && written.operands[deciding] == rule.before);
-        if (isHere && fits) return &rule;
-    }
-    return nullptr;
+bool fits(const OperandOffer& offer, std::span<const std::string_view> operands) {
+    const bool isEvery = offer.place == kEveryPlace;
+    if (!isEvery && offer.place != operands.size()) return false;
+    if (offer.behind.empty()) return true;
+    const std::size_t deciding = isEvery ? 1 : 0;
+    return operands.size() > deciding && operands[deciding] == offer.behind;
 }
 
 void addKeysToSet(Candidates& to, std::string_view prefix, const Sources& sources) {
@@ -152,35 +100,45 @@ void addKeysToSet(Candidates& to, std::string_view prefix, const Sources& source
     for (const auto& key : sources.keys(prefix)) add(to, prefix, key + "=");
 }
 
-Candidates operandsFor(const Rule& rule, const Written& written, std::string_view prefix,
-                       const Sources& sources) {
+Candidates offered(const OperandOffer& offer, const Written& written, std::string_view prefix,
+                   const Sources& sources) {
     Candidates to;
-    switch (rule.kind) {
-        case Kind::choice:
-            addChoice(to, prefix, rule.choice);
+    switch (offer.offer) {
+        case Offer::choice:
+            addAll(to, prefix, offer.choice);
             break;
-        case Kind::keys:
+        case Offer::keys:
             addAll(to, prefix, sources.keys(prefix));
             break;
-        case Kind::keysToSet:
+        case Offer::keysToSet:
             addKeysToSet(to, prefix, sources);
             break;
-        case Kind::lockedKeys:
+        case Offer::lockedKeys:
             addAll(to, prefix, sources.lockedKeys());
             break;
-        case Kind::users:
+        case Offer::users:
             addAll(to, prefix, sources.users());
             break;
-        case Kind::accounts:
+        case Offer::accounts:
             addAll(to, prefix, sources.accounts());
             break;
-        case Kind::processes:
+        case Offer::processes:
             addAll(to, prefix, sources.processes(written.operands[0]));
             break;
-        case Kind::files:
+        case Offer::files:
             to.kind = Candidates::Kind::files;
             break;
     }
+    return to;
+}
+
+Candidates operandsFor(const Written& written, std::string_view prefix, const Sources& sources) {
+    for (const auto& offer : written.verb->offers) {
+        if (fits(offer, written.operands)) return offered(offer, written, prefix, sources);
+    }
+    Candidates to;
+    if (!written.operands.empty()) return to;
+    for (const auto& action : written.verb->actions) add(to, prefix, std::string(action.name));
     return to;
 }
 
@@ -207,8 +165,7 @@ Candidates complete(Words words, const Sources& sources) {
         return attached ? attachedValues(last, sources) : optionNames(last, written.verb);
     }
     if (written.verb == nullptr) return verbNames(last);
-    const auto* rule = ruleFor(written);
-    return rule != nullptr ? operandsFor(*rule, written, last, sources) : Candidates();
+    return operandsFor(written, last, sources);
 }
 
 std::string_view optionIn(Words words, std::string_view name) {

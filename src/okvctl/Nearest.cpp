@@ -30,6 +30,19 @@ std::size_t distanceBetween(std::string_view a, std::string_view b) {
     return cost[a.size()][b.size()];
 }
 
+std::string joined(std::span<const std::string_view> words, std::string_view separator) {
+    std::string text;
+    for (const auto word : words) text.append(text.empty() ? "" : separator).append(word);
+    return text;
+}
+
+std::string noneSuch(std::string_view kind, std::string_view word,
+                     std::span<const std::string_view> known) {
+    std::string text("there is no ");
+    text.append(kind).append(" '").append(word).append("', only ").append(joined(known));
+    return text + didYouMean(word, known);
+}
+
 std::string didYouMean(std::string_view word, std::span<const std::string_view> known) {
     if (word.size() > kLongestWord) return {};
     std::string_view best;

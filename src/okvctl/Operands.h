@@ -38,11 +38,6 @@ std::int32_t neededUser(const Call& call);
 const okv::Dictionary& dictionaryIn(const okv::Value& answer);
 const okv::Array& arrayIn(const okv::Value& answer);
 
-/// A verb's second word, where it has several meanings.
-struct Action {
-    std::string_view name;
-    ExitCode (*run)(Call& call);
-};
 /// Throws the usage error for a word that is no action.
 const Action& actionNamed(std::string_view name, std::span<const Action> actions);
 

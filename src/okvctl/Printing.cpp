@@ -1,15 +1,17 @@
 #include "Printing.h"
 
+#include "Nearest.h"
+
 namespace okvctl {
 
 namespace {
 
 std::string namesOf(unsigned formats) {
-    std::string names;
-    for (const auto& each : kFormats) {
-        if ((each.format & formats) != 0) names.append(names.empty() ? "" : ", ").append(each.name);
+    std::vector<std::string_view> names;
+    for (std::size_t place = 0; place < kFormatNames.size(); ++place) {
+        if ((formatAt(place) & formats) != 0) names.push_back(kFormatNames[place]);
     }
-    return names;
+    return joined(names);
 }
 
 bool printDocument(Call& call, const okv::Value& whole) {

@@ -41,7 +41,7 @@ std::string usageFor(std::string_view name) {
 const Verb& verbNamed(std::string_view name) {
     if (name.empty()) throwUsage("no verb was given");
     if (const auto* const verb = findVerb(name)) return *verb;
-    std::vector<std::string_view> names;
+    std::vector<std::string_view> names{"--help", "--version"};
     for (const auto* verb : verbs()) {
         if (!verb->hidden) names.push_back(verb->name);
     }

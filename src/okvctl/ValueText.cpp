@@ -6,6 +6,7 @@
 #include <OKVPlatform/values/Unicode.h>
 
 #include <algorithm>
+#include <array>
 
 namespace okvctl {
 
@@ -70,10 +71,6 @@ constexpr TypeRow kTypes[] = {
     {"json", ValueType::json, readJson},       {"null", ValueType::null, readNull},
 };
 
-bool isControl(char32_t c) {
-    return c < 0x20 || (c >= 0x7F && c < 0xA0);
-}
-
 bool isBlankAtAnEnd(std::string_view text) {
     return okv::withoutSurroundingBlanks(text).size() != text.size();
 }
@@ -98,9 +95,13 @@ std::optional<ValueType> valueTypeNamed(std::string_view name) {
     return row != std::end(kTypes) ? std::optional(row->type) : std::nullopt;
 }
 
-std::string valueTypeNames() {
-    std::string names;
-    for (const auto& row : kTypes) names.append(names.empty() ? "" : "|").append(row.name);
+std::span<const std::string_view> valueTypeNames() {
+    static constexpr auto names = [] {
+        std::array<std::string_view, std::size(kTypes)> all;
+        std::transform(std::begin(kTypes), std::end(kTypes), all.begin(),
+                       [](const TypeRow& row) { return row.name; });
+        return all;
+    }();
     return names;
 }
 
@@ -134,15 +135,25 @@ std::string cellText(const Value& value) {
 }
 
 bool isPrintable(std::string_view text) {
-    if (okv::findInvalidUtf8(text)) return false;
-    for (std::size_t at = 0; at < text.size();) {
-        if (isControl(okv::nextCodePoint(text, at))) return false;
-    }
-    return true;
+    return okv::isUtf8Of(text, [](char32_t one) { return !okv::isControl(one); });
 }
+
+namespace {
+
+// Whoever passed a whole file for a key knows its beginning by sight.
+constexpr std::size_t kMessageAtMost = 2000;
+
+std::string_view beginningOf(std::string_view text) {
+    auto end = kMessageAtMost;
+    while (end > 0 && okv::isUtf8Continuation(text[end])) --end;
+    return text.substr(0, end);
+}
+
+}  // namespace
 
 std::string messageText(std::string_view text) {
     constexpr std::string_view digits = "0123456789abcdef";
+    if (text.size() > kMessageAtMost) return messageText(beginningOf(text)) + "...";
     if (isPrintable(text)) return std::string(text);
     std::string escaped;
     for (const char c : text) {

@@ -5,6 +5,7 @@
 #include <OKVPlatform/values/Value.h>
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -15,8 +16,8 @@ enum class ValueType { string, integer, real, boolean, date, data, json, null };
 
 /// The type of a --type option; none for an unknown name.
 std::optional<ValueType> valueTypeNamed(std::string_view name);
-/// The names of the types, for messages: "string|int|...".
-std::string valueTypeNames();
+/// The names of the types, in the order in which help tells them.
+std::span<const std::string_view> valueTypeNames();
 
 /// Reads the text of a VALUE. A string is any bytes as they stand. Bounded in depth and size, as
 /// `parseJson`.
@@ -33,7 +34,7 @@ std::string cellText(const okv::Value& value);
 /// Whether the text can be shown anywhere as it is: UTF-8 without any control characters.
 bool isPrintable(std::string_view text);
 /// The text for a message of one line: as it is where it is printable, else with all that is not
-/// printable ASCII as "\\x1b".
+/// printable ASCII as "\\x1b". Of a very long one its beginning, and "...".
 std::string messageText(std::string_view text);
 
 }  // namespace okvctl

@@ -5,6 +5,8 @@
 #include "Server.h"
 #include "ToolError.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -20,6 +22,26 @@ struct Call {
     bool prints(Format format) const noexcept { return line.format == format; }
 };
 
+/// A verb's second word, where it has several meanings.
+struct Action {
+    std::string_view name;
+    ExitCode (*run)(Call& call);
+};
+
+/// What a shell offers in the place of an operand.
+enum class Offer { choice, keys, keysToSet, lockedKeys, users, accounts, processes, files };
+
+inline constexpr std::size_t kEveryPlace = SIZE_MAX;  ///< whichever operand is being written
+
+/// One line of a verb's rules for shells; the first that fits counts.
+struct OperandOffer {
+    std::size_t place;  ///< counted from 0
+    Offer offer;
+    std::span<const std::string_view> choice = {};
+    /// Where it depends on one: what the first operand must be; for every place, the second one.
+    std::string_view behind = {};
+};
+
 /// A verb of the tool: one file under verbs/ each, and one row of the table in Verbs.cpp.
 struct Verb {
     std::string_view name;
@@ -29,7 +51,9 @@ struct Verb {
     unsigned takes;             ///< the options of OptionSet that have a meaning for it
     /// Throws ToolError. Checks the operands before it asks the server anything.
     ExitCode (*run)(Call& call);
-    bool hidden = false;  ///< not for people: in no help
+    std::span<const OperandOffer> offers = {};
+    std::span<const Action> actions = {};  ///< what its first operand may be, for shells
+    bool hidden = false;                   ///< not for people: in no help
 };
 
 std::span<const Verb* const> verbs();

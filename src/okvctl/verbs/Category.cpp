@@ -47,6 +47,8 @@ const Verb kCategory{
     "decode turns them back. Needs no data server.\n",
     kNoOptions,
     runCategory,
+    {},
+    kCategoryActions,
 };
 
 }  // namespace okvctl

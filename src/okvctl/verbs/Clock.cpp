@@ -63,6 +63,8 @@ const Verb kClock{
     "10 where no time was ever set. A started clock runs with real time, a stopped one stands.\n",
     kNoOptions,
     runClock,
+    {},
+    kClockActions,
 };
 
 }  // namespace okvctl

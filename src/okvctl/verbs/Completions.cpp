@@ -1,4 +1,5 @@
 #include "../Completion.h"
+#include "../Nearest.h"
 #include "../Operands.h"
 #include "../Printing.h"
 #include "Verbs.h"
@@ -17,13 +18,14 @@ using Words = Sources::Words;
 // Somebody waits for the shell: a data server that does not answer soon is none.
 constexpr double kPatience = 0.5;
 
+constexpr std::string_view kShells[] = {"bash", "zsh", "fish"};
+
 ExitCode printScript(Call& call) {
     expectOperands(call, 1, 1, "bash, zsh or fish");
     expectFormats(call, kJson | kPlist | kRaw);
     const auto shell = call.operands()[0];
     const auto script = completionScript(shell);
-    if (script.empty())
-        throwUsage("there is no script for '" + std::string(shell) + "', only for bash, zsh, fish");
+    if (script.empty()) throwUsage(noneSuch("script for", shell, kShells));
     if (call.prints(kJson) || call.prints(kPlist)) {
         confirm(call, "script", script);
     } else {
@@ -130,6 +132,8 @@ ExitCode completeWords(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kCompletionsOffers[] = {{0, Offer::choice, kShells}};
+
 }  // namespace
 
 const Verb kCompletions{
@@ -140,10 +144,12 @@ const Verb kCompletions{
     "brings the scripts along; by hand: source <(okvctl completions bash)\n",
     kNoOptions,
     printScript,
+    kCompletionsOffers,
 };
 
 const Verb kComplete{
-    "complete", "SHELL -- WORD...", "what the scripts ask", "", kNoOptions, completeWords, true,
+    "complete", "SHELL -- WORD...", "what the scripts ask", "", kNoOptions, completeWords, {}, {},
+    true,
 };
 
 }  // namespace okvctl

@@ -31,16 +31,19 @@ ExitCode runDescribe(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kDescribeOffers[] = {{0, Offer::keys}};
+
 }  // namespace
 
 const Verb kDescribe{
     "describe",
-    "KEY",
+    "KEY [--user APPUID]",
     "tell where a value comes from",
     "The value that a read gets, its type and origin (user, everybody, none), who wrote it and\n"
     "when, and whether the key is locked.\n",
     kTakesUser,
     runDescribe,
+    kDescribeOffers,
 };
 
 }  // namespace okvctl

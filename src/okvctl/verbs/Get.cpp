@@ -41,11 +41,13 @@ ExitCode runGet(Call& call) {
     return ExitCode::notSet;
 }
 
+constexpr OperandOffer kGetOffers[] = {{kEveryPlace, Offer::keys}};
+
 }  // namespace
 
 const Verb kGet{
     "get",
-    "KEY...",
+    "KEY... [--user APPUID]",
     "print values",
     "Of one KEY the value alone is printed, a string byte for byte; of several a line each:\n"
     "key, type, value. With --user, the user's own value or else everybody's. A KEY that is\n"
@@ -53,6 +55,7 @@ const Verb kGet{
     "values, null for what is not set.\n",
     kTakesUser,
     runGet,
+    kGetOffers,
 };
 
 }  // namespace okvctl

@@ -65,11 +65,13 @@ ExitCode runImport(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kImportOffers[] = {{0, Offer::files}};
+
 }  // namespace
 
 const Verb kImport{
     "import",
-    "[--dry-run] FILE",
+    "FILE [--dry-run]",
     "put a file that export wrote into the store",
     "The FILE (- for the standard input) is JSON or a property list, XML or binary, as its first\n"
     "bytes tell. Each part that it holds replaces the stored part as a whole, in one transaction;\n"
@@ -79,6 +81,7 @@ const Verb kImport{
     "{\"changes\": [{\"part\", \"whose\", \"change\", \"key\", \"before\", \"after\"}, ...]}.\n",
     kTakesDryRun,
     runImport,
+    kImportOffers,
 };
 
 }  // namespace okvctl

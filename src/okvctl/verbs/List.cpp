@@ -25,17 +25,20 @@ ExitCode runList(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kListOffers[] = {{0, Offer::keys}};
+
 }  // namespace
 
 const Verb kList{
     "list",
-    "[PREFIX]",
+    "[PREFIX] [--user APPUID]",
     "list the stored values, by key",
     "A line each, in the order of the keys: key, type, value. Everybody's values, or with\n"
     "--user those that are the user's own. Strings that do not show as they are, arrays and\n"
     "dictionaries stand as JSON. With --json an object of keys to values.\n",
     kTakesUser,
     runList,
+    kListOffers,
 };
 
 }  // namespace okvctl

@@ -1,14 +1,17 @@
+#include "../Nearest.h"
 #include "../Operands.h"
 #include "../Printing.h"
 #include "../StoreFile.h"
-#include "../StoreParts.h"
 #include "Verbs.h"
+
+#include <OKVDataCenter/ExportNames.h>
 
 namespace okvctl {
 
 namespace {
 
 using Data = OKVDataMng_protocol;
+using datacenter::kUserListNames;
 
 struct Family {
     std::string_view name;
@@ -30,20 +33,18 @@ constexpr Family family(std::string_view name) {
 }
 
 constexpr Family kFamilies[] = {
-    family<&Data::okvUserSettingPT, &Data::setOkvUserSettingPT_value>(kFamilyNames[0]),
-    family<&Data::okvContentsWordsPT, &Data::setOkvContentsWordsPT_value>(kFamilyNames[1]),
-    family<&Data::okvHammerListPT, &Data::setOkvHammerListPT_value>(kFamilyNames[2]),
+    family<&Data::okvUserSettingPT, &Data::setOkvUserSettingPT_value>(kUserListNames[0]),
+    family<&Data::okvContentsWordsPT, &Data::setOkvContentsWordsPT_value>(kUserListNames[1]),
+    family<&Data::okvHammerListPT, &Data::setOkvHammerListPT_value>(kUserListNames[2]),
     family<&Data::okvBlackExtensionListPT, &Data::setOkvBlackExtensionListPT_value>(
-        kFamilyNames[3]),
+        kUserListNames[3]),
 };
 
 const Family& familyNamed(std::string_view name) {
-    std::string names;
     for (const auto& each : kFamilies) {
         if (each.name == name) return each;
-        names.append(names.empty() ? "" : ", ").append(each.name);
     }
-    throwUsage("there is no list '" + std::string(name) + "', only " + names);
+    throwUsage(noneSuch("list", name, kUserListNames));
 }
 
 std::string subjectFor(const Family& list, std::int32_t user) {
@@ -90,6 +91,8 @@ ExitCode runLists(Call& call) {
     return actionNamed(call.operands()[0], kListsActions).run(call);
 }
 
+constexpr OperandOffer kListsOffers[] = {{1, Offer::choice, kUserListNames}};
+
 }  // namespace
 
 const Verb kLists{
@@ -102,6 +105,8 @@ const Verb kLists{
     "no list; with --json it prints {FAMILY: value}.\n",
     kTakesUser | kTakesType,
     runLists,
+    kListsOffers,
+    kListsActions,
 };
 
 }  // namespace okvctl

@@ -39,6 +39,10 @@ ExitCode listLocks(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kLockOffers[] = {{kEveryPlace, Offer::keys}};
+
+constexpr OperandOffer kUnlockOffers[] = {{kEveryPlace, Offer::lockedKeys}};
+
 }  // namespace
 
 const Verb kLock{
@@ -49,6 +53,7 @@ const Verb kLock{
     "values stay stored and count again after unlock.\n",
     kNoOptions,
     lock,
+    kLockOffers,
 };
 
 const Verb kUnlock{
@@ -58,6 +63,7 @@ const Verb kUnlock{
     "A KEY that is not locked is no mistake.\n",
     kNoOptions,
     unlock,
+    kUnlockOffers,
 };
 
 const Verb kLocks{

@@ -1,3 +1,4 @@
+#include "../Nearest.h"
 #include "../Operands.h"
 #include "../Printing.h"
 #include "Verbs.h"
@@ -25,17 +26,20 @@ constexpr ProcessList processList(std::string_view name) {
             }};
 }
 
+constexpr std::string_view kProcsNames[] = {"white", "black", "kill", "system"};
+constexpr std::string_view kProcsChanges[] = {"add", "remove"};
+
 constexpr ProcessList kProcessLists[] = {
-    processList<&Data::okvFltProcWhiteListPT, &Admin::setOkvFltProcWhiteListPT>("white"),
-    processList<&Data::okvFltProcBlackListPT, &Admin::setOkvFltProcBlackListPT>("black"),
-    processList<&Data::okvKillWebProcListPT, &Admin::setOkvKillWebProcListPT>("kill"),
+    processList<&Data::okvFltProcWhiteListPT, &Admin::setOkvFltProcWhiteListPT>(kProcsNames[0]),
+    processList<&Data::okvFltProcBlackListPT, &Admin::setOkvFltProcBlackListPT>(kProcsNames[1]),
+    processList<&Data::okvKillWebProcListPT, &Admin::setOkvKillWebProcListPT>(kProcsNames[2]),
 };
 
 const ProcessList& listNamed(std::string_view name) {
     for (const auto& list : kProcessLists) {
         if (list.name == name) return list;
     }
-    throwUsage("there is no list '" + std::string(name) + "', only white, black, kill and system");
+    throwUsage(noneSuch("list", name, kProcsNames));
 }
 
 constexpr Table::Noun kProcesses{"process", "processes"};
@@ -87,12 +91,12 @@ okv::Dictionary removed(std::span<const std::string_view> operands) {
 ExitCode runProcs(Call& call) {
     expectOperands(call, 1, kAnyNumber, "white, black, kill or system");
     const auto operands = call.operands();
-    if (operands[0] == "system") return showSystem(call);
+    if (operands[0] == kProcsNames[3]) return showSystem(call);
     const auto& list = listNamed(operands[0]);
     if (operands.size() == 1) return show(call, list);
-    const bool adds = operands[1] == "add";
-    if (!adds && operands[1] != "remove")
-        throwUsage("'" + std::string(operands[1]) + "' is neither add nor remove");
+    const bool adds = operands[1] == kProcsChanges[0];
+    if (!adds && operands[1] != kProcsChanges[1])
+        throwUsage(noneSuch("change", operands[1], kProcsChanges));
     expectFormats(call, kConfirmFormats);
     expectOperands(call, 3, kAnyNumber, adds ? "NAME=IDENTIFIER" : "NAME");
     const auto processes = adds ? added(operands.subspan(2)) : removed(operands.subspan(2));
@@ -102,6 +106,14 @@ ExitCode runProcs(Call& call) {
     confirm(call, adds ? "added" : "removed", std::move(names));
     return ExitCode::done;
 }
+
+constexpr OperandOffer kProcsOffers[] = {
+    {0, Offer::choice, kProcsNames},
+    {1, Offer::choice, kProcsChanges, kProcsNames[0]},
+    {1, Offer::choice, kProcsChanges, kProcsNames[1]},
+    {1, Offer::choice, kProcsChanges, kProcsNames[2]},
+    {kEveryPlace, Offer::processes, {}, kProcsChanges[1]},
+};
 
 }  // namespace
 
@@ -115,6 +127,7 @@ const Verb kProcs{
     "of names to identifiers; of system {\"white\": ..., \"black\": ...}.\n",
     kNoOptions,
     runProcs,
+    kProcsOffers,
 };
 
 }  // namespace okvctl

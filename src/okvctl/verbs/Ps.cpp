@@ -56,7 +56,7 @@ ExitCode runPs(Call& call) {
 
 const Verb kPs{
     "ps",
-    "",
+    "[--managed]",
     "list the processes as the suite sees them",
     "A line for each process of the kernel's table: ids, command name (at most 16 bytes) and the\n"
     "path of its executable, which is \"(null)\" for every process: the suite's processes get no\n"

@@ -31,11 +31,13 @@ ExitCode runSet(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kSetOffers[] = {{kEveryPlace, Offer::keysToSet}};
+
 }  // namespace
 
 const Verb kSet{
     "set",
-    "[--type TYPE] KEY=VALUE...",
+    "KEY=VALUE... [--type TYPE] [--user APPUID]",
     "store values, all of them or none",
     "A VALUE is a string, byte for byte, unless --type says how to read it: int (decimal or\n"
     "0x), bool, real, date (2026-01-31T23:59:59Z, @SECONDS since 1970, now), data (base64),\n"
@@ -44,6 +46,7 @@ const Verb kSet{
     "the values are everybody's. Nothing is printed; with --json {\"set\": [KEY, ...]}.\n",
     kTakesUser | kTakesType,
     runSet,
+    kSetOffers,
 };
 
 }  // namespace okvctl

@@ -16,16 +16,19 @@ ExitCode runUnset(Call& call) {
     return ExitCode::done;
 }
 
+constexpr OperandOffer kUnsetOffers[] = {{kEveryPlace, Offer::keys}};
+
 }  // namespace
 
 const Verb kUnset{
     "unset",
-    "KEY...",
+    "KEY... [--user APPUID]",
     "take values away, all of them or none",
     "With --user the user's own values, else everybody's. A KEY that is not set is no mistake.\n"
     "Nothing is printed; with --json {\"unset\": [KEY, ...]}.\n",
     kTakesUser,
     runUnset,
+    kUnsetOffers,
 };
 
 }  // namespace okvctl

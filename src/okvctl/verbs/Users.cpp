@@ -137,6 +137,12 @@ ExitCode runUsers(Call& call) {
     return actionNamed(operands.empty() ? "list" : operands[0], kUsersActions).run(call);
 }
 
+constexpr OperandOffer kUsersOffers[] = {
+    {1, Offer::accounts, {}, "assign"}, {1, Offer::accounts, {}, "unassign"},
+    {1, Offer::accounts, {}, "switch"}, {1, Offer::users, {}, "remove"},
+    {1, Offer::users, {}, "current"},   {2, Offer::users, {}, "assign"},
+    {2, Offer::users, {}, "switch"}};
+
 }  // namespace
 
 const Verb kUsers{
@@ -155,6 +161,8 @@ const Verb kUsers{
     "An ACCOUNT is a uid or an account's name, an APPUID a number from 1 on.\n",
     kNoOptions,
     runUsers,
+    kUsersOffers,
+    kUsersActions,
 };
 
 }  // namespace okvctl

@@ -64,11 +64,14 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{"users", "assign", "4294967295", "2"}, "0 to 2147483647"},
         Row{{"users", "remove", "0"}, "from 1 on"}, Row{{"lists"}, "get or set is missing"},
         Row{{"lists", "get", "hammer", "--user", "1"}, "only user_setting"},
+        Row{{"lists", "get", "hamer_list", "--user", "1"}, "did you mean hammer_list?"},
         Row{{"lists", "get", "hammer_list"}, "--user APPUID"},
         Row{{"lists", "get", "hammer_list", "--user", "1", "--type", "int"}, "no --type"},
         Row{{"procs"}, "white, black, kill or system is missing"},
-        Row{{"procs", "green"}, "no list 'green'"},
-        Row{{"procs", "kill", "ad", "x=y"}, "neither add nor remove"},
+        Row{{"procs", "green"}, "no list 'green', only white, black, kill, system"},
+        Row{{"procs", "blakc"}, "did you mean black?"},
+        Row{{"procs", "kill", "ad", "x=y"},
+            "there is no change 'ad', only add, remove; did you mean add?"},
         Row{{"procs", "kill", "add", "x"}, "'x' has no '='"},
         Row{{"procs", "kill", "add", "x="}, "has no identifier"},
         Row{{"clock"}, "get, set, start or stop is missing"},
@@ -76,7 +79,11 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{"describe"}, "KEY is missing"}, Row{{"watch", "--since", "x"}, "from 0 on"},
         Row{{"get", "--dry-run", "a"}, "it takes no --dry-run"},
         Row{{"list", "--since", "1"}, "it takes no --since"},
-        Row{{"list", "--format", "tabel"}, "--format takes table|json|plist|raw, not 'tabel'"},
+        Row{{"list", "--format", "tabel"},
+            "--format takes table|json|plist|raw, not 'tabel'; did you mean table?"},
+        Row{{"set", "--type", "itn", "a=1"}, "not 'itn'; did you mean int?"},
+        Row{{"set", "--type", "sting", "a=1"}, "did you mean string?"},
+        Row{{"help"}, "did you mean --help?"},
         Row{{"list", "--format", "raw"},
             "it prints no raw; --format takes table, json, plist here"},
         Row{{"list", "--format"}, "--format needs a value"},
@@ -87,9 +94,16 @@ INSTANTIATE_TEST_SUITE_P(
         Row{{"export", "--format=table"}, "it prints no table"},
         Row{{"exprot"}, "did you mean export?"}, Row{{"doctor", "x"}, "too many"},
         Row{{"completions"}, "bash, zsh or fish is missing"},
-        Row{{"completions", "tcsh"}, "there is no script for 'tcsh'"},
+        Row{{"completions", "tcsh"}, "there is no script for 'tcsh', only bash, zsh, fish"},
         Row{{"ping", "x"}, "too many"}, Row{{"status", "x"}, "too many"},
         Row{{"urls", "x"}, "too many"}));
+
+TEST(LongWords, AreToldByTheirBeginning) {
+    const auto ran = run({std::string(100'000, 'k')});
+    EXPECT_EQ(ran.code, 2);
+    EXPECT_THAT(ran.error, AllOf(StartsWith("okvctl: there is no verb 'kkk"), EndsWith("k...\n")));
+    EXPECT_LT(ran.error.size(), 2100U);
+}
 
 TEST(Help, NamesEveryVerbAndEveryVerbHasItsOwn) {
     const auto whole = run({"--help"});
