@@ -19,6 +19,7 @@ void Ledger::open() {
     keyBytesTold_ = 0;
     reason_.clear();
     failure_.reset();
+    stamp_.reset();
     outcome_ = Outcome();
     told_ = Change();
     told_.keys.emplace();
@@ -55,7 +56,7 @@ bool Ledger::refuse(Kind kind, std::string reason) {
     return false;
 }
 
-void Ledger::carryOut(Step step) {
+void Ledger::carryOut(Step&& step) {
     store_.carryOut(step);
     remember(std::move(step));
 }
@@ -70,9 +71,10 @@ bool Ledger::isAdministrator() const noexcept {
     return who == nullptr || rights_.isAdministrator(*who);
 }
 
-Stamp Ledger::stamp() const {
+Stamp Ledger::stamp() {
     const auto* who = caller();
-    return {who != nullptr ? std::int64_t{who->uid} : -1, now_()};
+    if (!stamp_) stamp_ = Stamp{who != nullptr ? std::int64_t{who->uid} : -1, now_()};
+    return *stamp_;
 }
 
 // Others than administrators change what belongs to the user of their own account.

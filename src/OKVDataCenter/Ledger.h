@@ -62,15 +62,16 @@ public:
 
     /// Puts the reason beside the zero value; answers false, for bodies to hand on.
     bool refuse(okv::Refusal::Kind kind, std::string reason);
-    void carryOut(Step step);
+    void carryOut(Step&& step);
     /// So many steps are about to come.
     void expect(std::size_t steps) { outcome_.steps.reserve(steps); }
-    void remember(Step step) { outcome_.steps.push_back(std::move(step)); }
+    void remember(Step&& step) { outcome_.steps.push_back(std::move(step)); }
 
     /// The account that asks; none when it is the server itself.
     const okv::PeerIdentity* caller() const noexcept;
     bool isAdministrator() const noexcept;
-    Stamp stamp() const;
+    /// Who makes this change, and when: the same for all of its steps.
+    Stamp stamp();
 
     /// These refuse where the answer is no.
     bool mayChange(std::int32_t user);
@@ -102,6 +103,7 @@ private:
     std::size_t keyBytesTold_ = 0;
     std::string reason_;
     std::optional<SqlError> failure_;
+    std::optional<Stamp> stamp_;
     Change told_;
     Outcome outcome_;
 };

@@ -9,7 +9,8 @@ namespace datacenter {
 namespace {
 
 template <class T>
-void append(std::vector<T>& all, std::vector<T> more) {
+void append(std::vector<T>& all, std::vector<T>&& more) {
+    if (all.empty()) return all.swap(more);
     all.insert(all.end(), std::make_move_iterator(more.begin()),
                std::make_move_iterator(more.end()));
 }

@@ -8,20 +8,6 @@ unsigned byteAt(std::string_view bytes, std::size_t at) {
     return static_cast<unsigned char>(bytes[at]);
 }
 
-bool isAllowed(char32_t codePoint, std::size_t length) {
-    if (length == 3) return codePoint >= 0x800 && (codePoint < 0xD800 || codePoint > 0xDFFF);
-    if (length == 4) return codePoint >= 0x10000 && codePoint <= 0x10FFFF;
-    return true;
-}
-
-bool takeSequence(std::string_view text, std::size_t& at) {
-    const auto length = utf8Length(text[at]);
-    if (length == 0 || text.size() - at < length) return false;
-    for (std::size_t i = 1; i < length; ++i)
-        if (!isUtf8Continuation(text[at + i])) return false;
-    return isAllowed(nextCodePoint(text, at), length);
-}
-
 char32_t unitAt(std::string_view bytes, std::size_t at, ByteOrder order) {
     const auto first = byteAt(bytes, at);
     const auto second = byteAt(bytes, at + 1);
@@ -59,12 +45,27 @@ void appendUtf8(std::string& text, char32_t codePoint) {
     put(0x80 | (codePoint & 0x3F));
 }
 
+namespace {
+
+bool isAllowed(char32_t codePoint, std::size_t length) {
+    if (length == 3) return codePoint >= 0x800 && (codePoint < 0xD800 || codePoint > 0xDFFF);
+    if (length == 4) return codePoint >= 0x10000 && codePoint <= 0x10FFFF;
+    return true;
+}
+
+}  // namespace
+
+bool isUtf8At(std::string_view text, std::size_t at) {
+    const auto length = utf8Length(text[at]);
+    if (length == 0 || text.size() - at < length) return false;
+    for (std::size_t i = 1; i < length; ++i)
+        if (!isUtf8Continuation(text[at + i])) return false;
+    return isAllowed(nextCodePoint(text, at), length);
+}
+
 std::optional<std::size_t> findInvalidUtf8(std::string_view text) {
-    std::size_t at = 0;
-    while (at < text.size()) {
-        const auto start = at;
-        if (!takeSequence(text, at)) return start;
-    }
+    for (std::size_t at = 0; at < text.size(); at += utf8Length(text[at]))
+        if (!isUtf8At(text, at)) return at;
     return std::nullopt;
 }
 

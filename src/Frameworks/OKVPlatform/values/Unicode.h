@@ -45,8 +45,10 @@ constexpr bool isUtf8Continuation(char byte) noexcept {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-/// Where `text` stops being UTF-8 (shortest forms, no surrogates, at most U+10FFFF): the offset of
-/// the first bad byte, none when all of it is good.
+/// Whether the UTF-8 of a character begins there: in its shortest form, no surrogate, at most
+/// U+10FFFF.
+OKV_EXPORT bool isUtf8At(std::string_view text, std::size_t at);
+/// Where `text` stops being UTF-8: the offset of the first bad byte, none when all of it is good.
 OKV_EXPORT std::optional<std::size_t> findInvalidUtf8(std::string_view text);
 
 /// The code point that begins at `at` of a text known to be UTF-8; `at` moves past it.
@@ -63,9 +65,10 @@ constexpr char32_t nextCodePoint(std::string_view text, std::size_t& at) noexcep
 /// Whether all of it is UTF-8, of characters that `accepts`.
 template <class Accepts>
 bool isUtf8Of(std::string_view text, Accepts accepts) {
-    if (findInvalidUtf8(text)) return false;
-    for (std::size_t at = 0; at < text.size();)
-        if (!accepts(nextCodePoint(text, at))) return false;
+    for (std::size_t at = 0; at < text.size();) {
+        const bool isAscii = static_cast<unsigned char>(text[at]) < 0x80;
+        if ((!isAscii && !isUtf8At(text, at)) || !accepts(nextCodePoint(text, at))) return false;
+    }
     return true;
 }
 
