@@ -206,17 +206,24 @@ void storeWhatIsRead() {
     ASSERT_TRUE(okv::send<&Data::setOKVDataAllPT_appUid>(*connect(), Value(all), 1));
 }
 
+constexpr long kCallsPerLife = 1000 / kSlowness;
+
+// A slow machine takes longer for it; one that does not answer any more is the test's time-out.
+void awaitAnswers(const Tally& tally, long more) {
+    for (const auto enough = tally.answered + more; tally.answered < enough;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 // Kills and restarts the server three times while the threads call.
 void callThroughThreeDeaths(ServerProcess& server, std::vector<std::thread>& threads,
-                            std::atomic<bool>& stop) {
-    const auto quarter = std::chrono::milliseconds(2500);
+                            const Tally& tally, std::atomic<bool>& stop) {
     for (int death = 0; death < 3; ++death) {
-        std::this_thread::sleep_for(quarter);
+        awaitAnswers(tally, kCallsPerLife);
         server.signal(SIGKILL);
         server.wait();
         ASSERT_TRUE(server.start());
     }
-    std::this_thread::sleep_for(quarter);
+    awaitAnswers(tally, kCallsPerLife);
     stop = true;
     for (auto& thread : threads) thread.join();
 }
@@ -274,9 +281,8 @@ void eightThreadsThroughThreeDeaths() {
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread)
         threads.emplace_back([&, thread] { callUntil(stop, thread, shared, tally); });
-    callThroughThreeDeaths(server, threads, stop);
+    callThroughThreeDeaths(server, threads, tally, stop);
     EXPECT_EQ(tally.wrong, 0);
-    EXPECT_GT(tally.answered, 1000 / kSlowness);
     EXPECT_GT(tally.failed, 0) << "no call ever met a death";
     ASSERT_GE(shared.made().size(), 4U);
     const auto& last = *shared.made().back();
