@@ -127,6 +127,7 @@ bool take(Options& options, int option) {
             options.act = Options::Act::restore;
             return true;
         case kHelp:
+        case 'h':
             options.act = Options::Act::help;
             return true;
         case kVersion:
@@ -143,7 +144,7 @@ Options Options::parse(int argumentCount, char* const arguments[]) {
     Options options;
     optind = 0;  // from the start, at every call
     for (;;) {
-        const int option = getopt_long(argumentCount, arguments, "+:", kOptions, nullptr);
+        const int option = getopt_long(argumentCount, arguments, "+:h", kOptions, nullptr);
         if (option == -1) break;
         if (option == ':') return wrong(std::string(arguments[optind - 1]) + " needs a value");
         if (!take(options, option))

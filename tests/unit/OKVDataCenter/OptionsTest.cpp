@@ -87,5 +87,7 @@ TEST(Options, TellWhatIsWrongInOneLine) {
 
 TEST(Options, AskedForHelpOrTheVersionNothingElseCounts) {
     EXPECT_EQ(parse({"--help"}).act, Options::Act::help);
+    EXPECT_EQ(parse({"-h"}).act, Options::Act::help);
+    EXPECT_EQ(parse({"-x"}).act, Options::Act::wrong);
     EXPECT_EQ(parse({"--version", "--bogus"}).act, Options::Act::version);
 }
