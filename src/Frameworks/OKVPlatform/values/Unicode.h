@@ -28,6 +28,7 @@ constexpr char32_t joinedSurrogates(char32_t high, char32_t low) noexcept {
     return 0x10000 + ((high - 0xD800) << 10) + (low - 0xDC00);
 }
 
+/// The controls of ASCII, its delete, and those from U+0080 on.
 constexpr bool isControl(char32_t codePoint) noexcept {
     return codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
 }
@@ -45,8 +46,8 @@ constexpr bool isUtf8Continuation(char byte) noexcept {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-/// Whether the UTF-8 of a character begins there: in its shortest form, no surrogate, at most
-/// U+10FFFF.
+/// Whether the UTF-8 of a character begins at `at`, which lies inside of the text: in its shortest
+/// form, no surrogate, at most U+10FFFF.
 OKV_EXPORT bool isUtf8At(std::string_view text, std::size_t at);
 /// Where `text` stops being UTF-8: the offset of the first bad byte, none when all of it is good.
 OKV_EXPORT std::optional<std::size_t> findInvalidUtf8(std::string_view text);
