@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <string>
@@ -95,4 +98,26 @@ TEST(NSLog, TheSinkMayChangeWhileOtherThreadsLog) {
     done = true;
     logger.join();
     EXPECT_GE(heard, 50);
+}
+
+TEST(NSLog, WritesInAForkedChildWhateverOtherThreadsOfTheParentWereLogging) {
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        while (!stop) okv::logLine("in the parent");
+    });
+    int ended = 0;
+    for (int i = 0; i < 300; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            _exit(okv::logLine("in the child").empty() ? 1 : 0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        ended += status == 0 ? 1 : 0;
+        if (status != 0) break;
+    }
+    stop = true;
+    other.join();
+    EXPECT_EQ(ended, 300);
 }

@@ -1,3 +1,4 @@
+#include <OKVPlatform/system/LocalTime.h>
 #include <OKVPlatform/system/NSLog.h>
 #include <OKVPlatform/system/SinkSlot.h>
 
@@ -8,7 +9,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
-#include <new>
 
 namespace okv {
 
@@ -16,19 +16,15 @@ namespace {
 
 using Sink = SinkSlot<std::string_view>;
 
-// Never destroyed: threads may still log while the process ends. In place: it is there without
-// memory, too.
 Sink& sink() noexcept {
-    alignas(Sink) static std::byte place[sizeof(Sink)];
-    static auto* const slot = new (place) Sink;
-    return *slot;
+    return lasting<Sink>();
 }
 
 std::string timestamp() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm fields{};
-    localtime_r(&now.tv_sec, &fields);
+    localTime(now.tv_sec, fields);
     std::array<char, 64> text{};
     const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &fields);
     std::array<char, 16> fraction{};

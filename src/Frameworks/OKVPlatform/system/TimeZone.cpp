@@ -1,4 +1,5 @@
 #include <OKVPlatform/system/LaterRule.h>
+#include <OKVPlatform/system/LocalTime.h>
 #include <OKVPlatform/system/TimeZone.h>
 
 #include <date/tz.h>
@@ -95,9 +96,8 @@ date::sys_seconds sysSeconds(std::int64_t instant) {
 
 // The C library knows every form of TZ, and rules beyond the listed changes.
 std::int64_t localOffset(std::int64_t instant) {
-    const std::time_t time = instant;
     tm fields{};
-    return localtime_r(&time, &fields) == nullptr ? 0 : fields.tm_gmtoff;
+    return localTime(instant, fields) ? fields.tm_gmtoff : 0;
 }
 
 // The rule for all time after the listed changes stands, in TZ's form, in the last line of the
@@ -125,7 +125,7 @@ bool hasSummerTime(const std::string& rule) {
 }  // namespace
 
 TimeZone TimeZone::local() {
-    tzset();
+    readLocalZone();
     return TimeZone();
 }
 
