@@ -67,7 +67,11 @@ const std::map<std::string, Value>& realResults() {
         {"userIdList", Array{1, 3, 5, 7}},
         {"removeUserInfo", false},                                  // nobody has that id
         {"setOKVData_valueOfTheNullObjectUnderAnEmptyKey", false},  // a key has a byte at least
-        {"setOKVData_value_appUid", false},                         // nor is -1 a user
+        {"setOKVData_value_appUidOfTheNullObjectUnderAnEmptyKey", false},
+        {"setOKVData_value_osUidOfTheNullObjectUnderAnEmptyKey", false},
+        {"setOKVDataAll_appUidOfTheNullObject", false},  // it is no dictionary
+        {"setOKVDataAll_osUidOfTheNullObject", false},
+        {"setOKVData_value_appUid", false},  // nor is -1 a user
     };
     return results;
 }

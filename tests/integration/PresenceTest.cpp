@@ -208,4 +208,16 @@ TEST_F(Stopping, EndsTheLinkOfThisClientAloneAndForGood) {
     EXPECT_TRUE(manager->stopSrv()) << "without a connection, too";
 }
 
+TEST_F(Stopping, LetsTheConnectionGoBetweenItsTwoLines) {
+    LoggedEntries entries;
+    std::vector<Entry> before;
+    const auto manager = connected();
+    lines_.watch([&](std::string_view line) {
+        if (line == kDisconnectLine) before = entries.take();
+    });
+    EXPECT_TRUE(manager->stopSrv());
+    EXPECT_THAT(before, ElementsAre(Entry{10, "call stop DataSrv()."}));
+    EXPECT_THAT(entries.take(), ElementsAre(Entry{10, "->end Data Server..."}));
+}
+
 }  // namespace dmtest

@@ -5,6 +5,7 @@
 #include <OKVPlatform/process/ProcessManager.h>
 #include <OKVPlatform/system/Bundle.h>
 #include <OKVPlatform/system/Calendar.h>
+#include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <cstdint>
@@ -14,7 +15,7 @@
 
 /// The suite's toolbox: class operations only, no state. Every operation may be called from any
 /// thread.
-class OKV_EXPORT okvCmnUtil final {
+class OKV_EXPORT okvCmnUtil final : public okv::Object {
 public:
     okvCmnUtil() = delete;
 

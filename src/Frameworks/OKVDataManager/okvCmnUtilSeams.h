@@ -4,9 +4,8 @@
 #include <OKVPlatform/process/ProcessTable.h>
 #include <OKVPlatform/process/QuitEvent.h>
 #include <OKVPlatform/process/Task.h>
+#include <OKVPlatform/system/FileAttributes.h>
 #include <OKVPlatform/values/Value.h>
-
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -142,7 +141,8 @@ inline std::optional<okv::Dictionary> processInfoBSD(const okv::Array& list, int
 
 // ---- The Process Manager's list ----
 
-inline okv::Array processList(okv::ProcessManager& manager) {
+template <class Manager>
+okv::Array processList(Manager& manager) {
     okv::Array list;
     okv::ProcessSerialNumber psn{0, okv::kNoProcess};
     okv::ProcessInfoRec info;
@@ -162,11 +162,17 @@ inline bool equals(const okv::Value& value, std::string_view text) {
     return held != nullptr && *held == text;
 }
 
+/// Whether a record of the list is the application of this name and identifier.
+inline bool isApplication(const okv::Value& process, std::string_view name,
+                          std::string_view identifier) {
+    const auto* record = process.getIf<okv::Dictionary>();
+    return record != nullptr && equals((*record)["CFBundleName"], name) &&
+           equals((*record)["CFBundleIdentifier"], identifier);
+}
+
 inline bool listHolds(const okv::Array& list, std::string_view name, std::string_view identifier) {
-    return std::any_of(list.begin(), list.end(), [&](const okv::Value& value) {
-        const auto* process = value.getIf<okv::Dictionary>();
-        return process != nullptr && equals((*process)["CFBundleName"], name) &&
-               equals((*process)["CFBundleIdentifier"], identifier);
+    return std::any_of(list.begin(), list.end(), [&](const okv::Value& process) {
+        return isApplication(process, name, identifier);
     });
 }
 
@@ -221,13 +227,6 @@ inline bool quitProcess(int pid, const Signals& signals) {
 
 // ---- Launching ----
 
-inline bool existsAt(std::string_view path) {
-    struct stat attributes {};
-    // A NUL byte would cut the path: no file has such a name.
-    if (path.empty() || path.find('\0') != std::string_view::npos) return false;
-    return stat(std::string(path).c_str(), &attributes) == 0;
-}
-
 inline std::vector<std::string> argumentTexts(const okv::Array& arguments) {
     std::vector<std::string> texts;
     texts.reserve(arguments.size());
@@ -240,8 +239,8 @@ inline std::vector<std::string> argumentTexts(const okv::Array& arguments) {
 }
 
 inline std::string chosenFolder(std::string_view workPath, const std::string& programFolder) {
-    if (existsAt(workPath)) return std::string(workPath);
-    return existsAt(programFolder) ? programFolder : "/tmp";
+    if (okv::fileExistsAtPath(workPath)) return std::string(workPath);
+    return okv::fileExistsAtPath(programFolder) ? programFolder : "/tmp";
 }
 
 }  // namespace okvCmnUtilSeams

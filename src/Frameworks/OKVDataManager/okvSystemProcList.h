@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/Value.h>
 
 extern "C" {
@@ -21,11 +22,12 @@ extern OKV_EXPORT okvSystemProc sysBlockProcWhiteListTbl[];
 extern OKV_EXPORT okvSystemProc sysBlockProcBlackListTbl[];
 }
 
-/// The two compiled-in process tables as collections: class operations only, no state.
+/// The two compiled-in process tables as collections: class operations only, no state, and none
+/// is ever made.
 ///
 /// Every call builds a new collection that the caller may change freely. A walk ends at the first
 /// row of which either reference is null, so a half-filled row ends a table too. Any thread.
-class OKV_EXPORT okvSystemProcList final {
+class OKV_EXPORT okvSystemProcList final : public okv::Object {
 public:
     okvSystemProcList() = delete;
 

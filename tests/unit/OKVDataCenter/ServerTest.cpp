@@ -228,6 +228,23 @@ TEST(Server, CountsAClientOncePerConnectionUntilItIsTakenAway) {
     EXPECT_EQ(harness.ask<&Data::connectCount>(), 1);
 }
 
+TEST(Server, EndsWithAWordToEachRegisteredClientAndToNobodyElse) {
+    Harness harness;
+    const auto first = okv::make<RecordingPort>(account(1000));
+    const auto second = okv::make<RecordingPort>(account(1001));
+    const auto removed = okv::make<RecordingPort>(account(1002));
+    const okv::detail::LentObject client{7};
+    for (const auto& port : {first, second, removed})
+        harness.send<&Data::registerAsClient>(port, client);
+    harness.send<&Data::removeAsClient>(removed, client);
+    const auto ending = okv::make<RecordingPort>(account(0));
+    harness.send<&Data::endServer>(ending);
+    EXPECT_EQ(first->posted.size(), 1U);
+    EXPECT_EQ(second->posted.size(), 1U);
+    EXPECT_TRUE(removed->posted.empty());
+    EXPECT_TRUE(ending->posted.empty());
+}
+
 TEST(Server, EndsWithAWordToEveryClientAndAnswersWhatItHadTaken) {
     Harness harness;
     const auto client = okv::make<RecordingPort>(account(1000));

@@ -5,8 +5,12 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "unit/process/Support.h"
 
@@ -52,7 +56,76 @@ Dictionary named(Value name, Value identifier) {
     return record;
 }
 
+struct WalkStep {
+    okv::OSStatus next = okv::noErr;
+    std::uint32_t pid = 0;
+    okv::OSStatus information = okv::noErr;
+    bool hasDictionary = true;
+};
+
+/// A Process Manager that answers as it is told to, one step for each process of the walk.
+class ScriptedManager {
+public:
+    explicit ScriptedManager(std::vector<WalkStep> steps) : steps_(std::move(steps)) {}
+
+    okv::OSStatus GetNextProcess(okv::ProcessSerialNumber* psn) {
+        EXPECT_EQ(*psn, (okv::ProcessSerialNumber{0, now_.pid}));
+        if (taken_ == steps_.size()) return ADD_FAILURE() << "one call too many", okv::procNotFound;
+        now_ = steps_[taken_++];
+        *psn = {0, now_.pid};
+        return now_.next;
+    }
+    okv::OSStatus GetProcessInformation(const okv::ProcessSerialNumber* psn,
+                                        okv::ProcessInfoRec* info) const {
+        EXPECT_EQ(psn->lowLongOfPSN, now_.pid);
+        EXPECT_EQ(info->processInfoLength, sizeof(okv::ProcessInfoRec));
+        EXPECT_TRUE(info->processName == nullptr && info->processAppRef == nullptr);
+        return now_.information;
+    }
+    std::optional<Dictionary> ProcessInformationCopyDictionary(const okv::ProcessSerialNumber*,
+                                                               std::uint32_t mask) const {
+        EXPECT_EQ(now_.information, okv::noErr);
+        EXPECT_EQ(mask, 0xFFFFFFFFU);
+        if (!now_.hasDictionary) return std::nullopt;
+        return Dictionary{{"pid", now_.pid}};
+    }
+
+private:
+    std::vector<WalkStep> steps_;
+    std::size_t taken_ = 0;
+    WalkStep now_;
+};
+
+Array walked(std::vector<WalkStep> steps) {
+    ScriptedManager manager(std::move(steps));
+    return okvCmnUtilSeams::processList(manager);
+}
+
 }  // namespace
+
+TEST(ProcessList, EndsWhereNoProcessFollows) {
+    EXPECT_EQ(walked({{okv::procNotFound, 9}}), Array{});
+    EXPECT_EQ(walked({{okv::noErr, 4}, {okv::noErr, 0}}), (Array{Dictionary{{"pid", 4}}}));
+}
+
+TEST(ProcessList, GoesOnPastProcessesThatTellNothing) {
+    EXPECT_EQ(walked({{okv::noErr, 4, okv::procNotFound},
+                      {okv::noErr, 5, okv::noErr, false},
+                      {okv::paramErr, 6},
+                      {okv::noErr, 7},
+                      {okv::procNotFound}}),
+              (Array{Dictionary{{"pid", 6}}, Dictionary{{"pid", 7}}}));
+}
+
+TEST(LaunchMutexCheck, FindsEachOfTwoRunningApplicationsOfOneName) {
+    const TempFolder one;
+    const TempFolder other;
+    const Child first(makeBundle(one, "Twin", "jp.example.one", processtest::sleeperPath()));
+    const Child second(makeBundle(other, "Twin", "jp.example.other", processtest::sleeperPath()));
+    EXPECT_TRUE(okvCmnUtil::launchMutexCheck_BundleIdentifer("Twin", "jp.example.one"));
+    EXPECT_TRUE(okvCmnUtil::launchMutexCheck_BundleIdentifer("Twin", "jp.example.other"));
+    EXPECT_FALSE(okvCmnUtil::launchMutexCheck_BundleIdentifer("Twin", "jp.example.third"));
+}
 
 TEST(ProcessList, HoldsTheBundlesOwnKeysWithPidAndPath) {
     const TempFolder folder;

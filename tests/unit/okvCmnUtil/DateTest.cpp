@@ -75,15 +75,23 @@ INSTANTIATE_TEST_SUITE_P(
         FormRow{okvCmnUtil::nowDateOnly_baseDate, "JST", {std::nan("")}, "(null)"},
         FormRow{okvCmnUtil::nowTime_baseDate, "XYZ", {-1e18}, "(null)"}));
 
-TEST(DateText, WithoutABaseDateIsThePresentInstants) {
+class PresentForm : public testing::TestWithParam<Formatter> {};
+
+TEST_P(PresentForm, WithoutABaseDateIsThePresentInstants) {
     const double before = std::floor(Date::now().secondsSince1970);
-    const auto text = okvCmnUtil::nowDate_baseDate("JST", std::nullopt);
+    const auto text = GetParam()("JST", std::nullopt);
     const double after = Date::now().secondsSince1970;
     bool matches = false;
     for (double second = before; second <= after; ++second)
-        matches = matches || text == okvCmnUtil::descriptionWithTimeIntervalSince1970(second);
+        matches = matches || text == GetParam()("JST", Date{second});
     EXPECT_TRUE(matches) << text;
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, PresentForm,
+                         testing::Values(okvCmnUtil::nowDate_baseDate,
+                                         okvCmnUtil::nowDateOnly_baseDate,
+                                         okvCmnUtil::nowDateOnlySlash_baseDate,
+                                         okvCmnUtil::nowTime_baseDate));
 
 TEST(DateText, OfSecondsIsInJapanWhateverTheLocalZone) {
     const LocalZone local(kLocal);

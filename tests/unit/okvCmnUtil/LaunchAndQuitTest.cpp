@@ -413,3 +413,11 @@ TEST(LaunchApp, ChoosesTheFolderByWhatExists) {
     EXPECT_EQ(chosenFolder("", folder.path()), folder.path());
     EXPECT_EQ(chosenFolder(missing, missing), "/tmp");
 }
+
+TEST(LaunchApp, WithTheFlagWaitsForTheEndAndAnswersYesHoweverItEnds) {
+    std::int32_t pid = kUntouched;
+    EXPECT_TRUE(okvCmnUtil::launchApp_argument_sync_workPath_processId("/bin/sh", {"-c", "exit 3"},
+                                                                       true, "/", &pid));
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "it runs, or was not reaped";
+}

@@ -53,7 +53,9 @@ TEST_P(RemovePrefix, TakesAsManyCharactersAsThePrefixHas) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, RemovePrefix,
     testing::Values(PrefixRow{"AB123", "AB", "123"}, PrefixRow{"123", "AB", "123"},
-                    PrefixRow{"ab123", "AB", "ab123"},
+                    // A composed letter is not its parts, which count singly.
+                    PrefixRow{"e\xCC\x81x", "\xC3\xA9", "e\xCC\x81x"},
+                    PrefixRow{"e\xCC\x81x", "e", "\xCC\x81x"}, PrefixRow{"ab123", "AB", "ab123"},
                     // Found elsewhere: the first characters go, whatever they are.
                     PrefixRow{"xxAB", "AB", "AB"}, PrefixRow{"xAByz", "AB", "Byz"},
                     // Nothing would be left: none, not an empty text.

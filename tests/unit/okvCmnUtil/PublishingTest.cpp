@@ -1,17 +1,24 @@
 #include <OKVDataManager/okvCmnUtil.h>
+#include <OKVLog/OKVLog.h>
 #include <OKVPlatform/ipc/Connection.h>
+#include <OKVPlatform/ipc/RegisteredName.h>
+#include <OKVPlatform/process/Task.h>
+#include <OKVPlatform/system/NSLog.h>
 #include <OKVTesting/RuntimeFolder.h>
 #include <OKVTesting/ServiceThread.h>
 
 #include "support/Sanitizers.h"
+#include "support/Serving.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
+#include <limits>
 
 #include "unit/process/Support.h"
 
@@ -77,9 +84,12 @@ TEST_F(Publishing, WithoutARootObjectOrANameThereIsNothing) {
 }
 
 TEST_F(Publishing, ATimeoutOfZeroOrLessRegistersNothing) {
-    EXPECT_FALSE(published(0));
-    EXPECT_FALSE(published(-1));
-    EXPECT_FALSE(okvCmnUtil::existRegisteredName(kName));
+    for (const double timeout : {0.0, -0.0, -1.0, -HUGE_VAL}) EXPECT_FALSE(published(timeout));
+    EXPECT_TRUE(std::filesystem::is_empty(folder_.path())) << "not even for a moment";
+}
+
+TEST_F(Publishing, TheLeastTimeoutAboveZeroIsEnough) {
+    EXPECT_TRUE(published(std::numeric_limits<double>::denorm_min()));
 }
 
 TEST_F(Publishing, ATimeoutThatIsNoNumberIsNotRefused) {
@@ -197,4 +207,55 @@ TEST(ForceRelease, ReleasesAsOftenAsTheCountSays) {
     okvCmnUtil::forceRelease(object);
     EXPECT_EQ(deallocs, 1);
     okvCmnUtil::forceRelease(nullptr);
+}
+
+TEST_F(Publishing, WithdrawingEndsItsConnectionsThoughSomebodyElseHoldsIt) {
+    auto connection = published();
+    const auto held = connection;
+    const auto client = okv::Connection::connectionWithRegisteredName(kName);
+    ASSERT_TRUE(client);
+    ASSERT_TRUE(support::serveUntil([&] { return held->connectionCount() == 1; }));
+    okvCmnUtil::unregisterName(std::move(connection));
+    EXPECT_FALSE(held->isValid());
+    EXPECT_FALSE(client->isValid());
+    EXPECT_EQ(held->retainCount(), 1U) << "the caller's reference is given up";
+}
+
+TEST_F(Publishing, AProbeSendsNothingAndHangsUp) {
+    std::string why;
+    const auto name = okv::PublishedName::publish(kName, {}, why);
+    ASSERT_TRUE(name) << why;
+    EXPECT_TRUE(okvCmnUtil::existRegisteredName(kName));
+    const int probe = accept(name->listener(), nullptr, nullptr);
+    ASSERT_GE(probe, 0);
+    char byte = 0;
+    EXPECT_EQ(recv(probe, &byte, 1, MSG_DONTWAIT), 0);
+    close(probe);
+}
+
+TEST_F(Publishing, LogsNothingAndNeitherDoesWhatLaunchesQuitsAndConverts) {
+    int heard = 0;
+    okv::setNSLogSink([&](std::string_view) { ++heard; });
+    okv::setLogSink([&](int, std::string_view) { ++heard; });
+    std::int32_t pid = 0;
+    const auto launch = [&](const char* path) {
+        return okvCmnUtil::launchApp_argument_sync_workPath_processId(path, {}, true, "/missing",
+                                                                      &pid);
+    };
+    EXPECT_FALSE(launch("/missing"));
+    EXPECT_THROW(launch("/tmp"), okv::TaskError);
+    EXPECT_TRUE(launch("/bin/true"));
+    EXPECT_FALSE(okvCmnUtil::quitProcesss(pid));
+    EXPECT_EQ(okvCmnUtil::sendQuitAppleEventForPid(pid), 0);
+    EXPECT_EQ(okvCmnUtil::sendQuitAppleEventForPid(getpid()), okv::procNotFound);
+    EXPECT_FALSE(published(0));
+    auto held = published();
+    EXPECT_FALSE(published());
+    EXPECT_TRUE(okvCmnUtil::existRegisteredName(kName));
+    okvCmnUtil::unregisterName(std::move(held));
+    EXPECT_FALSE(okvCmnUtil::stringToCategoryData("1"));
+    EXPECT_FALSE(okvCmnUtil::dataToCategoryString(okv::Data()));
+    okv::setNSLogSink(nullptr);
+    okv::setLogSink(nullptr);
+    EXPECT_EQ(heard, 0);
 }

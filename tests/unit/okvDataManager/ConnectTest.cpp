@@ -34,10 +34,23 @@ okvDataManager* initialised() {
 }  // namespace
 
 TEST_F(ServerlessTest, InitGivesUpAfterFiveNumberedTriesOfHalfASecondEach) {
+    LoggedEntries entries;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(initialised(), nullptr);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
     EXPECT_EQ(lines_.take(), linesOfAFailedConnect());
+    EXPECT_THAT(entries.take(), IsEmpty()) << "these lines are no entries of the suite's log";
+}
+
+TEST_F(ServerlessTest, InitializeStoresTheObjectBeforeItConnectsAndAnswersNullWhenItCannot) {
+    const auto object = okv::make<okv::Object>();
+    auto* const manager = new okvDataManager;
+    const okv::Object* stored = nullptr;
+    lines_.watch([&](std::string_view line) {
+        if (line == kConnectLine) stored = Inspector::myObj(*manager);
+    });
+    EXPECT_EQ(manager->initialize(object.get()), nullptr);
+    EXPECT_EQ(stored, object.get());
 }
 
 TEST_F(ServerlessTest, AnInstanceThatNeverConnectedIsReleasedWithoutALine) {
@@ -165,6 +178,26 @@ TEST_F(ConnectTest, ASecondConnectionThatSomebodySetIsReleasedWithTheInstance) {
     EXPECT_TRUE(second->isValid());
 }
 
+TEST_F(ConnectTest, TheTeardownLetsTheSecondConnectionGoAfterTheFirst) {
+    const auto second = okv::Connection::connectionWithRegisteredName(kOKVDataServerName);
+    ASSERT_TRUE(second);
+    auto manager = okv::Ref<okvDataManager>::adopting(initialised());
+    Inspector::setSecondConnection(*manager, second);
+    const auto held = second->retainCount();
+    std::size_t whenDisconnecting = 0;
+    lines_.watch([&](std::string_view line) {
+        if (line == kDisconnectLine) whenDisconnecting = second->retainCount();
+    });
+    manager = nullptr;
+    EXPECT_EQ(whenDisconnecting, held);
+    EXPECT_EQ(second->retainCount(), held - 1);
+}
+
+TEST_F(ConnectTest, NoTimeOutIsSet) {
+    const auto manager = okv::Ref<okvDataManager>::adopting(initialised());
+    EXPECT_FALSE(okv::ConnectionInspector::hasTimeout(*Inspector::connection(*manager)));
+}
+
 TEST_F(RootlessTest, ANilRootProxyMakesConnectAnswerNoWithTheConnectionStillHeld) {
     const auto manager = okv::make<okvDataManager>();
     EXPECT_FALSE(manager->connectSrv());
@@ -184,6 +217,13 @@ TEST_F(RootlessTest, AnInitThatMeetsNoRootProxyAnswersNullAndReleasesWithoutALin
 
 TEST_F(RootlessTest, TheSharedInstanceIsNotMadeWithoutARootProxy) {
     EXPECT_EQ(okvDataManager::sharedDataManager(), nullptr);
+}
+
+TEST_F(RootlessTest, DisconnectingLetsAConnectionWithoutAProxyGoToo) {
+    const auto manager = okv::make<okvDataManager>();
+    EXPECT_FALSE(manager->connectSrv());
+    manager->disConnectSrv();
+    EXPECT_FALSE(manager->isConnect());
 }
 
 TEST_F(ConnectTest, AHangUpDuringTheRegistrationReachesTheCallerAndNothingStays) {

@@ -302,6 +302,31 @@ TEST_F(LossTest, ADirectConnectThatIsRefusedLeavesNoProxyOfTheConnectionBefore) 
     EXPECT_EQ(manager().currentUserId(), 0);
 }
 
+TEST_F(LossTest, DisconnectingADroppedOneForbidsReconnectingToo) {
+    server().stop();
+    ASSERT_TRUE(serveUntil([&] { return !manager().isConnect(); }));
+    manager().disConnectSrv();
+    EXPECT_FALSE(Inspector::isReconnectPermitted(manager()));
+    server().start();
+    EXPECT_TRUE(manager().reconnectSrv());
+    EXPECT_FALSE(manager().isConnect());
+}
+
+TEST_F(LossTest, AMethodWithoutAResultWaitsForItsAnswerToo) {
+    using Manager = okvDataManager;
+    const std::pair<const char*, void (*)(Manager&)> calls[] = {
+        {"setUseridPT:applyUid:", [](Manager& m) { m.setUserid_applyUid(501, 3); }},
+        {"setServerTimePT:", [](Manager& m) { m.setServerTime(okv::Date{1}); }},
+        {"startServerTimeTimer", [](Manager& m) { m.startServerTimeTimer(); }},
+        {"stopServerTimeTimer", [](Manager& m) { m.stopServerTimeTimer(); }}};
+    for (const auto& [selector, call] : calls) {
+        SCOPED_TRACE(selector);
+        server().hangUpAt(selector);
+        EXPECT_THROW(call(manager()), okv::ConnectionError);
+        ASSERT_TRUE(manager().connectSrv());
+    }
+}
+
 TEST_F(LossTest, CallsAndADisconnectOnOtherThreadsDoNotDisturbEachOther) {
     std::atomic<int> strange{0};
     std::vector<std::thread> callers;
@@ -318,6 +343,7 @@ TEST_F(LossTest, CallsAndADisconnectOnOtherThreadsDoNotDisturbEachOther) {
     for (auto& caller : callers) caller.join();
     EXPECT_EQ(strange, 0);
     EXPECT_EQ(manager().currentUserId(), 0);
+    EXPECT_EQ(server().acceptedConnections(), 1U) << "all threads share one";
 }
 
 }  // namespace dmtest

@@ -118,8 +118,16 @@ TEST_F(EndpointsTest, AnAddressBelongsToTheServerWhenItsHostBeginsWithTheStoredN
           "https://set.example.evil.test/", "x-own://set.examples"})
         EXPECT_TRUE(manager().isOKVServer(url)) << url;
     for (const auto* url : {"https://other.example/", "https://www.set.example/",
-                            "https://set.exampl/", "https://other.example/set.example"})
+                            "https://set.exampl/", "https://other.example/set.example",
+                            "https://set.example@other.example/", "https://SET.example/"})
         EXPECT_FALSE(manager().isOKVServer(url)) << url;
+}
+
+TEST(DefaultHosts, ArePlainNamesWithoutSchemeOrPort) {
+    for (const std::string_view host : {OKV_DEFAULT_ARS_HOST, OKV_DEFAULT_SETTING_HOST}) {
+        EXPECT_FALSE(host.empty());
+        EXPECT_EQ(host.find_first_of(":/@?# "), std::string_view::npos) << host;
+    }
 }
 
 TEST_F(EndpointsTest, WhatIsNoAddressOrHasNoHostIsNotTheServers) {

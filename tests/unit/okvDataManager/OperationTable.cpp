@@ -232,6 +232,31 @@ std::vector<Operation> writingForAccountOperations() {
     };
 }
 
+std::vector<Operation> writingHardlyAnythingOperations() {
+    std::vector<Operation> rows{
+        forwarding(
+            "setOKVData_value_appUidOfTheNullObjectUnderAnEmptyKey",
+            [](Manager& m) { return Value(m.setOKVData_value_appUid("", Null{}, 3)); },
+            {"setOKVDataPT:value:appUid:", "@@i", {"", Null{}, 3}}, true, false),
+        forwarding(
+            "setOKVData_value_osUidOfTheNullObjectUnderAnEmptyKey",
+            [](Manager& m) { return Value(m.setOKVData_value_osUid("", Null{}, 501)); },
+            {"setOKVDataPT:value:osUid:", "@@i", {"", Null{}, 501}}, true, false)};
+    const std::pair<std::string, Value> kinds[] = {{"AnEmptyCollection", Dictionary{}},
+                                                   {"TheNullObject", Null{}}};
+    for (const auto& [what, given] : kinds) {
+        rows.push_back(forwarding(
+            "setOKVDataAll_appUidOf" + what,
+            [all = given](Manager& m) { return Value(m.setOKVDataAll_appUid(all, 3)); },
+            {"setOKVDataAllPT:appUid:", "@i", {given, 3}}, true, false));
+        rows.push_back(forwarding(
+            "setOKVDataAll_osUidOf" + what,
+            [all = given](Manager& m) { return Value(m.setOKVDataAll_osUid(all, 501)); },
+            {"setOKVDataAllPT:osUid:", "@i", {given, 501}}, true, false));
+    }
+    return rows;
+}
+
 std::vector<Operation> writingAllOperations() {
     const Value settings = Dictionary{{"dc-gui-colour", "red"}};
     const Value none = Dictionary{};

@@ -69,6 +69,7 @@ std::vector<Operation> readingOperations();
 std::vector<Operation> writingOperations();
 std::vector<Operation> writingForAccountOperations();
 std::vector<Operation> writingAllOperations();
+std::vector<Operation> writingHardlyAnythingOperations();
 std::vector<Operation> switchOperations();
 std::vector<Operation> listOperations();
 std::vector<Operation> processListOperations();

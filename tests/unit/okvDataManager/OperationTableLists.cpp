@@ -68,6 +68,16 @@ std::vector<Operation> readsOf(const ListFamily& family) {
             "okv" + family.name + "AnsweredByTheNullObject",
             [=](Manager& m) { return (m.*family.byUser)(7); }, {family.read, "@", {7}}, Null{},
             Value()),
+        sessionRead(
+            "okvCurrent" + family.name + "AnsweredByTheNullObject",
+            [=](Manager& m) { return (m.*family.current)(); }, {family.read, "@", {kSessionUser}},
+            Null{}, Value()),
+        {"okvCurrent" + family.name + "2OSUidAnsweredByTheNullObject",
+         [=](Manager& m) { return (m.*family.byAccount)(); },
+         {{"userAppuidPT:", "i", {account}}, {family.read, "@", {3}}},
+         {{"userAppuidPT:", 3}, {family.read, Null{}}},
+         Null{},
+         Value()},
     };
 }
 
@@ -193,8 +203,8 @@ const std::vector<Operation>& allOperations() {
         for (const auto family :
              {currentUserOperations, userListOperations, membershipOperations, sessionOperations,
               clockOperations, readingOperations, writingOperations, writingForAccountOperations,
-              writingAllOperations, switchOperations, listOperations, processListOperations,
-              endpointOperations})
+              writingAllOperations, writingHardlyAnythingOperations, switchOperations,
+              listOperations, processListOperations, endpointOperations})
             append(joined, family());
         return joined;
     }();

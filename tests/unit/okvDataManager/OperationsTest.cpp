@@ -102,6 +102,18 @@ TEST_F(AllOperations, TogetherSendEveryMethodButTheTenThatAreOnlyServed) {
     EXPECT_EQ(received.size(), Rows::rowCount - selectorsNeverSent().size());
 }
 
+TEST_F(AllOperations, ThatHandOnTheServersYesHandOnItsNoToo) {
+    int handed = 0;
+    for (const auto& operation : allOperations()) {
+        if (operation.answers.size() != 1 || operation.answers[0].value != Value(true)) continue;
+        SCOPED_TRACE(operation.name);
+        server().answer(operation.answers[0].selector, false);
+        EXPECT_EQ(operation.call(manager()), Value(false));
+        ++handed;
+    }
+    EXPECT_GT(handed, 20);
+}
+
 TEST_F(AllOperations, OfAManagerThatWasDisconnectedSendNothing) {
     manager().disConnectSrv();
     for (const auto& operation : allOperations()) {

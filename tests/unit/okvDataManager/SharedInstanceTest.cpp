@@ -158,11 +158,43 @@ TEST_F(SharedTest, AConnectionWhoseDeathTheRunLoopTellsIsMadeAgainForTheSameInst
     server().answer("currentUserIdPT", 17);
     lines_.take();
     sent();
+    LoggedEntries entries;
     EXPECT_EQ(shared(), manager);
     EXPECT_TRUE(manager->isValid());
     EXPECT_THAT(lines_.take(), ElementsAre(kReconnectLine, kConnectLine, kConnectedLine));
+    EXPECT_THAT(entries.take(), IsEmpty());
     EXPECT_THAT(sentSelectors(), ElementsAre("registerAsClient:", "currentUserIdPT"));
     EXPECT_EQ(manager->nowSessionUserId(), 17) << "seeded at every reconnection";
+}
+
+TEST_F(SharedTest, TheOperationWithAnObjectDiscardsAndReconnectsInTheSameWay) {
+    const auto object = okv::make<okv::Object>();
+    const auto old = shared();
+    ASSERT_TRUE(old);
+    server().stop();
+    EXPECT_EQ(okvDataManager::sharedDataManagerInit(object.get()), nullptr);
+    server().start();
+    const auto anew = okvDataManager::sharedDataManagerInit(object.get());
+    ASSERT_TRUE(anew);
+    EXPECT_NE(anew, old);
+    EXPECT_EQ(Inspector::myObj(*anew), object.get());
+    server().stop();
+    ASSERT_TRUE(serveUntil([&] { return !anew->isConnect(); }));
+    server().start();
+    EXPECT_EQ(okvDataManager::sharedDataManagerInit(nullptr), anew);
+    EXPECT_TRUE(anew->isValid());
+    EXPECT_EQ(Inspector::myObj(*anew), object.get());
+}
+
+TEST_F(SharedTest, TenThreadsRacingForADroppedInstanceReconnectItOnce) {
+    const auto manager = shared();
+    ASSERT_TRUE(manager);
+    server().stop();
+    ASSERT_TRUE(serveUntil([&] { return !manager->isConnect(); }));
+    server().start();
+    sent();
+    EXPECT_EQ(instancesOfTenRacers(), std::set<okvDataManager*>{manager.get()});
+    EXPECT_EQ(server().count("registerAsClient:"), 1U);
 }
 
 TEST_F(SharedTest, ADroppedInstanceThatCannotReconnectIsDiscarded) {

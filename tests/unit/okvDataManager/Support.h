@@ -47,6 +47,11 @@ struct okvDataManagerInspector {
 };
 
 namespace okv {
+struct ConnectionInspector {
+    static bool hasTimeout(const Connection& one) {
+        return one.requestTimeout_ > 0 || one.replyTimeout_ > 0;
+    }
+};
 struct NotificationCenterInspector {
     static std::size_t registrationsOf(const Object& observer);
 };

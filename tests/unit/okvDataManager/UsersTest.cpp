@@ -19,6 +19,13 @@ constexpr std::int64_t kBeyond32Bits = std::int64_t{1} << 32;
 
 }  // namespace
 
+TEST_F(UsersTest, AnAnswerThatIsNoArrayIsNoList) {
+    for (const Value& answer : {Value(okv::Null{}), Value(Dictionary{{1, 3}}), Value("3")}) {
+        server().answer("useridAppListPT", answer);
+        EXPECT_EQ(manager().userIdList(), Value());
+    }
+}
+
 TEST_F(UsersTest, AListThatTheServerDoesNotGiveIsNilAndAnEmptyOneIsEmpty) {
     server().answer("useridAppListPT", Value());
     EXPECT_EQ(manager().userIdList(), Value());

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <array>
 #include <string>
+#include <type_traits>
 
 namespace {
 
@@ -108,12 +109,18 @@ TEST(okvSystemProcList, ARowWithoutANameEndsTheTable) {
 }
 
 TEST(okvSystemProcList, ChangingOneResultLeavesTheOthersAndTheTableUntouched) {
-    auto names = okvSystemProcList::sysBlockProcWhiteLists();
-    auto info = okvSystemProcList::sysBlockProcWhiteListInfo();
+    // By reference: a copy would be distinct whatever is answered.
+    auto&& names = okvSystemProcList::sysBlockProcWhiteLists();
+    auto&& otherNames = okvSystemProcList::sysBlockProcWhiteLists();
+    auto&& info = okvSystemProcList::sysBlockProcWhiteListInfo();
+    auto&& otherInfo = okvSystemProcList::sysBlockProcWhiteListInfo();
+    auto&& black = okvSystemProcList::sysBlockProcBlackLists();
     names.clear();
     info.set("Finder.app", "changed");
-    EXPECT_EQ(okvSystemProcList::sysBlockProcWhiteLists().size(), 22U);
-    EXPECT_EQ(okvSystemProcList::sysBlockProcWhiteListInfo()["Finder.app"], "ProcessOSFinder");
+    black.emplace_back("Evil.app");
+    EXPECT_EQ(otherNames.size(), 22U);
+    EXPECT_EQ(otherInfo["Finder.app"], "ProcessOSFinder");
+    EXPECT_TRUE(okvSystemProcList::sysBlockProcBlackLists().empty());
     EXPECT_STREQ(sysBlockProcWhiteListTbl[2].identifier, "ProcessOSFinder");
 }
 
@@ -121,3 +128,5 @@ TEST(okvSystemProcList, TheTablesAreFoundByTheirPlainNames) {
     EXPECT_EQ(dlsym(RTLD_DEFAULT, "sysBlockProcWhiteListTbl"), sysBlockProcWhiteListTbl);
     EXPECT_EQ(dlsym(RTLD_DEFAULT, "sysBlockProcBlackListTbl"), sysBlockProcBlackListTbl);
 }
+
+static_assert(std::is_base_of_v<okv::Object, okvSystemProcList>);

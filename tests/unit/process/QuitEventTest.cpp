@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -311,4 +312,41 @@ TEST_F(QuitEvent, ASerialNumberMakesATargetAndNullNone) {
     EXPECT_EQ(okv::makeQuitTarget(&high)->pid, 0);
     EXPECT_EQ(okv::makeQuitTarget(&beyond)->pid, 0);
     EXPECT_FALSE(okv::makeQuitTarget(nullptr));
+}
+
+TEST_F(QuitEvent, ATickIsASixtiethOfASecond) {
+    const Child application(applicationPath(), with({"--silent"}));
+    ASSERT_TRUE(application.isReady());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sendQuit(application.pid(), 30), (Outcome{okv::errAETimeout, std::nullopt}));
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(490));
+    EXPECT_LT(waited, std::chrono::seconds(15));
+}
+
+TEST_F(QuitEvent, IsTheRequestThatApplicationsOfEveryReleaseKnow) {
+    mkdir(appsFolder().c_str(), 01777);
+    std::string asked;
+    okv::RootObject root;
+    root.target = &asked;
+    root.handler = [](void* target, okv::IncomingRequest& request) {
+        auto& text = *static_cast<std::string*>(target);
+        text = std::string(request.selector()) + "|" + std::string(request.types());
+        request.fail("not understood");
+    };
+    okv::PublicationOptions options;
+    options.name.subfolder = "apps";
+    std::string why;
+    const auto self = okv::Publication::publish(std::to_string(getpid()), root, options, why);
+    ASSERT_TRUE(self) << why;
+    Outcome outcome{};
+    const auto loop = okv::RunLoop::current();
+    std::thread sender([&] {
+        outcome = sendQuit(getpid());
+        loop->stop();
+    });
+    loop->run();
+    sender.join();
+    EXPECT_EQ(asked, "quitApplication|");
+    EXPECT_EQ(outcome, (Outcome{okv::errAEEventNotHandled, std::nullopt}));
 }

@@ -6,7 +6,6 @@
 #include <OKVPlatform/ipc/RunLoop.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -81,6 +80,7 @@ protected:
     void dealloc() override;
 
 private:
+    friend struct ConnectionInspector;  // the tests' view of the fields
     friend Ref<Connection> make<Connection>(PrivateDescriptor&&, PeerIdentity&&);
     using Deadline = std::optional<RunLoop::Clock::time_point>;
     using Lock = std::unique_lock<std::mutex>;
