@@ -153,7 +153,8 @@ ServerProcess::ServerProcess(const std::vector<std::string>& command) {
 void ServerProcess::waitUntilReady(int end) {
     char byte = 0;
     ssize_t count = 0;
-    while ((count = read(end, &byte, 1)) == 1 && byte != '\n') firstLine_ += byte;
+    while ((count = read(end, &byte, 1)) == 1 && byte != '\n') {
+    }
     if (count != 1) throw std::runtime_error("a server did not start");
     // The end stays open: a server that writes on must not die of it.
 }

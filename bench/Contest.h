@@ -1,9 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,14 +54,11 @@ public:
     int pid() const { return pid_; }
     /// False when it has ended by itself.
     bool isRunning() const;
-    /// The first line that the process wrote.
-    const std::string& firstLine() const { return firstLine_; }
 
 private:
     void waitUntilReady(int end);
 
     int pid_ = -1;
-    std::string firstLine_;
 };
 
 }  // namespace bench

@@ -8,7 +8,6 @@
 #include "Figures.h"
 #include "FrameSizes.h"
 #include "Memory.h"
-#include "OKVDataAdmin_protocol.h"
 #include "Raw.h"
 #include "peers/Peer.h"
 

@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -38,12 +37,6 @@ constexpr int kRounds = 5;
 
 double microseconds(Clock::duration time) {
     return std::chrono::duration<double, std::micro>(time).count();
-}
-
-double median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
-                     values.end());
-    return values[values.size() / 2];
 }
 
 okv::Value information() {
@@ -146,7 +139,8 @@ void measureDelivery(const std::string& folder) {
         const auto delivered = observer.deliveredAt();
         if (i >= kWarmUp) times.push_back(microseconds(delivered - start));
     }
-    std::printf("post to delivery in another process, one core: median %.1f us\n", median(times));
+    std::printf("post to delivery in another process, one core: median %.1f us\n",
+                bench::quantileOf(times, 0.5));
 }
 
 /// Microseconds per post.
@@ -200,7 +194,7 @@ Cost medianOf(const std::vector<Cost>& rounds) {
     for (double Cost::*part : {&Cost::straight, &Cost::lockstep, &Cost::poster, &Cost::observers}) {
         std::vector<double> values;
         for (const auto& round : rounds) values.push_back(round.*part);
-        result.*part = median(std::move(values));
+        result.*part = bench::quantileOf(std::move(values), 0.5);
     }
     return result;
 }

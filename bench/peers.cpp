@@ -11,8 +11,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <sched.h>
-
 #include <chrono>
 #include <cstdio>
 #include <fstream>

@@ -1,6 +1,8 @@
 // How long the two process lists take, beside libproc2 walking the same columns and beside `ps`.
 // All are run in turn, round by round, among 300 sleeping processes; medians are printed.
 
+#include "Contest.h"
+
 #include <OKVDataManager/okvCmnUtil.h>
 
 #include <fcntl.h>
@@ -106,18 +108,13 @@ void measure(Lister& lister) {
         std::chrono::duration<double, std::micro>(Clock::now() - start).count());
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 // The median of round-by-round quotients: what disturbs a round disturbs both sides of it.
 double pairedRatio(const Lister& lister, const Lister& other) {
     std::vector<double> ratios;
     const auto rounds = std::min(lister.microseconds.size(), other.microseconds.size());
     for (std::size_t i = 0; i < rounds; ++i)
         ratios.push_back(lister.microseconds[i] / other.microseconds[i]);
-    return median(std::move(ratios));
+    return bench::quantileOf(std::move(ratios), 0.5);
 }
 
 }  // namespace
@@ -138,6 +135,7 @@ int main() {
     }
     std::printf("%-30s %12s %8s %8s %8s\n", "", "median us", "records", "to get", "to reap");
     for (const auto& lister : listers)
-        std::printf("%-30s %12.0f %8zu %8.2f %8.2f\n", lister.name, median(lister.microseconds),
-                    lister.count, pairedRatio(lister, listers[0]), pairedRatio(lister, listers[1]));
+        std::printf("%-30s %12.0f %8zu %8.2f %8.2f\n", lister.name,
+                    bench::quantileOf(lister.microseconds, 0.5), lister.count,
+                    pairedRatio(lister, listers[0]), pairedRatio(lister, listers[1]));
 }

@@ -10,7 +10,6 @@
 
 #include <OKVTesting/RuntimeFolder.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>

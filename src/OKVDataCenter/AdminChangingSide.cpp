@@ -16,10 +16,11 @@ constexpr std::int32_t kNoAccount = -1;
 
 }  // namespace
 
-bool AdminChangingSide::setCommon(const okv::Dictionary& settings) {
-    if (!ledger_.checkNamed(settings.size())) return false;
+bool AdminChangingSide::setCommon(const Value& given) {
+    const auto* settings = ledger_.settingsIn(given);
+    if (settings == nullptr) return false;
     const auto before = ledger_.store().usage(kEverybody);
-    for (const auto& [key, value] : settings) {
+    for (const auto& [key, value] : *settings) {
         std::string encoded;
         if (!ledger_.checkKey(key) || !ledger_.encode(value, ledger_.limits().valueBytes, encoded))
             return false;
@@ -32,12 +33,7 @@ bool AdminChangingSide::setCommon(const okv::Dictionary& settings) {
 }
 
 bool AdminChangingSide::setOKVCommonDataAllPT(const Value& settings) {
-    return ledger_.change([&] {
-        const auto* dictionary = settings.getIf<okv::Dictionary>();
-        return dictionary != nullptr
-                   ? setCommon(*dictionary)
-                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
-    });
+    return ledger_.change([&] { return setCommon(settings); });
 }
 
 bool AdminChangingSide::setLocks(const Value& keys, bool locked) {
@@ -51,8 +47,7 @@ bool AdminChangingSide::setLocks(const Value& keys, bool locked) {
             ledger_.carryOut(step::Lock{text, locked, ledger_.stamp()});
             ledger_.tellKey(text);
         }
-        return !locked || ledger_.store().lockCount() <= ledger_.limits().locks ||
-               ledger_.refuse(Kind::tooLarge, "too many locks");
+        return !locked || ledger_.checkLocks();
     });
 }
 

@@ -4,6 +4,7 @@
 #include "Store.h"
 
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/NumberText.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -117,11 +117,11 @@ std::optional<Backup> backupNamed(std::string_view name) {
     if (dash == std::string_view::npos || dash == 0 || dash > kMostDigits ||
         name.size() != dash + 1 + kTimeLength + kEnd.size() || !name.ends_with(kEnd))
         return std::nullopt;
-    Backup backup;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + dash, backup.number);
+    const auto number = okv::decimalIn<decltype(Backup::number)>(name.substr(0, dash));
     const auto time = timeIn(name.substr(dash + 1, kTimeLength));
-    if (error != std::errc() || end != name.data() + dash || backup.number < 1 || !time)
-        return std::nullopt;
+    if (!number || *number < 1 || !time) return std::nullopt;
+    Backup backup;
+    backup.number = *number;
     backup.time = *time;
     return backup;
 }

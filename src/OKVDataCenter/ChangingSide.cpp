@@ -48,8 +48,16 @@ bool ChangingSide::setOne(const Value& key, const Value& value, std::int32_t app
     return true;
 }
 
-bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t appUid) {
-    if (!ledger_.checkNamed(settings.size())) return false;
+bool ChangingSide::setWithinRoom(const Value& key, const Value& value, std::int32_t appUid) {
+    const Scope scope = isOfSystem(key) ? kEverybody : appUid;
+    const auto before = ledger_.store().usage(scope);
+    return setOne(key, value, appUid) && ledger_.checkRoom(scope, before);
+}
+
+bool ChangingSide::setSettings(const Value& given, std::int32_t appUid) {
+    const auto* dictionary = ledger_.settingsIn(given);
+    if (dictionary == nullptr) return false;
+    const auto& settings = *dictionary;
     // Nothing to store is a write for the user all the same.
     if (settings.empty()) return ledger_.checkUser(appUid) && ledger_.mayChange(appUid);
     const auto everybodys = ledger_.store().usage(kEverybody);
@@ -67,47 +75,24 @@ bool ChangingSide::setSettings(const okv::Dictionary& settings, std::int32_t app
 
 bool ChangingSide::setOKVDataPT_value_appUid(const Value& key, const Value& value,
                                              std::int32_t appUid) {
-    return ledger_.change([&] {
-        const Scope scope = isOfSystem(key) ? kEverybody : appUid;
-        const auto before = ledger_.store().usage(scope);
-        return setOne(key, value, appUid) && ledger_.checkRoom(scope, before);
-    });
+    return ledger_.change([&] { return setWithinRoom(key, value, appUid); });
 }
 
 bool ChangingSide::setOKVDataPT_value_osUid(const Value& key, const Value& value,
                                             std::int32_t osUid) {
-    return ledger_.change([&] {
-        const auto appUid = assignedUser(osUid);
-        const Scope scope = isOfSystem(key) ? kEverybody : appUid;
-        const auto before = ledger_.store().usage(scope);
-        return setOne(key, value, appUid) && ledger_.checkRoom(scope, before);
-    });
+    return ledger_.change([&] { return setWithinRoom(key, value, assignedUser(osUid)); });
 }
 
 bool ChangingSide::setOKVDataAllPT_appUid(const Value& settings, std::int32_t appUid) {
-    return ledger_.change([&] {
-        const auto* dictionary = settings.getIf<okv::Dictionary>();
-        return dictionary != nullptr
-                   ? setSettings(*dictionary, appUid)
-                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
-    });
+    return ledger_.change([&] { return setSettings(settings, appUid); });
 }
 
 bool ChangingSide::setOKVDataAllPT_osUid(const Value& settings, std::int32_t osUid) {
-    return ledger_.change([&] {
-        const auto* dictionary = settings.getIf<okv::Dictionary>();
-        return dictionary != nullptr
-                   ? setSettings(*dictionary, assignedUser(osUid))
-                   : ledger_.refuse(Kind::invalid, "settings are a dictionary of key to value");
-    });
+    return ledger_.change([&] { return setSettings(settings, assignedUser(osUid)); });
 }
 
 bool ChangingSide::setAgentAutoRunPT(bool flag) {
-    return ledger_.change([&] {
-        const auto before = ledger_.store().usage(kEverybody);
-        return setOne(kAgentAutoRunKey, flag, kDefaultUser) &&
-               ledger_.checkRoom(kEverybody, before);
-    });
+    return ledger_.change([&] { return setWithinRoom(kAgentAutoRunKey, flag, kDefaultUser); });
 }
 
 bool ChangingSide::reloadDataPT() {

@@ -36,12 +36,14 @@ public:
 
 private:
     std::int32_t assignedUser(std::int32_t osUid) const;
-    bool setSettings(const okv::Dictionary& settings, std::int32_t appUid);
+    bool setSettings(const Value& given, std::int32_t appUid);
+    bool setWithinRoom(const Value& key, const Value& value, std::int32_t appUid);
     bool setOne(const Value& key, const Value& value, std::int32_t appUid);
     bool mayWrite(const std::string& key, std::int32_t appUid);
     bool setList(const Value& user, UserList list, const Value& value);
     bool assign(std::int32_t osUid, std::int32_t appUid);
     void setClock(const Clock& clock);
+    void runClock(bool running);
 
     Ledger& ledger_;
 };
@@ -62,7 +64,7 @@ public:
     bool importDataPT(const Value& store) override;
 
 private:
-    bool setCommon(const okv::Dictionary& settings);
+    bool setCommon(const Value& given);
     bool setLocks(const Value& keys, bool locked);
     bool setProcesses(ProcessList list, const Value& processes);
     bool setProcess(ProcessList list, const Value& name, const Value& identifier,

@@ -107,20 +107,20 @@ void ChangingSide::setServerTimePT(const Value& date) {
     });
 }
 
-void ChangingSide::startServerTimeTimer() {
+void ChangingSide::runClock(bool running) {
     ledger_.change([&] {
         const auto now = ledger_.now();
-        setClock({ledger_.store().clock().at(now), true, now});
+        setClock({ledger_.store().clock().at(now), running, now});
         return true;
     });
 }
 
+void ChangingSide::startServerTimeTimer() {
+    runClock(true);
+}
+
 void ChangingSide::stopServerTimeTimer() {
-    ledger_.change([&] {
-        const auto now = ledger_.now();
-        setClock({ledger_.store().clock().at(now), false, now});
-        return true;
-    });
+    runClock(false);
 }
 
 }  // namespace datacenter

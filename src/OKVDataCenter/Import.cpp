@@ -126,8 +126,7 @@ bool Import::accounts(const Value& part) {
     store_.clearAccounts();
     const auto taken = each(
         part, [&](const Value& osUid, const Value& content) { return account(osUid, content); });
-    return taken && (store_.accountCount() <= ledger_.limits().accounts ||
-                     ledger_.refuse(Kind::tooLarge, "too many accounts"));
+    return taken && ledger_.checkAccounts(0);
 }
 
 // An assignment takes away what the account chose before, so it comes first, whatever the order.
@@ -159,8 +158,7 @@ bool Import::locks(const Value& part) {
         if (!ledger_.checkKey(key)) return false;
         store_.carryOut(step::Lock{key.as<std::string>(), true, ledger_.stamp()});
     }
-    return store_.lockCount() <= ledger_.limits().locks ||
-           ledger_.refuse(Kind::tooLarge, "too many locks");
+    return ledger_.checkLocks();
 }
 
 template <ProcessList list>

@@ -1,9 +1,9 @@
 #include "Keys.h"
 
+#include <OKVPlatform/values/NumberText.h>
 #include <OKVPlatform/values/Unicode.h>
 
 #include <algorithm>
-#include <charconv>
 
 namespace datacenter {
 
@@ -42,11 +42,7 @@ bool isStorable(const okv::Value& value, std::size_t nesting) {
 std::optional<std::int64_t> decimalOf(const okv::Value& value) {
     if (const auto* number = value.getIf<std::int64_t>()) return *number;
     const auto* text = value.getIf<std::string>();
-    if (text == nullptr) return std::nullopt;
-    std::int64_t number = 0;
-    const auto* end = text->data() + text->size();
-    const auto read = std::from_chars(text->data(), end, number);
-    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+    return text != nullptr ? okv::decimalIn<std::int64_t>(*text) : std::nullopt;
 }
 
 }  // namespace datacenter

@@ -101,6 +101,12 @@ bool Ledger::checkNamed(std::size_t count) {
                   "one change names at most " + std::to_string(limits().writeKeys) + " keys");
 }
 
+const okv::Dictionary* Ledger::settingsIn(const okv::Value& given) {
+    const auto* settings = given.getIf<okv::Dictionary>();
+    if (settings == nullptr) refuse(Kind::invalid, "settings are a dictionary of key to value");
+    return settings != nullptr && checkNamed(settings->size()) ? settings : nullptr;
+}
+
 bool Ledger::encode(const okv::Value& value, std::size_t limit, std::string& encoded) {
     if (!isStorable(value, limits().nesting))
         return refuse(Kind::invalid, "a value holds no nil and is nested at most " +
@@ -136,6 +142,10 @@ bool Ledger::checkAccounts(std::int64_t before) {
     const auto after = store_.accountCount();
     return after <= limits().accounts || after <= before ||
            refuse(Kind::tooLarge, "too many accounts");
+}
+
+bool Ledger::checkLocks() {
+    return store_.lockCount() <= limits().locks || refuse(Kind::tooLarge, "too many locks");
 }
 
 void Ledger::tellKey(const std::string& key) {

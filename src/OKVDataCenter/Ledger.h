@@ -79,10 +79,13 @@ public:
     bool checkUser(std::int32_t user);
     /// How many keys or names the request names.
     bool checkNamed(std::size_t count);
+    /// What a request to store settings names; null where it is none, or names too many.
+    const okv::Dictionary* settingsIn(const okv::Value& given);
     bool encode(const okv::Value& value, std::size_t limit, std::string& encoded);
     bool checkRoom(Scope scope, const Usage& before);
     bool checkProcesses(ProcessList list, const ProcessUsage& before);
     bool checkAccounts(std::int64_t before);
+    bool checkLocks();
 
     /// What is told about the change.
     Change& told() noexcept { return told_; }

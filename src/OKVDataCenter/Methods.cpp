@@ -1,8 +1,5 @@
 #include "Methods.h"
 
-#include <array>
-#include <tuple>
-
 namespace datacenter {
 
 namespace {
@@ -10,39 +7,11 @@ namespace {
 using DataRows = okv::Dispatcher<OKVDataMng_protocol>;
 using AdminRows = okv::Dispatcher<OKVDataAdmin_protocol>;
 
-enum class Zero { object, number, flag };
-
-template <class R>
-constexpr Zero zeroOf() {
-    if (std::is_same_v<R, bool>) return Zero::flag;
-    return std::is_same_v<R, std::int32_t> ? Zero::number : Zero::object;
-}
-
-// What each row of a protocol answers when it answers nothing.
-template <class P, auto... Member>
-std::array<Zero, sizeof...(Member)> zeroTable(const std::tuple<okv::Row<Member>...>&) {
-    std::array<Zero, sizeof...(Member)> zeros{};
-    ((zeros[okv::Dispatcher<P>::template rowOf<Member>()] =
-          zeroOf<typename okv::detail::MethodTraits<Member>::Result>()),
-     ...);
-    return zeros;
-}
-
-template <class P>
-Zero zeroAt(std::size_t row) {
-    static const auto zeros = zeroTable<P>(okv::protocol<P>);
-    return zeros[row];
-}
-
-void writeZero(okv::CborWriter& out, Zero zero) {
-    switch (zero) {
-        case Zero::object:
-            return out.nil();
-        case Zero::number:
-            return out.integer(0);
-        case Zero::flag:
-            return out.boolean(false);
-    }
+// What a method answers when it answers nothing, by the type of its result.
+void writeZero(okv::CborWriter& out, char type) {
+    if (type == 'c') return out.boolean(false);
+    if (type == 'i') return out.integer(0);
+    out.nil();
 }
 
 }  // namespace
@@ -72,8 +41,8 @@ std::string refusalReply(Method method, const okv::Refusal& refusal) {
     std::string frame;
     okv::beginFrame(frame, okv::FrameKind::reply);
     okv::CborWriter out(frame);
-    writeZero(out, method.isAdmin ? zeroAt<OKVDataAdmin_protocol>(method.row)
-                                  : zeroAt<OKVDataMng_protocol>(method.row));
+    writeZero(
+        out, method.isAdmin ? AdminRows::resultType(method.row) : DataRows::resultType(method.row));
     okv::appendRefusal(frame, refusal);
     okv::finishFrame(frame, 0, 0);
     return frame;

@@ -1,8 +1,9 @@
 #include "Options.h"
 
+#include <OKVPlatform/values/NumberText.h>
+
 #include <getopt.h>
 
-#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -75,25 +76,21 @@ Options wrong(std::string error) {
     return options;
 }
 
-bool takeConnections(Options& options, std::string_view text) {
-    const auto* end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, options.connectionsPerUid);
-    const bool isNumber = read.ec == std::errc() && read.ptr == end;
-    if (!isNumber || options.connectionsPerUid < 1 ||
-        options.connectionsPerUid > Limits().connections)
+void takeConnections(Options& options) {
+    const auto count = okv::decimalIn<decltype(options.connectionsPerUid)>(optarg);
+    if (count && *count >= 1 && *count <= Limits().connections) {
+        options.connectionsPerUid = *count;
+    } else {
         options = wrong("--connections-per-uid is a number of 1 to 1024");
-    return true;
+    }
 }
 
 // None for what is no number of seconds, or more than ten years.
 std::optional<std::chrono::seconds> secondsIn(std::string_view text) {
     constexpr std::int64_t kTenYears = 10LL * 365 * 24 * 60 * 60;
-    std::int64_t seconds = -1;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size() || seconds < 0 ||
-        seconds > kTenYears)
-        return std::nullopt;
-    return std::chrono::seconds(seconds);
+    const auto seconds = okv::decimalIn<std::int64_t>(text);
+    if (!seconds || *seconds < 0 || *seconds > kTenYears) return std::nullopt;
+    return std::chrono::seconds(*seconds);
 }
 
 void takeInterval(Options& options) {
@@ -117,7 +114,8 @@ bool take(Options& options, int option) {
         case kSelfService:
             return options.selfService = true;
         case kConnectionsPerUid:
-            return takeConnections(options, optarg);
+            takeConnections(options);
+            return true;
         case kBeginAfresh:
             return options.beginAfresh = true;
         case kBackupInterval:

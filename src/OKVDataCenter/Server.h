@@ -9,6 +9,7 @@
 
 #include <OKVPlatform/ipc/Publication.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 

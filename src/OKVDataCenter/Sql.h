@@ -16,8 +16,6 @@ namespace datacenter {
 class SqlError final : public std::runtime_error {
 public:
     SqlError(sqlite3* database, int code);
-    /// The engine's primary result code.
-    int code() const noexcept { return code_; }
     bool isFull() const noexcept { return code_ == SQLITE_FULL || overQuota_; }
     bool isDamage() const noexcept { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
 

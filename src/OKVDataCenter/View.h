@@ -4,13 +4,13 @@
 
 #include <OKVPlatform/values/SeededHash.h>
 
+#include <array>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <map>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 namespace datacenter {
 

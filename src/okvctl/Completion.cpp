@@ -25,13 +25,6 @@ const Option* findOption(std::string_view name) {
     return found != all.end() ? &*found : nullptr;
 }
 
-const Verb* findVerb(std::string_view name) {
-    const auto all = verbs();
-    const auto found =
-        std::find_if(all.begin(), all.end(), [&](const Verb* each) { return each->name == name; });
-    return found != all.end() ? *found : nullptr;
-}
-
 void take(Written& written, std::string_view word) {
     if (written.open != nullptr) {
         written.open = nullptr;

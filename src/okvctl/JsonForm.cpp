@@ -1,7 +1,7 @@
 #include "JsonForm.h"
 
 #include "DateText.h"
-#include "JsonForms.h"
+#include "JsonTags.h"
 
 #include <OKVPlatform/values/Cbor.h>
 #include <OKVPlatform/values/PropertyListScalars.h>

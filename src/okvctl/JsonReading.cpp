@@ -1,6 +1,6 @@
 #include "DateText.h"
 #include "JsonForm.h"
-#include "JsonForms.h"
+#include "JsonTags.h"
 
 #include <OKVPlatform/values/Cbor.h>
 #include <OKVPlatform/values/PropertyListScalars.h>

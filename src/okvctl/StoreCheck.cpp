@@ -5,10 +5,10 @@
 #include "ValueText.h"
 
 #include <OKVDataCenter/ExportNames.h>
+#include <OKVPlatform/values/NumberText.h>
 #include <OKVPlatform/values/PropertyListScalars.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <span>
@@ -44,11 +44,7 @@ const Dictionary& dictionaryAt(const std::string& place, const Value& value) {
 // Ids are texts in the file, as not every form of file has numbers for keys.
 std::optional<std::int64_t> idOf(const Value& value) {
     const auto* text = value.getIf<std::string>();
-    if (text == nullptr) return value.longLongValue();
-    std::int64_t number = 0;
-    const auto* const end = text->data() + text->size();
-    const auto read = std::from_chars(text->data(), end, number);
-    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+    return text != nullptr ? okv::decimalIn<std::int64_t>(*text) : value.longLongValue();
 }
 
 void checkName(const std::string& place, const Value& name, const std::string& owner,

@@ -6,6 +6,7 @@
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 #include <OKVPlatform/values/BoundedFile.h>
 #include <OKVPlatform/values/PropertyListFile.h>
+#include <OKVPlatform/values/Unicode.h>
 #include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
@@ -21,18 +22,16 @@ namespace okvctl {
 
 namespace {
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
 [[noreturn]] void fail(const std::string& path, const char* what) {
     throw ToolError(ExitCode::failure, path + ": " + what + std::strerror(errno));
 }
 
 // No JSON begins so. A property list in UTF-16 begins with a byte order mark.
 bool looksLikePropertyList(std::string_view bytes) {
-    if (bytes.starts_with("bplist") || bytes.starts_with("\xFE\xFF") ||
-        bytes.starts_with("\xFF\xFE"))
+    if (bytes.starts_with("bplist") || bytes.starts_with(okv::kUtf16BigMark) ||
+        bytes.starts_with(okv::kUtf16LittleMark))
         return true;
-    if (bytes.starts_with(kByteOrderMark)) bytes.remove_prefix(kByteOrderMark.size());
+    if (bytes.starts_with(okv::kUtf8Mark)) bytes.remove_prefix(3);
     const auto first = bytes.find_first_not_of(" \t\r\n");
     return first != std::string_view::npos && bytes[first] == '<';
 }

@@ -24,13 +24,6 @@ std::string usageOf(const Verb& verb) {
     return usage;
 }
 
-const Verb* findVerb(std::string_view name) {
-    const auto all = verbs();
-    const auto found =
-        std::find_if(all.begin(), all.end(), [&](const Verb* verb) { return verb->name == name; });
-    return found != all.end() ? *found : nullptr;
-}
-
 // What a usage mistake's message ends with.
 std::string usageFor(std::string_view name) {
     const auto* const verb = findVerb(name);

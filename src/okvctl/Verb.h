@@ -57,6 +57,8 @@ struct Verb {
 };
 
 std::span<const Verb* const> verbs();
+/// The verb of this name, or null.
+const Verb* findVerb(std::string_view name);
 
 /// One line on the standard error, whatever the text quotes.
 void complain(std::string_view text);

@@ -67,6 +67,10 @@ constexpr const char* schemeOfPort(std::int32_t port) {
     return "http";
 }
 
+inline std::string settingBase(const std::string& host, std::int32_t port) {
+    return std::string(schemeOfPort(port)) + "://" + host + ":" + std::to_string(port);
+}
+
 /// A page of the setting server: its address, and a path behind it.
 struct ServicePage {
     const char* name;  ///< of the data manager's accessor

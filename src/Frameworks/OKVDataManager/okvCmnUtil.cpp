@@ -278,7 +278,7 @@ bool okvCmnUtil::launchApp_argument_sync_workPath_processId(std::string_view pat
                                                             const okv::Array& arguments, bool sync,
                                                             std::string_view workPath,
                                                             std::int32_t* processId) {
-    if (!okvCmnUtilSeams::existsAt(path)) return false;
+    if (!okv::fileExistsAtPath(path)) return false;
     okv::Task task;
     task.pipeStandardError();
     task.setLaunchPath(std::string(path));

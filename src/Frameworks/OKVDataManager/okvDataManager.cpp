@@ -2,6 +2,7 @@
 
 #include <OKVDataManager/Endpoints.h>
 #include <OKVDataManager/okvCmnUtil.h>
+#include <OKVDataManager/okvCmnUtilSeams.h>
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/system/NSLog.h>
@@ -560,8 +561,7 @@ bool okvDataManager::isOKVServer(std::string_view url) const {
 
 std::string okvDataManager::settingBaseUrl() const {
     const auto port = settingServPort();
-    const auto scheme = checkHTTPProtocol(port);
-    return scheme + "://" + settingServHost() + ":" + std::to_string(port);
+    return okv::settingBase(settingServHost(), port);
 }
 
 std::string okvDataManager::loginTopUrl() const {
@@ -576,23 +576,15 @@ std::string okvDataManager::bpCancelUrl() const {
 
 // ---- Presence of the data server ----
 
-namespace {
-
-bool isServerProcess(const okv::Value& process) {
-    const auto* record = process.getIf<okv::Dictionary>();
-    return record != nullptr && (*record)["CFBundleName"] == okv::Value(kServerBundleName) &&
-           (*record)["CFBundleIdentifier"] == okv::Value(kServerBundleIdentifier);
-}
-
-}  // namespace
-
 bool okvDataManager::checkServer() {
     OKVSystemLog(kPresenceLogLevel, "call check DataServer().");
     _bSrvFlg.store(false, std::memory_order_relaxed);
     bool result = false;
     const auto processes = okvCmnUtil::processList();
     for (std::size_t i = 0; i < processes.size() && !result; ++i) {
-        if (!isServerProcess(processes[i])) continue;
+        if (!okvCmnUtilSeams::isApplication(processes[i], kServerBundleName,
+                                            kServerBundleIdentifier))
+            continue;
         OKVSystemLog(kPresenceLogLevel, "->already is server process!");
         _bSrvFlg.store(true, std::memory_order_relaxed);
         result = true;

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstddef>
 #include <new>
 #include <string>
 
@@ -20,12 +19,8 @@ using Sink = okv::SinkSlot<int, std::string_view>;
 
 std::atomic<int> levelInForce{okv::kDefaultLogLevel};
 
-// Never destroyed: threads may still log while the process ends. In place: it is there without
-// memory, too.
 Sink& sink() noexcept {
-    alignas(Sink) static std::byte place[sizeof(Sink)];
-    static auto* const slot = new (place) Sink;
-    return *slot;
+    return okv::lasting<Sink>();
 }
 
 okv::SendToJournal openJournalLibrary() {

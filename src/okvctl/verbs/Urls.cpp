@@ -16,9 +16,8 @@ Value readAs(const okv::ServiceEndpoint& endpoint, const Value& stored) {
 }
 
 void addPages(okv::Dictionary& urls) {
-    const auto port = urls["settingServPort"].intValue();
-    const auto base = std::string(okv::schemeOfPort(port)) + "://" +
-                      urls["settingServHost"].as<std::string>() + ":" + std::to_string(port);
+    const auto base = okv::settingBase(urls["settingServHost"].as<std::string>(),
+                                       urls["settingServPort"].intValue());
     for (const auto& page : okv::kServicePages) urls.set(page.name, base + page.path);
 }
 

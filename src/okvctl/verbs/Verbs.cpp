@@ -1,5 +1,7 @@
 #include "Verbs.h"
 
+#include <algorithm>
+
 namespace okvctl {
 
 namespace {
@@ -15,6 +17,12 @@ constexpr const Verb* kVerbs[] = {
 
 std::span<const Verb* const> verbs() {
     return kVerbs;
+}
+
+const Verb* findVerb(std::string_view name) {
+    const auto* const found = std::find_if(std::begin(kVerbs), std::end(kVerbs),
+                                           [&](const Verb* verb) { return verb->name == name; });
+    return found != std::end(kVerbs) ? *found : nullptr;
 }
 
 }  // namespace okvctl

@@ -49,7 +49,7 @@ Notification readContent(std::string_view content) {
     notification.name = reader.text();
     notification.object = reader.value();
     notification.userInfo = reader.value();
-    if (!reader.atEnd()) throw CborError("bytes are left over", reader.offset());
+    reader.expectEnd();
     return notification;
 }
 

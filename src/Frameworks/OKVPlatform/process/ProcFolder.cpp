@@ -1,4 +1,5 @@
 #include <OKVPlatform/process/ProcFolder.h>
+#include <OKVPlatform/values/NumberText.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -38,9 +39,7 @@ ssize_t readRestarting(int file, std::span<char> buffer) noexcept {
 
 int pidOf(std::string_view name) noexcept {
     if (name.empty() || name.front() < '1' || name.front() > '9') return 0;
-    int pid = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-    return error == std::errc() && end == name.data() + name.size() ? pid : 0;
+    return decimalIn<int>(name).value_or(0);
 }
 
 }  // namespace

@@ -16,9 +16,6 @@ namespace okv {
 
 namespace {
 
-// Real ones are a few KiB; every listing reads them all.
-constexpr std::size_t kInformationLimit = std::size_t{1} << 20;
-
 // An executable may be started through a link that lies outside its bundle; the kernel would have
 // told where the link leads.
 std::string resolved(std::string path) {
@@ -145,7 +142,7 @@ OSStatus ProcessManager::GetProcessForPID(std::int32_t pid, ProcessSerialNumber*
 
 PropertyListReader ProcessManager::defaultReader() {
     return [](const std::string& path) {
-        return readPropertyListFile(path, kInformationLimit).value.value_or(Value());
+        return readPropertyListFile(path, kInformationAtMost).value.value_or(Value());
     };
 }
 

@@ -12,8 +12,6 @@ namespace okv {
 namespace {
 
 constexpr std::size_t kMostLanguages = 32;
-// Those who list processes read the files of many strangers: far above any real one is enough.
-constexpr std::size_t kInfoLimit = std::size_t{1} << 20;
 
 // A language becomes the name of a folder, so nothing may lead elsewhere.
 bool isLanguageName(std::string_view name) {
@@ -95,7 +93,7 @@ Bundle::Bundle(std::string path) : path_(std::move(path)) {
 }
 
 void Bundle::readInfo() {
-    auto list = readPropertyListFile(path_ + "/Contents/Info.plist", kInfoLimit);
+    auto list = readPropertyListFile(path_ + "/Contents/Info.plist", kInformationAtMost);
     auto* info = list ? list.value->getIf<Dictionary>() : nullptr;
     if (info != nullptr)
         info_ = std::move(*info);

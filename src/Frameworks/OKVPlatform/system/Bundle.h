@@ -5,6 +5,7 @@
 #include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/StringsTable.h>
 
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -56,6 +57,10 @@ private:
     mutable std::once_flag tablesOnce_;
     mutable std::vector<StringsTable> tables_;
 };
+
+/// What is read of an Info.plist at most: who lists processes reads the files of many strangers.
+/// Real ones are a few KiB.
+inline constexpr std::size_t kInformationAtMost = std::size_t{1} << 20;
 
 /// The folder of the innermost bundle that a file lies in ("/a/X.app" for
 /// "/a/X.app/Contents/Linux/x"), as a part of `path`; empty when there is none or the path is not
