@@ -151,21 +151,6 @@ TEST_F(BlockedWriteTest, ARequestThatIsNotTakenInTimeTimesOutAndEndsTheConnectio
     EXPECT_FALSE(connection_->isValid()) << "a part of the request cannot be taken back";
 }
 
-TEST_F(BlockedWriteTest, ARequestBehindAnotherThreadsBlockedOneTimesOutToo) {
-    std::thread blocked([&] { EXPECT_THROW(swap(8 * kMebibyte), ConnectionError); });
-    peer_->takeBytes(okv::encodeHello().size() + 1);
-    connection_->setRequestTimeout(0.05);
-    try {
-        swap(1);
-        ADD_FAILURE() << "did not throw";
-    } catch (const ConnectionError& error) {
-        EXPECT_EQ(error.kind(), ConnectionError::Kind::timedOut);
-    }
-    EXPECT_TRUE(connection_->isValid()) << "nothing of it went out";
-    connection_->invalidate();
-    blocked.join();
-}
-
 TEST_F(BlockedWriteTest, APeerThatGoesWhileARequestIsWrittenFailsItAsNotSent) {
     std::thread going([&] {
         peer_->takeBytes(kMebibyte);

@@ -174,11 +174,7 @@ void Connection::throwFailed(Written written) {
 
 // A frame that went out in part cannot be taken back: the connection is done for then.
 Connection::Written Connection::write(std::string_view bytes, Deadline deadline) {
-    std::unique_lock lock(writeMutex_, std::defer_lock);
-    if (!deadline)
-        lock.lock();
-    else if (!lock.try_lock_until(*deadline))
-        return Written::timedOut;
+    const std::lock_guard lock(writeMutex_);
     bool begun = false;
     while (!bytes.empty()) {
         const auto count =

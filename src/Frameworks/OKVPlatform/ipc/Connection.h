@@ -158,7 +158,7 @@ private:
     std::set<std::uint64_t> lent_;
     FrameBuffer bytes_;  // touched only by who set reading_
 
-    std::timed_mutex writeMutex_;
+    std::mutex writeMutex_;
 };
 
 }  // namespace okv
