@@ -67,6 +67,7 @@ constexpr const char* schemeOfPort(std::int32_t port) {
     return "http";
 }
 
+/// The setting server's address, which the pages begin with.
 inline std::string settingBase(const std::string& host, std::int32_t port) {
     return std::string(schemeOfPort(port)) + "://" + host + ":" + std::to_string(port);
 }
