@@ -1,12 +1,12 @@
 #pragma once
 
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/process/Task.h>
 
 #include <sys/types.h>
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace okv {
@@ -35,7 +35,7 @@ public:
 private:
     void reapAllLocked();
 
-    std::mutex mutex_;
+    ForkMutex mutex_;
     std::vector<std::shared_ptr<Task::Child>> children_;
 };
 
