@@ -23,13 +23,20 @@ void letGo() {
 
 }  // namespace
 
+ZoneLock::ZoneLock() noexcept {
+    hold();
+}
+ZoneLock::~ZoneLock() {
+    letGo();
+}
+
 bool localTime(std::time_t instant, std::tm& fields) noexcept {
-    const std::lock_guard lock(zoneMutex);
+    const ZoneLock lock;
     return localtime_r(&instant, &fields) != nullptr;
 }
 
 void readLocalZone() noexcept {
-    const std::lock_guard lock(zoneMutex);
+    const ZoneLock lock;
     tzset();
 }
 

@@ -82,8 +82,7 @@ static_assert(std::is_sorted(kAbbreviations.begin(), kAbbreviations.end()));
 
 const date::time_zone* zoneOfDatabase(const std::string& name) noexcept {
     try {
-        // Under a guard of ours, and once: every thread meets the database as a whole.
-        [[maybe_unused]] static const date::tzdb& database = date::get_tzdb();
+        const ZoneLock lock;
         return date::locate_zone(name);
     } catch (const std::exception&) {
         return nullptr;  // No such zone, or no database at all.
@@ -92,6 +91,12 @@ const date::time_zone* zoneOfDatabase(const std::string& name) noexcept {
 
 date::sys_seconds sysSeconds(std::int64_t instant) {
     return date::sys_seconds{std::chrono::seconds{instant}};
+}
+
+// Reads the zone's file when it is asked for the first time.
+date::sys_info listedAt(const date::time_zone& zone, std::int64_t instant) {
+    const ZoneLock lock;
+    return zone.get_info(sysSeconds(instant));
 }
 
 // The C library knows every form of TZ, and rules beyond the listed changes.
@@ -147,7 +152,7 @@ std::optional<TimeZone> TimeZone::withAbbreviation(std::string_view abbreviation
 
 std::int64_t TimeZone::offsetAt(std::int64_t instant) const {
     if (zone_ == nullptr) return localOffset(instant);
-    const auto listed = zone_->get_info(sysSeconds(instant));
+    const auto listed = listedAt(*zone_, instant);
     if (listed.end < kNoChange) return listed.offset.count();
     const auto& rule = laterRuleOf(zone_, name_);
     // Without a readable rule, as at the last listed change.
