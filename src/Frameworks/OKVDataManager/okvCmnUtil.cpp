@@ -6,6 +6,7 @@
 #include <OKVPlatform/process/Task.h>
 #include <OKVPlatform/system/FileAttributes.h>
 #include <OKVPlatform/system/SystemVersion.h>
+#include <OKVPlatform/values/Lasting.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 #include <OKVPlatform/values/Unicode.h>
 
@@ -65,8 +66,8 @@ constexpr std::string_view kMainteFileName = "jp.nrm.okv6.mainte.plist";
 constexpr int kDefaultLogLevel = 10;
 
 std::string& otherMainteFile() {
-    static auto* const path = new std::string;
-    return *path;
+    static constinit okv::LastingOnDemand<std::string> path;
+    return path.get();
 }
 
 std::string mainteFile() {

@@ -6,6 +6,7 @@
 #include <OKVDataManager/okvSystemProcList.h>
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/system/NSLog.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <uriparser/Uri.h>
 
@@ -34,15 +35,12 @@ struct Monitor {
 };
 
 std::recursive_mutex& classMonitor() {
-    static auto& monitor = *new Monitor;
-    return monitor.mutexes.front();
+    static constinit okv::LastingOnDemand<Monitor> monitor;
+    return monitor.get().mutexes.front();
 }
 
-// The shared instance belongs to its class and is not destroyed at process exit.
-okv::Ref<okvDataManager>& sharedInstance() {
-    static auto& shared = *new okv::Ref<okvDataManager>;
-    return shared;
-}
+// Belongs to its class and is not destroyed at process exit.
+constinit okv::Lasting<okv::Ref<okvDataManager>> sharedInstance;
 
 // Clears the field where what it holds came from this connection; none of another's.
 void dropProxyOf(const okv::Connection& connection, okv::AtomicRef<okv::RemoteObject>& field) {
@@ -53,7 +51,7 @@ void dropProxyOf(const okv::Connection& connection, okv::AtomicRef<okv::RemoteOb
 template <class Create>
 okv::Ref<okvDataManager> sharedOrCreated(Create create) {
     const std::lock_guard lock(classMonitor());
-    auto& shared = sharedInstance();
+    auto& shared = *sharedInstance;
     if (!shared) {
         shared = okv::Ref<okvDataManager>::adopting(create());
     } else if (!(shared->isConnect() ? shared->isValid() : shared->reconnectSrv())) {

@@ -1,7 +1,9 @@
 #include <OKVLog/Journal.h>
 #include <OKVLog/OKVLog.h>
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/system/NSLog.h>
 #include <OKVPlatform/system/SinkSlot.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <dlfcn.h>
 #include <sys/syslog.h>
@@ -10,18 +12,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
 namespace {
 
-using Sink = okv::SinkSlot<int, std::string_view>;
-
 std::atomic<int> levelInForce{okv::kDefaultLogLevel};
 
-Sink& sink() noexcept {
-    return okv::lasting<Sink>();
-}
+constinit okv::Lasting<okv::SinkSlot<int, std::string_view>> sink;
 
 okv::SendToJournal openJournalLibrary() {
     void* const library = dlopen("libsystemd.so.0", RTLD_LAZY | RTLD_LOCAL);
@@ -30,10 +30,13 @@ okv::SendToJournal openJournalLibrary() {
 }
 
 // The journal's library is loaded by the first text that is written: linked, it would nearly
-// double the start time of every process, also of those that never log.
+// double the start time of every process, also of those that never log. A fork waits meanwhile:
+// its child would find the half of a library.
 okv::SendToJournal journalFunction() {
-    static const okv::SendToJournal function = openJournalLibrary();
-    return function;
+    static constinit okv::LastingOnDemand<okv::ForkMutex> loading;
+    static constinit okv::LastingOnDemand<okv::SendToJournal> function;
+    const std::lock_guard lock(loading.get());
+    return function.get([] { return std::make_unique<okv::SendToJournal>(openJournalLibrary()); });
 }
 
 iovec field(std::string& text) {
@@ -58,7 +61,7 @@ bool wroteToJournal(const okv::Journal& journal, int level, const std::string& t
 
 void log(int level, const std::string& text) {
     constexpr okv::Journal kSystemJournal{"/run/systemd/journal/socket", journalFunction};
-    sink()(level, text);
+    (*sink)(level, text);
     if (level <= okv::logLevel()) okv::writeLogText(kSystemJournal, level, text);
 }
 
@@ -69,7 +72,7 @@ void okv::writeLogText(const Journal& journal, int level, const std::string& tex
 }
 
 void OKVSystemLog(int level, const char* format, ...) {
-    if (level > okv::logLevel() && !sink().isSet()) return;
+    if (level > okv::logLevel() && !sink->isSet()) return;
     const int savedErrno = errno;
     std::va_list values;
     va_start(values, format);
@@ -93,7 +96,7 @@ int logLevel() noexcept {
 }
 
 void setLogSink(LogSink function) {
-    sink().set(std::move(function));
+    sink->set(std::move(function));
 }
 
 int journalPriority(int level) noexcept {

@@ -3,10 +3,6 @@
 #include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 
-#include <atomic>
-#include <thread>
-#include <vector>
-
 // What a forked child finds of that in which the parent's other threads were busy.
 
 namespace ipctest {
@@ -29,28 +25,10 @@ void lendForAMoment(Busy& busy) {
     okv::ExportedObjects::withdraw(busy);
 }
 
-// Whether a hundred children, forked while other threads do this all the time, can do it, too.
+// Two threads of the parent begin with the very first call of the process, or so.
 void expectAChildCan(void (*task)(Busy&)) {
-    task(*okv::make<Busy>());  // what the very first call makes is there before anybody forks
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            const auto busy = okv::make<Busy>();
-            while (!stop) task(*busy);
-        });
-    }
-    bool succeeded = true;
-    for (int i = 0; i < 100 && succeeded; ++i) {
-        succeeded = succeedsInAChild([&] {
-            alarm(30);
-            task(*okv::make<Busy>());
-            return true;
-        });
-    }
-    stop = true;
-    for (auto& thread : threads) thread.join();
-    EXPECT_TRUE(succeeded);
+    const auto onItsOwn = [task] { task(*okv::make<Busy>()); };
+    EXPECT_TRUE(support::succeedsInChildrenWhile(onItsOwn, onItsOwn));
 }
 
 }  // namespace
@@ -67,7 +45,9 @@ TEST(ForkGuard, TakesItsStepsOnEitherSideAndNoneOnceItIsGone) {
     struct Steps {
         int before = 0, inParent = 0, inChild = 0;
     } taken;
-    auto fork = [&] { return succeedsInAChild([&] { return taken.before == taken.inChild; }); };
+    auto fork = [&] {
+        return support::succeedsInAChild([&] { return taken.before == taken.inChild; });
+    };
     {
         const okv::ForkGuard guard(&taken, {[](void* to) { ++static_cast<Steps*>(to)->before; },
                                             [](void* to) { ++static_cast<Steps*>(to)->inParent; },

@@ -2,6 +2,7 @@
 
 #include "RawClient.h"
 
+#include "support/ForkedChild.h"
 #include "support/Serving.h"
 
 #include <OKVPlatform/ipc/Connection.h>
@@ -109,13 +110,7 @@ inline std::string failureOf(const std::function<void()>& call) {
     return {};
 }
 
-inline bool succeedsInAChild(const std::function<bool()>& task) {
-    const pid_t child = fork();
-    if (child == 0) _exit(task() ? 0 : 1);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status == 0;
-}
+using support::succeedsInAChild;
 
 /// The publication lives on this thread's loop, beside raw clients that never wait.
 class PublicationTest : public testing::Test {

@@ -338,21 +338,11 @@ TEST_F(NobodyTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsConnecting)
 TEST_F(SharedTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsCalling) {
     const auto manager = shared();
     ASSERT_TRUE(manager);
-    std::atomic<bool> stop{false};
-    std::thread caller([&] {
-        while (!stop) manager->proxyObj();
-    });
-    bool succeeded = true;
-    for (int i = 0; i < 100 && succeeded; ++i) {
-        succeeded = succeedsInAChild([&] {
-            alarm(30);
-            EXPECT_FALSE(manager->isValid());
-            EXPECT_TRUE(manager->proxyObj());
-        });
-    }
-    stop = true;
-    caller.join();
-    EXPECT_TRUE(succeeded);
+    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { manager->proxyObj(); },
+                                                 [&] {
+                                                     EXPECT_FALSE(manager->isValid());
+                                                     EXPECT_TRUE(manager->proxyObj());
+                                                 }));
 }
 
 TEST_F(SharedTest, AHeldConnectionWithoutAProxyIsKeptAsLongAsItIsAlive) {

@@ -1,10 +1,6 @@
 #include "Support.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <future>
 
 std::size_t okv::NotificationCenterInspector::registrationsOf(const Object& observer) {
@@ -62,19 +58,6 @@ const Strings& selectorsNeverSent() {
 
 void serveForAWhile() {
     okv::RunLoop::current()->runUntil(okv::RunLoop::Clock::now() + std::chrono::milliseconds(50));
-}
-
-bool succeedsInAChild(const std::function<void()>& task) {
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        task();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return child > 0 && status == 0;
 }
 
 static const RuntimeFolder& sharedFolder() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/ForkedChild.h"
 #include "support/Serving.h"
 
 #include <OKVDataManager/okvDataManager.h>
@@ -115,8 +116,7 @@ Strings linesOfAFailedConnect();
 const Strings& selectorsNeverSent();
 /// Runs this thread's loop for a short while: for what must not happen.
 void serveForAWhile();
-/// Runs the task in a forked child; answers whether it ended there without a failure.
-bool succeedsInAChild(const std::function<void()>& task);
+using support::succeedsInAChild;
 
 /// A private runtime folder and, unless told otherwise, a fake data server in it. All tests of one
 /// process share the folder: its default notification centre keeps to the one that it found first.

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Support.h"
+#include "support/ForkedChild.h"
 
 using okv::Task;
 using okv::TaskError;
@@ -216,6 +217,12 @@ TEST(Task, AChildThatNobodyWaitsForIsReapedOnRequest) {
     Task::reapFinished();
     EXPECT_FALSE(isChildOfOurs(task.processIdentifier()));
     task.waitUntilExit();
+}
+
+TEST(Task, CanBeLaunchedByAForkedChildWhateverOtherThreadsWereLaunching) {
+    const TempFolder folder;
+    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { runShell("true", folder); },
+                                                 [&] { runShell("true", folder); }));
 }
 
 TEST(Task, ReapsNoChildOfAnothers) {

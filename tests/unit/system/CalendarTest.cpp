@@ -10,12 +10,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/Files.h"
+#include "support/ForkedChild.h"
 
 using okv::Calendar;
 using okv::CalendarDate;
@@ -286,6 +290,37 @@ TEST(Calendar, DaysFarOutsideOfTheCalendarGiveNone) {
         EXPECT_FALSE(calendar.dateFromComponents(components));
     EXPECT_TRUE(calendar.dateFromComponents({9999, 12, 31}));
     EXPECT_TRUE(calendar.dateFromComponents({-9999, 1, 1}));
+}
+
+namespace {
+
+// Another zone with each call, since each is read once.
+class ManyZones {
+public:
+    ManyZones() {
+        namespace fs = std::filesystem;
+        for (const std::string area : {"Africa", "America", "Asia", "Europe", "Pacific"}) {
+            for (const auto& file : fs::directory_iterator("/usr/share/zoneinfo/" + area))
+                if (file.is_regular_file())
+                    names_.push_back(area + '/' + file.path().filename().string());
+        }
+    }
+    bool isNextKnown() {
+        const auto next = TimeZone::named(names_[next_++ % names_.size()]);
+        return next && std::abs(next->offsetAt(1600000000)) <= 15 * 3600;
+    }
+
+private:
+    std::vector<std::string> names_;
+    std::atomic<std::size_t> next_{0};
+};
+
+}  // namespace
+
+TEST(TimeZone, IsFoundInAForkedChildWhateverZonesOtherThreadsWereReading) {
+    ManyZones zones;
+    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { zones.isNextKnown(); },
+                                                 [&] { return zones.isNextKnown(); }));
 }
 
 TEST(Calendar, TwoThreadsInTwoZonesDoNotDisturbEachOther) {

@@ -1,5 +1,7 @@
 #include "CapturedStderr.h"
 
+#include "support/ForkedChild.h"
+
 #include <OKVPlatform/system/NSLog.h>
 
 #include <gmock/gmock.h>
@@ -101,23 +103,7 @@ TEST(NSLog, TheSinkMayChangeWhileOtherThreadsLog) {
 }
 
 TEST(NSLog, WritesInAForkedChildWhateverOtherThreadsOfTheParentWereLogging) {
-    std::atomic<bool> stop{false};
-    std::thread other([&] {
-        while (!stop) okv::logLine("in the parent");
-    });
-    int ended = 0;
-    for (int i = 0; i < 300; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(20);
-            _exit(okv::logLine("in the child").empty() ? 1 : 0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        ended += status == 0 ? 1 : 0;
-        if (status != 0) break;
-    }
-    stop = true;
-    other.join();
-    EXPECT_EQ(ended, 300);
+    EXPECT_TRUE(support::succeedsInChildrenWhile(
+        [] { okv::logLine("in the parent"); }, [] { return !okv::logLine("in the child").empty(); },
+        300));
 }

@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
 #include <OKVPlatform/ipc/NotificationFeed.h>
 #include <OKVPlatform/ipc/RuntimeFolder.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <algorithm>
 #include <map>
@@ -103,9 +104,9 @@ void DistributedNotificationCenter::State::forgetAll() {
 }
 
 DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
-    // Never destroyed: observers withdraw while the process is ending, too.
-    static auto* const center = new DistributedNotificationCenter(runtimeDirectory());
-    return *center;
+    static constinit LastingOnDemand<DistributedNotificationCenter> center;
+    return center.get(
+        [] { return std::make_unique<DistributedNotificationCenter>(runtimeDirectory()); });
 }
 
 DistributedNotificationCenter::DistributedNotificationCenter(

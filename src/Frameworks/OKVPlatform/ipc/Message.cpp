@@ -1,5 +1,6 @@
 #include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/Protocol.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <mutex>
 #include <unordered_map>
@@ -23,10 +24,9 @@ struct Exports {
     std::unordered_map<const Object*, std::uint64_t> numbers;
 };
 
-// Never destroyed: objects may be withdrawn by static destructors.
 Exports& exports() {
-    static auto* const only = new Exports;
-    return *only;
+    static constinit LastingOnDemand<Exports> all;
+    return all.get();
 }
 
 bool isKindOfRefusal(std::int64_t kind) noexcept {

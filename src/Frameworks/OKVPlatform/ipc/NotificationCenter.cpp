@@ -1,4 +1,5 @@
 #include <OKVPlatform/ipc/NotificationCenter.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <algorithm>
 #include <mutex>
@@ -6,9 +7,8 @@
 namespace okv {
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    // Never destroyed: observers may be withdrawn by static destructors.
-    static auto* const only = new NotificationCenter;
-    return *only;
+    static constinit LastingOnDemand<NotificationCenter> center;
+    return center.get();
 }
 
 void NotificationCenter::add(const Object& observer, std::string_view name, const Object* object,

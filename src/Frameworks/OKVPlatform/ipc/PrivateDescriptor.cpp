@@ -1,6 +1,7 @@
+#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/Lasting.h>
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,35 +23,28 @@ struct Registry {
     std::mutex opening;
     std::mutex mutex;
     std::vector<int> open;
+    ForkGuard guard{this, {&lock, &unlock, &closeInChild}};
 
-    void lock() {
-        opening.lock();
-        mutex.lock();
+    static void lock(void* self) {
+        static_cast<Registry*>(self)->opening.lock();
+        static_cast<Registry*>(self)->mutex.lock();
     }
-    void unlock() {
-        mutex.unlock();
-        opening.unlock();
+    static void unlock(void* self) {
+        static_cast<Registry*>(self)->mutex.unlock();
+        static_cast<Registry*>(self)->opening.unlock();
     }
-
-    void closeInChild() {
+    static void closeInChild(void* self) {
+        auto& open = static_cast<Registry*>(self)->open;
         for (const int fd : open) ::close(fd);
         open.clear();
         generation.fetch_add(1, std::memory_order_relaxed);
+        unlock(self);
     }
 };
 
-// Never destroyed: descriptors of static objects are closed after everything else.
 Registry& registry() {
-    static auto* const only = [] {
-        auto* made = new Registry;
-        pthread_atfork([] { registry().lock(); }, [] { registry().unlock(); },
-                       [] {
-                           registry().closeInChild();
-                           registry().unlock();
-                       });
-        return made;
-    }();
-    return *only;
+    static constinit LastingOnDemand<Registry> descriptors;
+    return descriptors.get();
 }
 
 }  // namespace

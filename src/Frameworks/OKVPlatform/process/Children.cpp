@@ -1,4 +1,5 @@
 #include <OKVPlatform/process/Children.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <poll.h>
 #include <sys/wait.h>
@@ -42,8 +43,8 @@ void blockUntilEnded(pid_t pid) noexcept {
 }  // namespace
 
 Children& Children::shared() {
-    static auto* const children = new Children;
-    return *children;
+    static constinit LastingOnDemand<Children> children;
+    return children.get();
 }
 
 std::shared_ptr<Task::Child> Children::launch(const std::function<Task::Child()>& spawn) {

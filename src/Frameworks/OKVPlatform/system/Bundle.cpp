@@ -1,5 +1,6 @@
 #include <OKVPlatform/system/Bundle.h>
 
+#include <OKVPlatform/values/Lasting.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 
 #include <algorithm>
@@ -64,13 +65,12 @@ Ref<Bundle> Bundle::open(std::string_view path) {
 }
 
 Ref<Bundle> Bundle::mainBundle() {
-    // Never released: other threads may still use it while the process ends.
-    static Bundle* const bundle = [] {
+    static constinit LastingOnDemand<Ref<Bundle>> bundle;
+    return bundle.get([] {
         std::error_code failed;
         const auto executable = std::filesystem::read_symlink("/proc/self/exe", failed);
-        return open(bundlePathOf(executable.native())).leak();
-    }();
-    return Ref<Bundle>::retaining(bundle);
+        return std::make_unique<Ref<Bundle>>(open(bundlePathOf(executable.native())));
+    });
 }
 
 // A folder named ".app" alone is a hidden one, not a bundle.

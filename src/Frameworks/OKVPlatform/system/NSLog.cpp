@@ -1,6 +1,7 @@
 #include <OKVPlatform/system/LocalTime.h>
 #include <OKVPlatform/system/NSLog.h>
 #include <OKVPlatform/system/SinkSlot.h>
+#include <OKVPlatform/values/Lasting.h>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,11 +15,7 @@ namespace okv {
 
 namespace {
 
-using Sink = SinkSlot<std::string_view>;
-
-Sink& sink() noexcept {
-    return lasting<Sink>();
-}
+constinit Lasting<SinkSlot<std::string_view>> sink;
 
 std::string timestamp() {
     timespec now{};
@@ -83,7 +80,7 @@ void NSLog(const char* format, ...) {
     va_start(values, format);
     try {
         const std::string text = formattedText(format, values);
-        sink()(text);
+        (*sink)(text);
         writeLogLine(text);
     } catch (const std::bad_alloc&) {
         // Without memory the text is dropped: whoever logs is no worse off for it.
@@ -93,7 +90,7 @@ void NSLog(const char* format, ...) {
 }
 
 void setNSLogSink(NSLogSink function) {
-    sink().set(std::move(function));
+    sink->set(std::move(function));
 }
 
 }  // namespace okv

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <utility>
 
 namespace okv {
@@ -42,14 +40,5 @@ private:
     std::shared_ptr<const Function> function_;
     std::atomic<bool> isSet_{false};
 };
-
-/// The one slot of its type. Never destroyed: threads may still log while the process ends. In
-/// place: it is there without memory, too.
-template <class Slot>
-Slot& lasting() noexcept {
-    alignas(Slot) static std::byte place[sizeof(Slot)];
-    static auto* const slot = new (place) Slot;
-    return *slot;
-}
 
 }  // namespace okv

@@ -1,3 +1,4 @@
+#include <OKVPlatform/values/Lasting.h>
 #include <OKVPlatform/values/SeededHash.h>
 #include <OKVPlatform/values/Value.h>
 
@@ -161,9 +162,10 @@ Value* Dictionary::find(std::string_view key) {
     return const_cast<Value*>(std::as_const(*this).find(key));
 }
 
+static constinit Lasting<const Value> missingValue;
+
 static const Value& orNil(const Value* value) {
-    static const Value nil;
-    return value != nullptr ? *value : nil;
+    return value != nullptr ? *value : *missingValue;
 }
 
 const Value& Dictionary::operator[](const Value& key) const {
