@@ -21,8 +21,6 @@ constexpr int kConnectTries = 5;
 constexpr useconds_t kConnectSleepMicroseconds = 500000;
 constexpr int kSwitchLogLevel = 30;
 constexpr int kPresenceLogLevel = 10;
-constexpr char kServerBundleName[] = "OKVDataCenter";
-constexpr char kServerBundleIdentifier[] = "jp.nrm.okv6.OKVDataCenter";
 constexpr char kFilterOffKey[] = "dc-cmnset-common_filter_off";
 
 // The monitor of the class: it may be entered again by the thread that holds it. It is held for
@@ -580,8 +578,8 @@ bool okvDataManager::checkServer() {
     bool result = false;
     const auto processes = okvCmnUtil::processList();
     for (std::size_t i = 0; i < processes.size() && !result; ++i) {
-        if (!okvCmnUtilSeams::isApplication(processes[i], kServerBundleName,
-                                            kServerBundleIdentifier))
+        if (!okvCmnUtilSeams::isApplication(processes[i], kOKVDataServerBundleName,
+                                            kOKVDataServerBundleIdentifier))
             continue;
         OKVSystemLog(kPresenceLogLevel, "->already is server process!");
         _bSrvFlg.store(true, std::memory_order_relaxed);

@@ -17,6 +17,9 @@
 
 /// The name under which the data server vends its root object.
 inline constexpr char kOKVDataServerName[] = "jp.nrm.okv6.dataConnection";
+/// What a process of the data server is known by: the name and the identifier of its bundle.
+inline constexpr char kOKVDataServerBundleName[] = "OKVDataCenter";
+inline constexpr char kOKVDataServerBundleIdentifier[] = "jp.nrm.okv6.OKVDataCenter";
 /// The distributed notification that tells every process of changed settings.
 inline constexpr char kOKVSettingNotification[] = "jp.nrm.okv6.notification";
 

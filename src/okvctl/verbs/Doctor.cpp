@@ -19,8 +19,6 @@ namespace {
 using okv::Dictionary;
 using okv::Value;
 
-constexpr std::string_view kServerName = "OKVDataCenter";
-constexpr std::string_view kServerIdentifier = "jp.nrm.okv6.OKVDataCenter";
 constexpr char kAdministrators[] = "okvadmin";
 constexpr std::int64_t kManyWaiting = 1000;
 
@@ -69,8 +67,8 @@ Finding process(Examination& examination) {
     for (okv::ProcessSerialNumber psn; manager.GetNextProcess(&psn) == okv::noErr;) {
         const auto record = manager.ProcessInformationCopyDictionary(
             &psn, okv::kProcessDictionaryIncludeAllInformationMask);
-        if (record && (*record)["CFBundleName"] == Value(kServerName) &&
-            (*record)["CFBundleIdentifier"] == Value(kServerIdentifier))
+        if (record && (*record)["CFBundleName"] == Value(kOKVDataServerBundleName) &&
+            (*record)["CFBundleIdentifier"] == Value(kOKVDataServerBundleIdentifier))
             examination.processes.push_back((*record)["pid"].longLongValue());
     }
     if (examination.processes.empty())
