@@ -137,7 +137,7 @@ void hand(Center& center, const okv::Ref<Port>& port, const std::string& payload
             okv::Ref<okv::MessagePort>::retaining(port.get()), 1U, std::string(payload));
         center.handle(*request);
     } catch (const okv::CborError& error) {
-        port->sendAnswer(okv::encodeFailure(1, error.what()));
+        port->sendAnswer(okv::encodeReason(okv::FrameKind::failure, 1, error.what()));
     }
 }
 

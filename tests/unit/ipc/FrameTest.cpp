@@ -127,13 +127,6 @@ TEST(FrameBuffer, RefusesAnAnnouncedLengthBeyondTheLimitAtOnce) {
     EXPECT_THROW(feed(smaller, header(100, 2), 100), FrameError);
 }
 
-TEST(FrameBuffer, ALimitMayBeChangedBetweenFrames) {
-    FrameBuffer buffer;
-    buffer.setMaxPayload(3);
-    EXPECT_EQ(feed(buffer, frame(FrameKind::request, 1, "abc"), 100).size(), 1U);
-    EXPECT_THROW(feed(buffer, frame(FrameKind::request, 1, "abcd"), 100), FrameError);
-}
-
 TEST(FrameBuffer, GrowsWithWhatCameAndNotWithWhatIsAnnounced) {
     FrameBuffer buffer;
     const auto announced = header(16U << 20, 2);

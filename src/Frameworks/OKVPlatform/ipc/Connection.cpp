@@ -374,7 +374,7 @@ void Connection::handle(QueuedRequest queued) {
         const auto found = known ? ExportedObjects::find(request->object()) : std::nullopt;
         found ? found->handler(found->target, *request) : request->fail("no such object");
     } catch (const CborError& error) {
-        sendAnswer(encodeFailure(serial, error.what()));
+        sendAnswer(encodeReason(FrameKind::failure, serial, error.what()));
     }
 }
 

@@ -33,15 +33,13 @@ bool FolderWatch::open() {
     if (!inotify.isValid() || inotify_add_watch(inotify.get(), path.c_str(), kWatched) < 0)
         return false;
     inotify_ = std::move(inotify);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    identity_ = FileIdentity(status);
     return true;
 }
 
 bool FolderWatch::isAtPath() const {
     struct stat status {};
-    return isOpen() && stat(folder_.c_str(), &status) == 0 && status.st_dev == device_ &&
-           status.st_ino == inode_;
+    return isOpen() && stat(folder_.c_str(), &status) == 0 && FileIdentity(status) == identity_;
 }
 
 FolderWatch::Seen FolderWatch::read() {

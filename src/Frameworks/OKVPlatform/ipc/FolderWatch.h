@@ -1,8 +1,7 @@
 #pragma once
 
+#include <OKVPlatform/ipc/FileIdentity.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
-
-#include <sys/types.h>
 
 #include <cstddef>
 #include <string>
@@ -40,8 +39,7 @@ private:
     const std::string folder_;
     const std::string file_;
     PrivateDescriptor inotify_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    FileIdentity identity_;
 };
 
 }  // namespace okv

@@ -74,8 +74,6 @@ public:
     /// Gives a large frame's memory back, once it has been taken. Invalidates frames handed out
     /// before.
     void trim() noexcept;
-    /// Changes the limit, in bytes, from the next frame on.
-    void setMaxPayload(std::size_t bytes) noexcept { maxPayload_ = bytes; }
     /// From now on a large frame's memory is kept until a small one comes: who is sent one is often
     /// sent more.
     void keepForLikeFrames() noexcept { keepsForLike_ = true; }

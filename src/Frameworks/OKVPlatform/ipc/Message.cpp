@@ -91,7 +91,7 @@ void IncomingRequest::answerFrom(std::string& frame, std::string_view rest) {
 
 void IncomingRequest::fail(std::string_view why) {
     answered_ = true;
-    port_->sendAnswer(encodeFailure(serial_, why));
+    port_->sendAnswer(encodeReason(FrameKind::failure, serial_, why));
 }
 
 Invocation::Invocation(IncomingRequest& request) noexcept
@@ -168,9 +168,9 @@ std::string readReason(std::string_view payload) {
     return why;
 }
 
-std::string encodeFailure(std::uint32_t serial, std::string_view why) {
+std::string encodeReason(FrameKind kind, std::uint32_t serial, std::string_view why) {
     std::string frame;
-    beginFrame(frame, FrameKind::failure);
+    beginFrame(frame, kind);
     CborWriter(frame).text(why);
     finishFrame(frame, 0, serial);
     return frame;

@@ -223,8 +223,9 @@ OKV_EXPORT void finishRequest(std::string& frame);
 OKV_EXPORT std::string encodeHello();
 /// What the only item of a failure or a farewell says. Throws CborError for what is neither.
 OKV_EXPORT std::string readReason(std::string_view payload);
-/// A frame that tells why the request of this serial number was not understood.
-OKV_EXPORT std::string encodeFailure(std::uint32_t serial, std::string_view why);
+/// A frame that tells no more than why: a failure (of the request with this serial number, which
+/// was not understood) or a farewell (0).
+OKV_EXPORT std::string encodeReason(FrameKind kind, std::uint32_t serial, std::string_view why);
 /// Reads what stands behind a reply's result; none when nothing does. Throws CborError, also for a
 /// kind that there is not and for bytes that are left over.
 OKV_EXPORT std::optional<Refusal> readRefusal(CborReader& reader);

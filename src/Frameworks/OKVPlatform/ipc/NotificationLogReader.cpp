@@ -39,7 +39,7 @@ void NotificationLogReader::lookAtPath() {
     successor_.reset();
     atPath_ = lstat(path.c_str(), &status) == 0;
     if (!atPath_) return;
-    if (file_ && file_->device == status.st_dev && file_->inode == status.st_ino) return;
+    if (file_ && file_->identity == FileIdentity(status)) return;
     successor_ = openLog();
     atPath_ = successor_ != nullptr;
 }
@@ -54,8 +54,7 @@ std::shared_ptr<const NotificationLogReader::File> NotificationLogReader::openLo
     if (!S_ISREG(status.st_mode) || !isTrustedOwner(status.st_uid)) return nullptr;
     const auto header = readLogHeader(descriptor.get());
     if (!header) return nullptr;
-    return std::make_shared<const File>(
-        File{std::move(descriptor), status.st_dev, status.st_ino, *header});
+    return std::make_shared<const File>(File{std::move(descriptor), FileIdentity(status), *header});
 }
 
 std::optional<NotificationLogEntry> NotificationLogReader::next() {

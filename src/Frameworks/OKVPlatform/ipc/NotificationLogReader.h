@@ -1,10 +1,9 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/FileIdentity.h>
 #include <OKVPlatform/ipc/NotificationLogCursor.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
@@ -54,8 +53,7 @@ public:
 private:
     struct File {
         PrivateDescriptor descriptor;
-        dev_t device;
-        ino_t inode;
+        FileIdentity identity;
         NotificationLogHeader header;  // as it was when the file was opened
     };
     struct Raw {

@@ -124,7 +124,7 @@ void NotificationLogWriter::checkLog(const struct stat& status) const {
 bool NotificationLogWriter::isAtPath(int folder, struct stat& status) const {
     return log_.isValid() &&
            fstatat(folder, kNotificationLogFile, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           status.st_dev == device_ && status.st_ino == inode_;
+           FileIdentity(status) == identity_;
 }
 
 // Lock held: nobody else appends or puts another file in its place.
@@ -139,8 +139,7 @@ void NotificationLogWriter::openLog(int folder) {
     if (!log_.isValid() && errno == ENOENT) return startLog(folder, newLog());
     if (!log_.isValid() || fstat(log_.get(), &status) != 0) fail(path(kNotificationLogFile));
     checkLog(status);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    identity_ = FileIdentity(status);
     end_ = 0;
     if (!catchUp(static_cast<std::uint64_t>(status.st_size))) startLog(folder, newLog());
 }
@@ -191,8 +190,7 @@ void NotificationLogWriter::startLog(int folder, const NotificationLogHeader& he
         fail(path(kNotificationLogFile));
     }
     log_ = std::move(log);
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    identity_ = FileIdentity(status);
     id_ = header.id;
     end_ = kLogHeaderSize;
     next_ = header.first;

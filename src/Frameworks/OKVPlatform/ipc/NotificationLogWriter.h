@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/FileIdentity.h>
 #include <OKVPlatform/ipc/NotificationLog.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 
@@ -52,8 +53,7 @@ private:
     const Options options_;
     std::mutex mutex_;  // guards all below: what this process knows of the log from its last post
     PrivateDescriptor log_;  // kept open, so that no other file can get its inode number meanwhile
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    FileIdentity identity_;
     std::uint64_t id_ = 0;
     std::uint64_t end_ = 0;   // all records before are whole
     std::uint64_t next_ = 1;  // the number of the next one

@@ -310,7 +310,8 @@ public:
     static std::string_view carryOut(P& target, IncomingRequest& request, std::size_t row,
                                      std::string& frame) {
         if (request.types() != entries[row].types) {
-            frame = encodeFailure(0, "other argument types than the method takes");
+            frame =
+                encodeReason(FrameKind::failure, 0, "other argument types than the method takes");
             return {};
         }
         try {
@@ -323,7 +324,7 @@ public:
             finishFrame(frame, 0, 0, invocation.rest().size());
             return invocation.rest();
         } catch (const std::exception& error) {
-            frame = encodeFailure(0, error.what());
+            frame = encodeReason(FrameKind::failure, 0, error.what());
             return {};
         }
     }

@@ -127,8 +127,7 @@ bool PublishedName::bindTemporary(const std::string& temporary, const Options& o
         why = withReason("a socket in the runtime folder");
         return false;
     }
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    identity_ = FileIdentity(status);
     return true;
 }
 
@@ -186,7 +185,7 @@ bool isBoundAt(int socket, int folder, const std::string& name) {
     }, wanted{};
     return stat(pathOf(socket).c_str(), &bound) == 0 &&
            fstatat(folder, name.c_str(), &wanted, AT_SYMLINK_NOFOLLOW) == 0 &&
-           bound.st_dev == wanted.st_dev && bound.st_ino == wanted.st_ino;
+           FileIdentity(bound) == FileIdentity(wanted);
 }
 
 }  // namespace
@@ -219,7 +218,7 @@ void PublishedName::withdraw() noexcept {
     struct stat status {};
     if (!name_.empty() && folder_.isValid() &&
         fstatat(folder_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_dev == device_ && status.st_ino == inode_) {
+        FileIdentity(status) == identity_) {
         unlinkat(folder_.get(), name_.c_str(), 0);
     }
     name_.clear();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/ipc/FileIdentity.h>
 #include <OKVPlatform/ipc/PeerIdentity.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 #include <OKVPlatform/ipc/RuntimeFolder.h>
@@ -58,8 +59,7 @@ private:
     PrivateDescriptor folder_;
     PrivateDescriptor lock_;
     PrivateDescriptor listener_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    FileIdentity identity_;
 };
 
 /// What came of a look-up: a connected socket, or why there is none.

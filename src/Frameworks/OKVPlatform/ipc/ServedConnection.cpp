@@ -33,14 +33,6 @@ std::string encodeServerHello(bool hasRoot) {
     return frame;
 }
 
-std::string encodeFarewell(std::string_view why) {
-    std::string frame;
-    beginFrame(frame, FrameKind::farewell);
-    CborWriter(frame).text(why);
-    finishFrame(frame, 0, 0);
-    return frame;
-}
-
 }  // namespace
 
 ServedConnection::ServedConnection(Publication& publication, PrivateDescriptor socket,
@@ -311,7 +303,7 @@ void ServedConnection::updateEvents() {
 void ServedConnection::end(const std::string& farewell) {
     if (publication_ == nullptr) return;
     const auto self = Ref<ServedConnection>::retaining(this);
-    if (!farewell.empty()) sendNow(encodeFarewell(farewell));
+    if (!farewell.empty()) sendNow(encodeReason(FrameKind::farewell, 0, farewell));
     if (publication_ == nullptr) return;  // that it could not be sent has ended it
     const auto publication = Ref<Publication>::retaining(publication_);
     publication_ = nullptr;
