@@ -4,6 +4,7 @@
 #include "Store.h"
 
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/ErrorText.h>
 #include <OKVPlatform/values/NumberText.h>
 
 #include <fcntl.h>
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 
@@ -63,7 +63,7 @@ void makeFolder(const std::string& folder, const std::optional<Owner>& owner) {
         errno = ENOTDIR;
     else if (errno == EEXIST && chmod(folder.c_str(), 0700) == 0)
         return;
-    throw StoreError("cannot make the folder " + folder + ": " + std::strerror(errno));
+    throw StoreError("cannot make the folder " + folder + ": " + okv::errorText(errno));
 }
 
 int shouldStop(void* stop) {
@@ -170,7 +170,7 @@ void removeOldBackups(const std::string& storeFile, std::size_t kept) {
     for (auto i = kept; i < backups.size(); ++i) {
         if (unlink(backups[i].file.c_str()) != 0 && errno != ENOENT)
             throw StoreError("cannot remove the old backup " + backups[i].file + ": " +
-                             std::strerror(errno));
+                             okv::errorText(errno));
     }
 }
 

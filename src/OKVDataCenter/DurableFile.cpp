@@ -3,6 +3,7 @@
 #include "Store.h"
 
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
+#include <OKVPlatform/values/ErrorText.h>
 #include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 namespace datacenter {
 
@@ -20,7 +20,7 @@ namespace {
 
 std::string reason(const char* what, const std::string& file) {
     const int error = errno;
-    return std::string("cannot ") + what + " " + file + ": " + std::strerror(error);
+    return std::string("cannot ") + what + " " + file + ": " + okv::errorText(error);
 }
 
 okv::PrivateDescriptor opened(const std::string& file, int flags) {

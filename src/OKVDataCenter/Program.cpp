@@ -10,6 +10,7 @@
 #include <OKVLog/OKVLog.h>
 #include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVPlatform/system/NSLog.h>
+#include <OKVPlatform/values/ErrorText.h>
 
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -21,7 +22,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
 namespace datacenter {
@@ -71,7 +71,7 @@ private:
 bool makeRuntimeDirectory(const std::string& folder, std::string& why) {
     if (mkdir(folder.c_str(), 0755) == 0) return chmod(folder.c_str(), 0755) == 0;
     if (errno == EEXIST) return true;
-    why = "cannot make the runtime folder " + folder + ": " + std::strerror(errno);
+    why = "cannot make the runtime folder " + folder + ": " + okv::errorText(errno);
     return false;
 }
 

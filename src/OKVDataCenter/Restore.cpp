@@ -1,5 +1,7 @@
 #include "Restore.h"
 
+#include <OKVPlatform/values/ErrorText.h>
+
 #include "DurableFile.h"
 #include "Store.h"
 #include "StoreGuard.h"
@@ -10,7 +12,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 namespace datacenter {
@@ -88,7 +89,7 @@ void giveToOwner(const std::string& storeFile, const std::string& copy) {
     for (const auto& file : {copy, storeFile + ".guard"}) {
         if (lchown(file.c_str(), owner->user, owner->group) != 0)
             throw StoreError("cannot give " + file +
-                             " to the store's owner: " + std::strerror(errno));
+                             " to the store's owner: " + okv::errorText(errno));
     }
 }
 

@@ -1,7 +1,8 @@
 #include "Sql.h"
 
+#include <OKVPlatform/values/ErrorText.h>
+
 #include <cerrno>
-#include <cstring>
 #include <string>
 
 namespace datacenter {
@@ -29,7 +30,7 @@ int systemError(sqlite3* database, int code) {
 std::string reason(sqlite3* database, int code) {
     const std::string text = database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(code);
     const int error = systemError(database, code);
-    return error != 0 ? text + ": " + std::strerror(error) : text;
+    return error != 0 ? text + ": " + okv::errorText(error) : text;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "StoreGuard.h"
 
+#include <OKVPlatform/values/ErrorText.h>
+
 #include "DurableFile.h"
 
 #include <fcntl.h>
@@ -10,7 +12,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <vector>
 
@@ -32,11 +33,11 @@ okv::PrivateDescriptor openGuard(const std::string& storeFile) {
 
 Store::Guard::Guard(const std::string& storeFile) : file_(openGuard(storeFile)) {
     if (file_.get() < 0)
-        throw StoreError("cannot open " + storeFile + ".guard: " + std::strerror(errno));
+        throw StoreError("cannot open " + storeFile + ".guard: " + okv::errorText(errno));
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0)
         throw StoreError(errno == EWOULDBLOCK
                              ? "the store " + storeFile + " is open in another server"
-                             : "cannot lock " + storeFile + ".guard: " + std::strerror(errno));
+                             : "cannot lock " + storeFile + ".guard: " + okv::errorText(errno));
 }
 
 // "EPOCH REVISION\n"; anything else is no mark.
@@ -45,7 +46,7 @@ Store::Guard::Mark Store::Guard::mark() const {
     const auto size = pread(file_.get(), text, sizeof text, 0);
     if (size < 0)
         throw StoreError(std::string("the mark beside the store cannot be read: ") +
-                         std::strerror(errno));
+                         okv::errorText(errno));
     const std::string_view line(text, static_cast<std::size_t>(size));
     const auto blank = line.find(' ');
     if (blank == std::string_view::npos) return {};
@@ -89,7 +90,7 @@ void moveStore(const std::string& from, const std::string& to) {
             moved.push_back(beside);
         } else if (errno != ENOENT) {
             const StoreError error("cannot set " + from + beside +
-                                   " aside: " + std::strerror(errno));
+                                   " aside: " + okv::errorText(errno));
             for (const char* one : moved) rename((to + one).c_str(), (from + one).c_str());
             throw error;
         }

@@ -1,5 +1,7 @@
 #include "Store.h"
 
+#include <OKVPlatform/values/ErrorText.h>
+
 #include "StoreGuard.h"
 #include "View.h"
 
@@ -10,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 namespace datacenter {
@@ -79,7 +80,7 @@ void makeFile(const std::string& file, const std::optional<Owner>& owner) {
         ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (made.isValid()) return giveTo(owner, made.get(), file);
     if (errno != EEXIST)
-        throw StoreError("cannot make the store " + file + ": " + std::strerror(errno));
+        throw StoreError("cannot make the store " + file + ": " + okv::errorText(errno));
 }
 
 // Throws StoreError when there is such a file and not all of it can be read.
@@ -91,7 +92,7 @@ void requireReadable(const std::string& file) {
     while (count > 0 || (count < 0 && errno == EINTR && descriptor.isValid()))
         count = ::read(descriptor.get(), bytes.data(), bytes.size());
     if (count < 0)
-        throw StoreError("the store " + file + " cannot be read: " + std::strerror(errno));
+        throw StoreError("the store " + file + " cannot be read: " + okv::errorText(errno));
 }
 
 std::string inOneLine(std::string_view text) {

@@ -4,13 +4,13 @@
 #include "ToolError.h"
 #include "ValueText.h"
 
+#include <OKVPlatform/values/ErrorText.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 #include <OKVPlatform/values/WriteAll.h>
 
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -74,7 +74,7 @@ void Output::flush() {
     broken_ = errno == EPIPE;
     if (broken_) return;
     throw ToolError(ExitCode::failure,
-                    std::string("the output cannot be written: ") + std::strerror(errno));
+                    std::string("the output cannot be written: ") + okv::errorText(errno));
 }
 
 }  // namespace okvctl

@@ -5,6 +5,7 @@
 
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 #include <OKVPlatform/values/BoundedFile.h>
+#include <OKVPlatform/values/ErrorText.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 #include <OKVPlatform/values/Unicode.h>
 #include <OKVPlatform/values/WriteAll.h>
@@ -16,14 +17,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace okvctl {
 
 namespace {
 
 [[noreturn]] void fail(const std::string& path, const char* what) {
-    throw ToolError(ExitCode::failure, path + ": " + what + std::strerror(errno));
+    throw ToolError(ExitCode::failure, path + ": " + what + okv::errorText(errno));
 }
 
 // No JSON begins so. A property list in UTF-16 begins with a byte order mark.

@@ -1,6 +1,7 @@
 #include <OKVPlatform/ipc/NotificationLogCursor.h>
 #include <OKVPlatform/ipc/NotificationLogWriter.h>
 #include <OKVPlatform/ipc/RuntimeFolder.h>
+#include <OKVPlatform/values/ErrorText.h>
 #include <OKVPlatform/values/WriteAll.h>
 
 #include <fcntl.h>
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <thread>
 
 namespace okv {
@@ -45,8 +45,8 @@ void NotificationLogWriter::fail(const std::string& what) const {
     if (reason == EACCES || reason == EPERM)
         throw NotificationError(Kind::refused, "uid " + std::to_string(geteuid()) +
                                                    " may not post notices: " + what + ": " +
-                                                   std::strerror(reason));
-    throw NotificationError(Kind::failed, what + ": " + std::strerror(reason));
+                                                   errorText(reason));
+    throw NotificationError(Kind::failed, what + ": " + errorText(reason));
 }
 
 void NotificationLogWriter::failReading(int error) const {

@@ -1,4 +1,5 @@
 #include <OKVPlatform/ipc/RegisteredName.h>
+#include <OKVPlatform/values/ErrorText.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -24,7 +25,7 @@ bool isNameCharacter(char c) {
 }
 
 std::string withReason(const std::string& what) {
-    return what + ": " + std::strerror(errno);
+    return what + ": " + errorText(errno);
 }
 
 bool ownsBuiltInFolder(uid_t uid) {

@@ -1,4 +1,5 @@
 #include <OKVPlatform/ipc/RuntimeFolder.h>
+#include <OKVPlatform/values/ErrorText.h>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -7,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 
 namespace okv {
@@ -59,7 +59,7 @@ PrivateDescriptor openRuntimeFolder(const std::string& path, bool sharedWhenStic
         [&] { return open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     struct stat status {};
     if (!folder.isValid() || fstat(folder.get(), &status) != 0) {
-        why = "the runtime folder " + path + ": " + std::strerror(errno);
+        why = "the runtime folder " + path + ": " + errorText(errno);
         return {};
     }
     const auto objection = objectionTo(status, sharedWhenSticky);

@@ -1,5 +1,6 @@
 #include <OKVPlatform/process/Children.h>
 #include <OKVPlatform/process/Task.h>
+#include <OKVPlatform/values/ErrorText.h>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 namespace okv {
@@ -39,7 +39,7 @@ private:
 };
 
 [[noreturn]] void fail(const std::string& what, int error) {
-    throw TaskError("okv::Task: " + what + ": " + std::strerror(error), error);
+    throw TaskError("okv::Task: " + what + ": " + errorText(error), error);
 }
 
 // In a process that runs without one of its standard descriptors, the pipe must not take its place.
