@@ -225,6 +225,21 @@ TEST(Task, CanBeLaunchedByAForkedChildWhateverOtherThreadsWereLaunching) {
                                                  [&] { runShell("true", folder); }));
 }
 
+TEST(Task, OfItsParentDoesNotConcernAForkedChild) {
+    const TempFolder folder;
+    const auto before = processtest::openDescriptors();
+    auto task = shell("exec sleep 600", folder);
+    task.pipeStandardError();
+    task.launch();
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_EQ(processtest::openDescriptors(), before) << "the pipe is the parent's";
+        task.waitUntilExit();
+    }));
+    kill(task.processIdentifier(), SIGKILL);
+    task.waitUntilExit();
+    EXPECT_EQ(processtest::openDescriptors(), before);
+}
+
 TEST(Task, ReapsNoChildOfAnothers) {
     const TempFolder folder;
     const pid_t other = fork();

@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 namespace okv {
@@ -14,8 +13,7 @@ namespace {
 
 void reap(Task::Child& child) noexcept {
     if (child.isReaped || child.waiters > 0) return;
-    // Not our child any more (a fork's copy of the registry, or reaped by the application's own
-    // code): then there is nothing to reap.
+    // Not our child any more (reaped by the application's own code): then there is nothing to reap.
     child.isReaped = waitpid(child.pid, nullptr, WNOHANG) != 0;
 }
 
@@ -43,17 +41,18 @@ void blockUntilEnded(pid_t pid) noexcept {
 }  // namespace
 
 Children& Children::shared() {
-    static constinit LastingOnDemand<Children> children;
+    static constinit OnDemand<Children> children;
     return children.get();
 }
 
 std::shared_ptr<Task::Child> Children::launch(const std::function<Task::Child()>& spawn) {
-    auto child = std::make_shared<Task::Child>();
+    std::list launched{std::make_shared<Task::Child>()};
+    reapFinished();
+    // Under no lock: it waits until the new process has its program, and a fork would wait for it.
+    *launched.front() = spawn();
+    auto child = launched.front();
     const std::lock_guard lock(mutex_);
-    reapAllLocked();
-    children_.reserve(children_.size() + 1);
-    *child = spawn();
-    children_.push_back(child);
+    children_.splice(children_.end(), launched);
     return child;
 }
 
@@ -79,7 +78,27 @@ void Children::reapAllLocked() {
         reap(*child);
         closePipeWithoutWriters(*child);
     }
-    children_.erase(std::remove_if(children_.begin(), children_.end(), isDone), children_.end());
+    children_.remove_if(isDone);
+}
+
+void Children::holdForFork(void* self) {
+    static_cast<Children*>(self)->mutex_.lock();
+}
+
+void Children::freeInParent(void* self) {
+    static_cast<Children*>(self)->mutex_.unlock();
+}
+
+// They are the parent's to wait for. An identifier may come back as that of a child of our own.
+void Children::forgetInChild(void* self) {
+    auto& children = *static_cast<Children*>(self);
+    for (const auto& child : children.children_) {
+        if (child->errorPipe >= 0) close(child->errorPipe);
+        child->errorPipe = -1;
+        child->isReaped = true;
+    }
+    children.children_.clear();
+    children.mutex_.unlock();
 }
 
 }  // namespace okv

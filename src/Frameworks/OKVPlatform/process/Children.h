@@ -1,13 +1,14 @@
 #pragma once
 
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/process/Task.h>
+#include <OKVPlatform/values/ForkGuard.h>
 
 #include <sys/types.h>
 
 #include <functional>
+#include <list>
 #include <memory>
-#include <vector>
+#include <mutex>
 
 namespace okv {
 
@@ -20,8 +21,8 @@ struct Task::Child {
     bool isReaped = false;
 };
 
-/// Every child that a Task launched and that still needs care: reaping, or its pipe closed. Not
-/// installed: Task's own.
+/// Every child that a Task launched and that still needs care: reaping, or its pipe closed. A
+/// forked process begins with none. Not installed: Task's own.
 class Children {
 public:
     /// The process's one registry; never destroyed, since threads may outlive `main`.
@@ -33,10 +34,14 @@ public:
     void reapFinished();
 
 private:
+    static void holdForFork(void* self);
+    static void freeInParent(void* self);
+    static void forgetInChild(void* self);
     void reapAllLocked();
 
-    ForkMutex mutex_;
-    std::vector<std::shared_ptr<Task::Child>> children_;
+    std::mutex mutex_;
+    std::list<std::shared_ptr<Task::Child>> children_;
+    ForkGuard guard_{this, {&holdForFork, &freeInParent, &forgetInChild}};
 };
 
 }  // namespace okv
