@@ -3,10 +3,10 @@
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/ipc/Connection.h>
 #include <OKVPlatform/ipc/DistributedNotificationCenter.h>
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
 #include <OKVPlatform/ipc/Protocol.h>
 #include <OKVPlatform/values/AtomicRef.h>
+#include <OKVPlatform/values/ForkGuard.h>
 #include <OKVPlatform/values/Value.h>
 
 #include <atomic>

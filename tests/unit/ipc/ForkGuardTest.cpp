@@ -1,7 +1,7 @@
 #include "PublicationFixture.h"
 
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/NotificationCenter.h>
+#include <OKVPlatform/values/ForkGuard.h>
 
 // What a forked child finds of that in which the parent's other threads were busy.
 

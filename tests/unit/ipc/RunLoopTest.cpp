@@ -1,3 +1,5 @@
+#include "support/ForkedChild.h"
+
 #include <OKVPlatform/ipc/RunLoop.h>
 
 #include <gmock/gmock.h>
@@ -7,7 +9,7 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/wait.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -395,17 +397,39 @@ TEST_F(RunLoopTest, WhatAForgottenTaskHeldMayComeBackToTheLoopWhenItEnds) {
 
 TEST_F(RunLoopTest, AForkedChildHasANewLoopAndTheParentKeepsItsTasks) {
     loop().perform(noting(1));
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool isNew = RunLoop::current() != loop_;
-        const bool isIdle = !RunLoop::current()->runUntil(in(milliseconds(5))) && order_.empty();
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_NE(RunLoop::current(), loop_);
+        EXPECT_FALSE(RunLoop::current()->runUntil(in(milliseconds(5))));
+        EXPECT_THAT(order_, ElementsAre());
         RunLoop::current()->stop();
         RunLoop::current()->run();
-        _exit(isNew && isIdle ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    }));
     loop().dispatch();
     EXPECT_THAT(order_, ElementsAre(1));
+}
+
+TEST_F(RunLoopTest, OfTheParentDoesNothingInAForkedChild) {
+    const auto owner = okv::make<Owner>(loop());
+    const int counter = eventfd(0, EFD_CLOEXEC);
+    const auto watched = loop().watch(counter, EPOLLIN, [](std::uint32_t) {});
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        loop().perform(noting(1), owner.get());
+        EXPECT_EQ(loop().performAfter(milliseconds(0), noting(1)), 0U);
+        EXPECT_EQ(loop().watch(counter, EPOLLIN, [](std::uint32_t) {}), 0U);
+        EXPECT_TRUE(loop().rewatch(watched, 0));
+        EXPECT_TRUE(loop().rearm(watched));
+        loop().unwatch(watched);
+        loop().forget(owner.get());
+        loop().dispatch();
+        EXPECT_FALSE(loop().runUntil(in(std::chrono::hours(1))));
+        loop().run();
+        EXPECT_THAT(order_, ElementsAre());
+    }));
+    loop().unwatch(watched);
+    close(counter);
+}
+
+TEST_F(RunLoopTest, CanBeGivenTasksInAForkedChildWhateverOtherThreadsWereGiving) {
+    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { loop().perform([] {}); },
+                                                 [&] { loop().perform([] {}); }));
 }

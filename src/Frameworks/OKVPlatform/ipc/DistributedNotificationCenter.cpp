@@ -16,7 +16,7 @@ public:
     State(std::string folder, const NotificationLogWriter::Options& options, State* inherited)
         : folder_(folder), writer_(std::move(folder), options), inherited_(inherited) {}
 
-    bool isOurs() const noexcept { return generation_ == PrivateDescriptor::forkGeneration(); }
+    bool isOurs() const noexcept { return generation_ == forkGeneration(); }
 
     NotificationLogWriter& writer() noexcept { return writer_; }
 
@@ -35,7 +35,7 @@ private:
     Ref<NotificationFeed> feedOf(const Ref<RunLoop>& loop);
     void forget(const RunLoop* loop);
 
-    const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
+    const std::uint32_t generation_ = forkGeneration();
     const std::string folder_;
     NotificationLogWriter writer_;
     [[maybe_unused]] State* const inherited_;  // the parent's: kept in reach, never used
@@ -104,7 +104,7 @@ void DistributedNotificationCenter::State::forgetAll() {
 }
 
 DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
-    static constinit LastingOnDemand<DistributedNotificationCenter> center;
+    static constinit OnDemand<DistributedNotificationCenter> center;
     return center.get(
         [] { return std::make_unique<DistributedNotificationCenter>(runtimeDirectory()); });
 }

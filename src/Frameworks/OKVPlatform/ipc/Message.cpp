@@ -1,5 +1,5 @@
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/Protocol.h>
+#include <OKVPlatform/values/ForkGuard.h>
 #include <OKVPlatform/values/Lasting.h>
 
 #include <mutex>
@@ -25,7 +25,7 @@ struct Exports {
 };
 
 Exports& exports() {
-    static constinit LastingOnDemand<Exports> all;
+    static constinit OnDemand<Exports> all;
     return all.get();
 }
 

@@ -7,7 +7,7 @@
 namespace okv {
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    static constinit LastingOnDemand<NotificationCenter> center;
+    static constinit OnDemand<NotificationCenter> center;
     return center.get();
 }
 

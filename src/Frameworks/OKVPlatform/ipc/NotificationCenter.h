@@ -1,7 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
-#include <OKVPlatform/ipc/ForkGuard.h>
+#include <OKVPlatform/values/ForkGuard.h>
 #include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/Value.h>
 

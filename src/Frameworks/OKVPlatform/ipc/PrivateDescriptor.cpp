@@ -1,11 +1,9 @@
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/ipc/PrivateDescriptor.h>
 #include <OKVPlatform/values/Lasting.h>
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -14,8 +12,6 @@
 namespace okv {
 
 namespace {
-
-std::atomic<std::uint32_t> generation{0};
 
 // What a child must close. Both mutexes are held across fork, in their order here, so that the
 // child finds a whole list: with what is being opened just then, too.
@@ -37,13 +33,12 @@ struct Registry {
         auto& open = static_cast<Registry*>(self)->open;
         for (const int fd : open) ::close(fd);
         open.clear();
-        generation.fetch_add(1, std::memory_order_relaxed);
         unlock(self);
     }
 };
 
 Registry& registry() {
-    static constinit LastingOnDemand<Registry> descriptors;
+    static constinit OnDemand<Registry> descriptors;
     return descriptors.get();
 }
 
@@ -89,10 +84,6 @@ void PrivateDescriptor::close() noexcept {
         ::close(fd_);
     }
     fd_ = -1;
-}
-
-std::uint32_t PrivateDescriptor::forkGeneration() noexcept {
-    return generation.load(std::memory_order_relaxed);
 }
 
 }  // namespace okv

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <OKVPlatform/Export.h>
+#include <OKVPlatform/values/ForkGuard.h>
 
 #include <cstdint>
 
@@ -34,9 +35,6 @@ public:
     bool isValid() const noexcept { return fd_ >= 0 && generation_ == forkGeneration(); }
     /// Closes it; does nothing where it is none.
     void close() noexcept;
-
-    /// Counts the forks that lie between the first process and this one.
-    static std::uint32_t forkGeneration() noexcept;
 
 private:
     /// Keeps forks of other threads waiting as long as it lives.

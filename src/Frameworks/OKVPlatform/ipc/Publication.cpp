@@ -165,7 +165,7 @@ void Publication::stopAccepting() {
 }
 
 void Publication::invalidate() {
-    if (generation_ != PrivateDescriptor::forkGeneration()) return;
+    if (generation_ != forkGeneration()) return;
     stopAccepting();
     loop_->forget(this);
     closeConnections();

@@ -150,7 +150,7 @@ private:
     const Ref<RunLoop> loop_;
     RunLoop::Id source_ = 0;
     PublicationDelegate* delegate_ = nullptr;
-    const std::uint32_t generation_ = PrivateDescriptor::forkGeneration();
+    const std::uint32_t generation_ = forkGeneration();
     double requestTimeout_ = 0;
     double replyTimeout_ = 0;
     std::unordered_map<ServedConnection*, Ref<ServedConnection>> connections_;

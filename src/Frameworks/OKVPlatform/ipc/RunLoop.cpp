@@ -65,9 +65,9 @@ RunLoop::RunLoop()
 }
 
 Ref<RunLoop> RunLoop::current() {
-    if (!currentLoop || currentGeneration != PrivateDescriptor::forkGeneration()) {
+    if (!currentLoop || currentGeneration != forkGeneration()) {
         currentLoop = make<RunLoop>();
-        currentGeneration = PrivateDescriptor::forkGeneration();
+        currentGeneration = forkGeneration();
         loopOfThread = currentLoop.get();
     }
     return currentLoop;
@@ -87,13 +87,13 @@ bool RunLoop::isCurrent() const noexcept {
 
 void RunLoop::run() {
     engage();
-    while (!stopped_.exchange(false)) turn(-1);
+    while (isOurs() && !stopped_.exchange(false)) turn(-1);
 }
 
 bool RunLoop::runUntil(Clock::time_point deadline) {
     engage();
     while (!stopped_.exchange(false)) {
-        if (Clock::now() >= deadline) return false;
+        if (!isOurs() || Clock::now() >= deadline) return false;
         turn(millisecondsUntil(deadline));
     }
     return true;
@@ -121,6 +121,7 @@ void RunLoop::dispatch() {
 
 RunLoop::Id RunLoop::watch(int descriptor, std::uint32_t events, Handler handler,
                            const Object* owner) {
+    if (!isOurs()) return 0;
     auto source = std::make_shared<Source>(Source{descriptor, events, std::move(handler), owner});
     const std::lock_guard lock(mutex_);
     const auto id = ++lastId_;
@@ -134,6 +135,7 @@ RunLoop::Id RunLoop::watch(int descriptor, std::uint32_t events, Handler handler
 }
 
 bool RunLoop::rewatch(Id id, std::uint32_t events) {
+    if (!isOurs()) return true;
     const std::lock_guard lock(mutex_);
     const auto found = sources_.find(id);
     if (found == sources_.end() || found->second->events == events) return true;
@@ -148,6 +150,7 @@ bool RunLoop::rewatch(Id id, std::uint32_t events) {
 }
 
 bool RunLoop::rearm(Id id) {
+    if (!isOurs()) return true;
     const std::lock_guard lock(mutex_);
     const auto found = sources_.find(id);
     if (found == sources_.end() || found->second->events == 0) return true;
@@ -156,6 +159,7 @@ bool RunLoop::rearm(Id id) {
 }
 
 void RunLoop::unwatch(Id id) {
+    if (!isOurs()) return;
     std::shared_ptr<Source>
         dropped;  // its handler may own things: destroyed after the lock is given back
     const std::lock_guard lock(mutex_);
@@ -167,6 +171,7 @@ void RunLoop::unwatch(Id id) {
 }
 
 void RunLoop::perform(Task task, const Object* owner) {
+    if (!isOurs()) return;
     {
         const std::lock_guard lock(mutex_);
         tasks_.push_back({0, std::move(task), owner});
@@ -176,6 +181,7 @@ void RunLoop::perform(Task task, const Object* owner) {
 }
 
 RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object* owner) {
+    if (!isOurs()) return 0;
     const std::lock_guard lock(mutex_);
     const auto id = ++lastId_;
     timers_.emplace(Clock::now() + delay, OwnedTask{id, std::move(task), owner});
@@ -184,6 +190,7 @@ RunLoop::Id RunLoop::performAfter(Clock::duration delay, Task task, const Object
 }
 
 void RunLoop::cancel(Id timer) {
+    if (!isOurs()) return;
     Task dropped;
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(timers_.begin(), timers_.end(),
@@ -196,6 +203,7 @@ void RunLoop::cancel(Id timer) {
 
 // It belongs in destructors and must not fail: what is dropped moves over without an allocation.
 void RunLoop::forget(const Object* owner) noexcept {
+    if (!isOurs()) return;
     // Destroyed after the lock is given back: what they hold may end with them and come here again.
     std::shared_ptr<Source> droppedSources;
     std::list<OwnedTask> droppedTasks;

@@ -29,7 +29,8 @@ namespace okv {
 ///
 /// Threads: `stop`, `perform`, and watching may be called from any thread; the rest belongs to the
 /// loop's own. Handlers run on the loop's thread and under no lock. In a forked child `current()`
-/// is a new loop.
+/// is a new loop, and one of the parent's does nothing: it watches nothing, drops every task, and
+/// returns from `run()` and `runUntil()` at once.
 class OKV_EXPORT RunLoop final : public Object {
 public:
     using Clock = std::chrono::steady_clock;
@@ -111,9 +112,11 @@ private:
     std::size_t taskCount();
     void serveTimers();
     void setTimer();
+    bool isOurs() const noexcept { return generation_ == forkGeneration(); }
     void engage() noexcept { engaged_.store(true, std::memory_order_release); }
     int millisecondsUntil(Clock::time_point deadline) const;
 
+    const std::uint32_t generation_ = forkGeneration();
     PrivateDescriptor epoll_;
     PrivateDescriptor wake_;
     PrivateDescriptor timerDescriptor_;

@@ -1,10 +1,11 @@
-#include <OKVPlatform/ipc/ForkGuard.h>
+#include <OKVPlatform/values/ForkGuard.h>
 
 #include <OKVPlatform/values/Lasting.h>
 
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <vector>
 
 namespace okv {
@@ -21,7 +22,7 @@ struct Guards {
     std::mutex mutex;
     std::vector<Guard> all;
 
-    void take(ForkGuard::Step ForkGuard::Steps::*step) {
+    void take(ForkGuard::Step ForkGuard::Steps::*step) const {
         for (const auto& guard : all) {
             if (const auto taken = guard.steps.*step; taken != nullptr) taken(guard.what);
         }
@@ -29,8 +30,10 @@ struct Guards {
 };
 
 constinit Lasting<Guards> guards;
+constinit std::atomic<std::uint32_t> generation{0};
 
-// With the library: what the first guard registers could come too late for a fork meanwhile.
+// Registered while the library is loaded: a fork may be under way when the first guard comes. Where
+// there is no memory for it, forks take no steps, and nothing else is lost.
 [[maybe_unused]] const int guarded = pthread_atfork(
     [] {
         guards->mutex.lock();
@@ -41,11 +44,16 @@ constinit Lasting<Guards> guards;
         guards->mutex.unlock();
     },
     [] {
+        generation.fetch_add(1, std::memory_order_relaxed);
         guards->take(&ForkGuard::Steps::inChild);
         guards->mutex.unlock();
     });
 
 }  // namespace
+
+std::uint32_t forkGeneration() noexcept {
+    return generation.load(std::memory_order_relaxed);
+}
 
 ForkGuard::ForkGuard(void* what, Steps steps) {
     const std::lock_guard lock(guards->mutex);

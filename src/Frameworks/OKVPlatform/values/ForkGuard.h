@@ -2,9 +2,14 @@
 
 #include <OKVPlatform/Export.h>
 
+#include <cstdint>
 #include <mutex>
 
 namespace okv {
+
+/// How many forks lie between the first process that loaded this library and this one: what was
+/// made in another generation belongs to a parent. Any thread.
+OKV_EXPORT std::uint32_t forkGeneration() noexcept;
 
 /// Keeps something whole over a fork. In the child the parent's other threads are gone, in the
 /// middle of whatever they did: what they had locked would stay so for ever.
