@@ -66,7 +66,7 @@ constexpr std::string_view kMainteFileName = "jp.nrm.okv6.mainte.plist";
 constexpr int kDefaultLogLevel = 10;
 
 std::string& otherMainteFile() {
-    static constinit okv::LastingOnDemand<std::string> path;
+    static constinit okv::OnDemand<std::string> path;
     return path.get();
 }
 

@@ -33,7 +33,7 @@ struct Monitor {
 };
 
 std::recursive_mutex& classMonitor() {
-    static constinit okv::LastingOnDemand<Monitor> monitor;
+    static constinit okv::OnDemand<Monitor> monitor;
     return monitor.get().mutexes.front();
 }
 

@@ -1,8 +1,8 @@
 #include <OKVLog/Journal.h>
 #include <OKVLog/OKVLog.h>
-#include <OKVPlatform/ipc/ForkGuard.h>
 #include <OKVPlatform/system/NSLog.h>
 #include <OKVPlatform/system/SinkSlot.h>
+#include <OKVPlatform/values/ForkGuard.h>
 #include <OKVPlatform/values/Lasting.h>
 
 #include <dlfcn.h>
@@ -33,10 +33,12 @@ okv::SendToJournal openJournalLibrary() {
 // double the start time of every process, also of those that never log. A fork waits meanwhile:
 // its child would find the half of a library.
 okv::SendToJournal journalFunction() {
-    static constinit okv::LastingOnDemand<okv::ForkMutex> loading;
-    static constinit okv::LastingOnDemand<okv::SendToJournal> function;
-    const std::lock_guard lock(loading.get());
-    return function.get([] { return std::make_unique<okv::SendToJournal>(openJournalLibrary()); });
+    static constinit okv::OnDemand<okv::ForkMutex> loading;
+    static constinit okv::OnDemand<okv::SendToJournal> function;
+    return function.get([] {
+        const std::lock_guard lock(loading.get());
+        return std::make_unique<okv::SendToJournal>(openJournalLibrary());
+    });
 }
 
 iovec field(std::string& text) {

@@ -1,6 +1,5 @@
 #include <OKVPlatform/system/Bundle.h>
 
-#include <OKVPlatform/values/Lasting.h>
 #include <OKVPlatform/values/PropertyListFile.h>
 
 #include <algorithm>
@@ -65,7 +64,7 @@ Ref<Bundle> Bundle::open(std::string_view path) {
 }
 
 Ref<Bundle> Bundle::mainBundle() {
-    static constinit LastingOnDemand<Ref<Bundle>> bundle;
+    static constinit OnDemand<Ref<Bundle>> bundle;
     return bundle.get([] {
         std::error_code failed;
         const auto executable = std::filesystem::read_symlink("/proc/self/exe", failed);
@@ -101,17 +100,18 @@ void Bundle::readInfo() {
         infoError_ = list ? "Info.plist is not a dictionary" : std::move(list.error);
 }
 
-void Bundle::readTables() const {
+std::unique_ptr<Bundle::Tables> Bundle::readTables() const {
+    auto tables = std::make_unique<Tables>();
     for (const auto& language : languages_) {
         auto loaded = StringsTable::load(path_ + "/Contents/Resources/" + language +
                                          ".lproj/Localizable.strings");
-        if (loaded) tables_.push_back(std::move(*loaded.table));
+        if (loaded) tables->push_back(std::move(*loaded.table));
     }
+    return tables;
 }
 
 std::string Bundle::localizedString(std::string_view key) const {
-    std::call_once(tablesOnce_, [this] { readTables(); });
-    for (const auto& table : tables_)
+    for (const auto& table : tables_.get([this] { return readTables(); }))
         if (const auto* text = table.find(key)) return *text;
     return std::string(key);
 }

@@ -2,11 +2,12 @@
 
 #include <OKVPlatform/Export.h>
 #include <OKVPlatform/values/Dictionary.h>
+#include <OKVPlatform/values/Lasting.h>
 #include <OKVPlatform/values/Object.h>
 #include <OKVPlatform/values/StringsTable.h>
 
 #include <cstddef>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,17 +46,17 @@ public:
 private:
     friend Ref<Bundle> make<Bundle>(std::string&&);
     explicit Bundle(std::string path);
-    ~Bundle() override = default;
+    ~Bundle() override { tables_.destroy(); }
 
+    using Tables = std::vector<StringsTable>;
     void readInfo();
-    void readTables() const;
+    std::unique_ptr<Tables> readTables() const;
 
     std::string path_;
     Dictionary info_;
     std::string infoError_;
     std::vector<std::string> languages_;
-    mutable std::once_flag tablesOnce_;
-    mutable std::vector<StringsTable> tables_;
+    mutable OnDemand<Tables> tables_;
 };
 
 /// What is read of an Info.plist at most: who lists processes reads the files of many strangers.

@@ -17,8 +17,8 @@ void letGo() {
     zoneMutex.unlock();
 }
 
-// With the library: what the first call registers could come too late for a fork meanwhile. Without
-// memory for it forks do not wait, and nothing else is lost.
+// Registered as in ForkGuard.cpp; no guard itself, for making one needs memory, and these functions
+// do not fail.
 [[maybe_unused]] const int registered = pthread_atfork(&hold, &letGo, &letGo);
 
 }  // namespace

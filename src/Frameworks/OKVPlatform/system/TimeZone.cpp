@@ -115,8 +115,7 @@ std::string readLaterRule(const std::string& name) {
     return last;
 }
 
-// Read once, for as long as the thread asks for one zone only. (No lock that a fork could leave
-// locked.)
+// Read once, for as long as the thread asks for one zone only.
 const std::string& laterRuleOf(const date::time_zone* zone, const std::string& name) {
     thread_local std::pair<const date::time_zone*, std::string> last;
     if (last.first != zone) last = {zone, readLaterRule(name)};

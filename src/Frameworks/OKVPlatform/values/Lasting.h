@@ -5,8 +5,8 @@
 
 namespace okv {
 
-// What a process has one of, until its very end: threads and static destructors use it while the
-// process ends. Neither kind is a local static object: who makes one holds a lock meanwhile, and a
+// For what a process has one of, until its very end: threads and static destructors use it while
+// the process ends. A local static object would not do: who makes one holds a lock meanwhile, and a
 // child forked just then would wait for ever for a thread that it does not have.
 
 /// There from the start, without memory too. To be declared `constinit`, outside functions.
@@ -27,10 +27,11 @@ private:
     };
 };
 
-/// Made by the first who asks for it. Of several that ask at once each makes one, and all but one
-/// of these go again: making it must change nothing else. To be declared `constinit`. Any thread.
+/// Made by the first who asks for it, and never destroyed, unless its holder does it. Of several
+/// that ask at once each makes one, and all but one of these go again: making it must change
+/// nothing else. To be declared `constinit` where it is static. Any thread.
 template <class T>
-class LastingOnDemand {
+class OnDemand {
 public:
     /// The object; where there is none yet, what `make` answers (a `std::unique_ptr<T>`).
     template <class Make>
@@ -46,6 +47,8 @@ public:
     T& get() {
         return get([] { return std::make_unique<T>(); });
     }
+    /// For a holder that ends itself: nobody may have the object any more.
+    void destroy() noexcept { delete object_.exchange(nullptr); }
 
 private:
     std::atomic<T*> object_{nullptr};
