@@ -1,11 +1,16 @@
 #pragma once
 
+#include "Patience.h"
+
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <thread>
@@ -15,24 +20,36 @@
 /// What a forked child can do with what it found of its parent.
 namespace support {
 
+/// Whether a child of this process ends with 0, and soon; else it is killed.
+inline bool endsWell(pid_t child) {
+    const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0U));
+    pollfd look{handle, POLLIN, 0};
+    for (Patience patience(std::chrono::seconds(60)); poll(&look, 1, 1000) == 0;) {
+        if (!patience.isLeft()) kill(child, SIGKILL);
+    }
+    close(handle);
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
+
 /// Whether the task, in a child of its own, met no failure and answered true, where it answers.
 template <class Task>
 bool succeedsInAChild(Task task) {
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        bool isDone = true;
+    const auto isDone = [&]() noexcept {  // what it throws must not go up into the parent's tests
         if constexpr (std::is_void_v<std::invoke_result_t<Task>>) {
             task();
+            return true;
         } else {
-            isDone = task();
+            return task();
         }
-        std::fflush(nullptr);
-        _exit(isDone && !testing::Test::HasFailure() ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return child > 0 && status == 0;
+    };
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0) return false;
+    if (child > 0) return endsWell(child);
+    const bool succeeded = isDone() && !testing::Test::HasFailure();
+    std::fflush(nullptr);
+    _exit(succeeded ? 0 : 1);
 }
 
 /// Whether the task succeeds in so many children one after the other, all forked while two other
@@ -47,12 +64,7 @@ bool succeedsInChildrenWhile(const std::function<void()>& busy, Task task, int c
         });
     }
     bool succeeded = true;
-    for (int i = 0; i < children && succeeded; ++i) {
-        succeeded = succeedsInAChild([&] {
-            alarm(30);
-            return task();
-        });
-    }
+    for (int i = 0; i < children && succeeded; ++i) succeeded = succeedsInAChild(task);
     stop = true;
     for (auto& thread : threads) thread.join();
     return succeeded;

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
