@@ -31,7 +31,7 @@ okv::SendToJournal openJournalLibrary() {
 
 // The journal's library is loaded by the first text that is written: linked, it would nearly
 // double the start time of every process, also of those that never log. A fork waits meanwhile:
-// its child would find the half of a library.
+// its child would find the half of a library. (It does not wait for the loader's own lock.)
 okv::SendToJournal journalFunction() {
     static constinit okv::OnDemand<okv::ForkMutex> loading;
     static constinit okv::OnDemand<okv::SendToJournal> function;
