@@ -22,7 +22,7 @@ using nlohmann::json;
 
 constexpr bench::Rounds kBusy{31, 1000};
 constexpr bench::Rounds kPausing{9, 60, std::chrono::milliseconds(1)};
-constexpr int kThroughputRounds = 7;
+constexpr int kThroughputRounds = 21;
 constexpr int kClients = 8;
 
 struct Everyone {
