@@ -24,10 +24,11 @@ namespace support {
 inline bool endsWell(pid_t child) {
     const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0U));
     pollfd look{handle, POLLIN, 0};
-    for (Patience patience(std::chrono::seconds(60)); poll(&look, 1, 1000) == 0;) {
+    Patience patience(std::chrono::seconds(60));
+    while (handle >= 0 && poll(&look, 1, 1000) == 0) {
         if (!patience.isLeft()) kill(child, SIGKILL);
     }
-    close(handle);
+    if (handle >= 0) close(handle);
     int status = -1;
     return waitpid(child, &status, 0) == child && status == 0;
 }

@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include "support/ForkedChild.h"
+
 #include <OKVPlatform/ipc/RegisteredName.h>
 #include <OKVTesting/RuntimeFolder.h>
 #include <OKVTesting/ServiceThread.h>
@@ -23,16 +25,6 @@ using okv::Value;
 namespace {
 
 constexpr char kName[] = "jp.nrm.test.forking";
-
-// Runs the body in a forked child that touches nothing of the test's own; its exit code.
-template <class Body>
-int inChild(Body body) {
-    const auto pid = fork();
-    if (pid == 0) _exit(body() ? 0 : 1);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
 
 /// A pipe that a child holds open until it ends, or until it is told to go on.
 struct Pipe {
@@ -76,7 +68,7 @@ TEST(AForkedChild, OfAProcessWhoseThreadsAreCallingDisturbsNoneOfThem) {
     }
     for (int i = 0; i < rounds(50); ++i) {
         const auto before = answered.load();
-        EXPECT_EQ(inChild([&] { return !held->isValid(); }), 0);
+        EXPECT_TRUE(support::succeedsInAChild([&] { return !held->isValid(); }));
         while (answered < before + 20) std::this_thread::yield();
     }
     stop = true;
@@ -93,16 +85,14 @@ TEST(AForkedChild, HasInvalidOnesAndTheParentsPublicationAndConnectionWorkOn) {
     std::string why;
     auto mine = okv::Publication::publish(kName, {}, {}, why);
     ASSERT_TRUE(mine) << why;
-    EXPECT_EQ(inChild([&] {
-                  const bool invalid = !held->isValid() && !mine->isValid();
-                  const bool throws =
-                      failureOf([&] { get(*root, "k"); }) == ConnectionError::Kind::notSent;
-                  held->invalidate();
-                  mine->invalidate();
-                  mine = nullptr;
-                  return invalid && throws;
-              }),
-              0);
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_FALSE(held->isValid());
+        EXPECT_FALSE(mine->isValid());
+        EXPECT_EQ(failureOf([&] { get(*root, "k"); }), ConnectionError::Kind::notSent);
+        held->invalidate();
+        mine->invalidate();
+        mine = nullptr;
+    }));
     EXPECT_TRUE(set(*root, "k", 1));
     EXPECT_TRUE(mine->isValid());
     EXPECT_EQ(okv::connectToName(kName).peer.pid, getpid());

@@ -1,11 +1,11 @@
 #include "Support.h"
 
 #include "support/Files.h"
+#include "support/ForkedChild.h"
 #include "unit/okvCmnUtil/PrivateRoot.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
 
 #include <csignal>
 #include <thread>
@@ -118,12 +118,5 @@ TEST(AReload, TakesTheLogLevelThatIsSetNow) {
     if (geteuid() != 0) GTEST_SKIP() << "a root of its own takes root";
     if (access("/run/systemd/journal/socket", F_OK) == 0)
         GTEST_SKIP() << "the journal has the lines";
-    const auto child = fork();
-    if (child == 0) {
-        reloadUnderTwoLevels();
-        _exit(HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(support::succeedsInAChild(&reloadUnderTwoLevels));
 }

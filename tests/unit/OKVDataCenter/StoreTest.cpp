@@ -3,9 +3,9 @@
 #include "View.h"
 
 #include "support/Files.h"
+#include "support/ForkedChild.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -264,15 +264,11 @@ TEST(Store, AnOlderCopyThatIsPutBackAfterACrashIsAnotherEpoch) {
     makeStore(folder / "s");
     const auto backup = bytesOf(folder / "s");
     const auto epoch = Store(folder / "s", Limits()).epoch();
-    const pid_t child = fork();
-    if (child == 0) {
-        Store store(folder / "s", Limits());
+    ASSERT_TRUE(support::succeedsInAChild([&] {
+        // Never closed.
+        auto& store = *new Store(folder / "s", Limits());
         recordChange(store);
-        _exit(0);  // the store is not closed
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(status, 0);
+    }));
     for (const char* beside : {"s-wal", "s-shm"}) std::filesystem::remove(folder / beside);
     write(folder / "s", backup);
     EXPECT_NE(Store(folder / "s", Limits()).epoch(), epoch);

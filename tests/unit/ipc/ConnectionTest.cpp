@@ -1,6 +1,7 @@
 #include "ConnectionFixture.h"
 
-#include <sys/wait.h>
+#include "support/ForkedChild.h"
+
 #include <unistd.h>
 
 #include <atomic>
@@ -234,20 +235,16 @@ TEST_F(ConnectionTest, EightThreadsGetTheirOwnAnswers) {
 }
 
 TEST_F(ConnectionTest, AForkedChildHasNoConnectionAndTheParentKeepsItsOwn) {
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool invalid = !connection_->isValid();
-        const bool throws =
-            failureOf([&] { okv::send<&Desk::nothing>(*root_); }) == ConnectionError::Kind::notSent;
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_FALSE(connection_->isValid());
+        EXPECT_EQ(failureOf([&] { okv::send<&Desk::nothing>(*root_); }),
+                  ConnectionError::Kind::notSent);
         root_ = nullptr;
         connection_ = nullptr;
         const auto anew = Connection::connectionWithRegisteredName(kName);
-        const bool works = anew && okv::send<&Desk::sum_with>(*anew->rootProxy(), 1, 2) == 3;
-        _exit(invalid && throws && works ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+        ASSERT_TRUE(anew);
+        EXPECT_EQ(okv::send<&Desk::sum_with>(*anew->rootProxy(), 1, 2), 3);
+    }));
     EXPECT_EQ(okv::send<&Desk::sum_with>(*root_, 1, 2), 3);
     EXPECT_TRUE(connection_->isValid());
 }

@@ -1,9 +1,9 @@
 #include "DistributedCenterFixture.h"
 
+#include "support/ForkedChild.h"
 #include "support/Sanitizers.h"
 
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -99,20 +99,16 @@ TEST_F(DistributedCenter, ObserversMayGoOnAnyThreadWhileNoticesArrive) {
 TEST_F(DistributedCenter, AForkedChildStartsAnewAndTouchesNothingOfItsParents) {
     const auto observer = listener();
     observer->observe("a");
-    const pid_t child = fork();
-    if (child == 0) {
+    EXPECT_TRUE(support::succeedsInAChild([&] {
         const auto own = listener();
         own->observe("b");
         center_.post("b", {}, 1);
-        const bool heard = hears(own, 1);
+        EXPECT_TRUE(hears(own, 1));
         center_.post("a", {}, 2);
         center_.post("b", {}, 3);
-        const bool both = hears(own, 2);
-        _exit(heard && both && observer->numbers.empty() ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        EXPECT_TRUE(hears(own, 2));
+        EXPECT_EQ(observer->numbers, Numbers());
+    }));
     center_.post("a", {}, 4);
     ASSERT_TRUE(hears(observer, 2));
     EXPECT_EQ(observer->numbers, (Numbers{2, 4}));

@@ -1,3 +1,4 @@
+#include "support/ForkedChild.h"
 #include "support/Processes.h"
 
 #include <OKVPlatform/ipc/RegisteredName.h>
@@ -75,11 +76,8 @@ protected:
     }
     /// Whether a child of that account reaches the name.
     static bool isReachableFor(uid_t uid) {
-        const pid_t child = fork();
-        if (child == 0) _exit(setresuid(uid, uid, uid) == 0 && isReachable() ? 0 : 1);
-        int status = -1;
-        waitpid(child, &status, 0);
-        return status == 0;
+        return support::succeedsInAChild(
+            [uid] { return setresuid(uid, uid, uid) == 0 && isReachable(); });
     }
     void giveFolderTo(uid_t uid) {
         fs::remove(lockPath());  // root's
@@ -265,17 +263,13 @@ TEST_F(RegisteredNameTest, WithdrawingLeavesAFileAloneThatIsNoLongerOurs) {
 
 TEST_F(RegisteredNameTest, AForkedChildHoldsNothingAndWithdrawsNothing) {
     auto name = publish();
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool isNothing = name->listener() == -1;
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_EQ(name->listener(), -1);
         name = nullptr;
         std::string why;
-        const bool isTaken = !PublishedName::publish(kName, {}, why) && why == "the name is taken";
-        _exit(isNothing && isTaken ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+        EXPECT_FALSE(PublishedName::publish(kName, {}, why));
+        EXPECT_EQ(why, "the name is taken");
+    }));
     EXPECT_TRUE(isReachable());
 }
 
@@ -351,14 +345,11 @@ TEST_F(RegisteredNameAsRoot, AServerOfTheOverflowAccountIsTrustedByNobody) {
 TEST_F(RegisteredNameAsRoot, ALockFileOfAnotherAccountIsLeftAloneAndItsOwnerTold) {
     publish();  // and withdrawn again; the lock file stays, and is root's
     ASSERT_EQ(chown(folder_.path().c_str(), kAccount, 0), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setresuid(kAccount, kAccount, kAccount) != 0) _exit(2);
-        _exit(!publish() && mentions("Permission denied (it belongs to uid 0)") ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(support::succeedsInAChild([this] {
+        ASSERT_EQ(setresuid(kAccount, kAccount, kAccount), 0);
+        EXPECT_FALSE(publish());
+        EXPECT_TRUE(mentions("Permission denied (it belongs to uid 0)"));
+    }));
     EXPECT_TRUE(fs::exists(lockPath()));
     giveFolderTo(kAccount);
     EXPECT_TRUE(PublisherProcess(kAccount).hasPublished()) << "without it";

@@ -7,6 +7,7 @@
 #include <OKVTesting/RuntimeFolder.h>
 #include <OKVTesting/ServiceThread.h>
 
+#include "support/ForkedChild.h"
 #include "support/Sanitizers.h"
 #include "support/Serving.h"
 
@@ -110,11 +111,10 @@ TEST_F(Publishing, ANameThatIsTakenIsRefusedAndStaysWithItsHolder) {
 
 TEST_F(Publishing, ANameIsSeenAndRefusedAcrossProcesses) {
     const auto held = published();
-    const pid_t child = fork();
-    if (child == 0) _exit(okvCmnUtil::existRegisteredName(kName) && !published() ? 0 : 1);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(support::succeedsInAChild([&] {
+        EXPECT_TRUE(okvCmnUtil::existRegisteredName(kName));
+        EXPECT_FALSE(published());
+    }));
     EXPECT_TRUE(held->isValid());
 }
 
