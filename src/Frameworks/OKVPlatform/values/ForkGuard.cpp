@@ -33,7 +33,7 @@ constinit Lasting<Guards> guards;
 constinit std::atomic<std::uint32_t> generation{0};
 
 // Registered while the library is loaded: a fork may be under way when the first guard comes. Where
-// there is no memory for it, forks take no steps, and nothing else is lost.
+// there is no memory for it, a fork goes unnoticed, as it would without guards.
 [[maybe_unused]] const int guarded = pthread_atfork(
     [] {
         guards->mutex.lock();
