@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -20,37 +22,49 @@
 /// What a forked child can do with what it found of its parent.
 namespace support {
 
-/// Whether a child of this process ends with 0, and soon; else it is killed.
-inline bool endsWell(pid_t child) {
+/// The exit code of a child of this process; -1 where a signal ended it, as one does when it has
+/// not ended within a minute.
+inline int exitCodeOf(pid_t child) {
     const auto handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0U));
     pollfd look{handle, POLLIN, 0};
     Patience patience(std::chrono::seconds(60));
-    while (handle >= 0 && poll(&look, 1, 1000) == 0) {
+    while (handle >= 0 && poll(&look, 1, 1000) != 1) {
         if (!patience.isLeft()) kill(child, SIGKILL);
     }
     if (handle >= 0) close(handle);
-    int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
+    int status = -1;  // which no exit has
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/// What the task answers in a child of its own, 0 to 255; -1 where a signal ended that.
+template <class Task>
+int outcomeInAChild(Task task) {
+    // What it throws must not go up into the parent's tests.
+    const auto outcome = [&]() noexcept { return static_cast<int>(task()); };
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0) return -1;
+    if (child > 0) return exitCodeOf(child);
+    const int code = outcome();
+    std::fflush(nullptr);
+    _exit(code);
 }
 
 /// Whether the task, in a child of its own, met no failure and answered true, where it answers.
 template <class Task>
 bool succeedsInAChild(Task task) {
-    const auto isDone = [&]() noexcept {  // what it throws must not go up into the parent's tests
+    const auto succeeds = [&] {
+        bool answer = true;
         if constexpr (std::is_void_v<std::invoke_result_t<Task>>) {
             task();
-            return true;
         } else {
-            return task();
+            answer = task();
         }
+        return answer && !testing::Test::HasFailure();
     };
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child < 0) return false;
-    if (child > 0) return endsWell(child);
-    const bool succeeded = isDone() && !testing::Test::HasFailure();
-    std::fflush(nullptr);
-    _exit(succeeded ? 0 : 1);
+    return outcomeInAChild([&] { return succeeds() ? 0 : 1; }) == 0;
 }
 
 /// Whether the task succeeds in so many children one after the other, all forked while two other

@@ -1,6 +1,8 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvCmnUtilSeams.h>
 
+#include "support/ForkedChild.h"
+
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -151,7 +153,7 @@ TEST(ProcessList, AnUnprivilegedProcessSeesARootsApplication) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
     const TempFolder folder;
     const Child child(makeBundle(folder, "Srv", "jp.example.srv", processtest::sleeperPath()));
-    const int outcome = processtest::inFork([] {
+    const int outcome = support::outcomeInAChild([] {
         if (setgid(processtest::kNobody) != 0 || setuid(processtest::kNobody) != 0) return 2;
         return okvCmnUtil::launchMutexCheck_BundleIdentifer("Srv", "jp.example.srv") ? 0 : 1;
     });
@@ -171,7 +173,7 @@ TEST(LaunchMutexCheck, FindsARunningApplicationByNameAndIdentifier) {
 TEST(LaunchMutexCheck, TheCallerItselfCountsAsRunning) {
     const TempFolder folder;
     const auto path = makeBundle(folder, "SelfCheck", "jp.example.selfcheck", OKV_TEST_SELF_CHECK);
-    const auto outcome = processtest::inFork(
+    const auto outcome = support::outcomeInAChild(
         [&] { return execl(path.c_str(), path.c_str(), "", "jp.example.selfcheck", nullptr), 9; });
     EXPECT_EQ(outcome, 1);
 }

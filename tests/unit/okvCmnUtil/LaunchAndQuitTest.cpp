@@ -2,6 +2,7 @@
 #include <OKVDataManager/okvCmnUtilSeams.h>
 #include <OKVTesting/RuntimeFolder.h>
 
+#include "support/ForkedChild.h"
 #include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
@@ -142,7 +143,7 @@ TEST(QuitProcess, AProcessThatDoesNotExistAnswersNo) {
 TEST(QuitProcess, AnotherUsersProcessAnswersNo) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
     const Child child(processtest::sleeperPath());
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         if (setuid(processtest::kNobody) != 0) return 2;
         return okvCmnUtil::quitProcesss(child.pid()) ? 1 : 0;
     });
@@ -264,7 +265,7 @@ TEST(SendQuit, ASenderWithoutDescriptorsAnswersAStatusOfItsOwn) {
     const okv::testing::RuntimeFolder runtime;
     const Child listening(OKV_TEST_QUITTING_APPLICATION);
     const ProcessSerialNumber psn{0, static_cast<std::uint32_t>(listening.pid())};
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         for (unsigned left = 0; left < 4; ++left) {
             processtest::leaveDescriptors(left);
             if (okvCmnUtil::sendQuitAppleEvent(&psn) != okv::tmfoErr) return 1;
@@ -307,7 +308,7 @@ Launch launch(std::string_view path) {
 // root sees it; "skip" when there is no right to make one.
 std::string folderChosenInPrivateRoot(bool hasProgramFolder) {
     const TempFolder answers;
-    const auto outcome = processtest::inFork([&] {
+    const auto outcome = support::outcomeInAChild([&] {
         if (!privateroot::enter()) return 77;
         if (hasProgramFolder) std::filesystem::create_directories(okvCmnUtil::appBinPath());
         return runScript("pwd > '" + answers.path() + "/pwd'", "/missing") ? 0 : 1;

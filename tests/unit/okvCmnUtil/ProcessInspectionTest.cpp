@@ -1,6 +1,8 @@
 #include <OKVDataManager/okvCmnUtil.h>
 #include <OKVDataManager/okvCmnUtilSeams.h>
 
+#include "support/ForkedChild.h"
+
 #include <gtest/gtest.h>
 
 #include <pwd.h>
@@ -324,7 +326,7 @@ TEST(ThisProcess, KnowsTheLoginNameOfItsAccount) {
 
 TEST(ThisProcess, AnAccountWithoutANameHasAnEmptyOne) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
-    const auto outcome = processtest::inFork([] {
+    const auto outcome = support::outcomeInAChild([] {
         if (setresuid(1234567, 0, 0) != 0) return 2;
         return okvCmnUtil::processUserName().empty() ? 0 : 1;
     });
@@ -333,7 +335,7 @@ TEST(ThisProcess, AnAccountWithoutANameHasAnEmptyOne) {
 
 TEST(ThisProcess, TheRealAccountCountsNotTheEffectiveOne) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
-    const auto outcome = processtest::inFork([] {
+    const auto outcome = support::outcomeInAChild([] {
         if (setresuid(processtest::kNobody, 0, 0) != 0) return 2;
         return okvCmnUtil::processUserName() == "nobody" ? 0 : 1;
     });

@@ -149,7 +149,7 @@ TEST_F(Publishing, ADelegateMayTurnConnectionsAway) {
 
 TEST_F(Publishing, WithoutDescriptorsThereIsNoConnectionAndNoNameIsLeft) {
     if (support::kIsAddressSanitized) GTEST_SKIP() << "its checks of types take descriptors, too";
-    const int refusals = processtest::inFork([&] {
+    const int refusals = support::outcomeInAChild([&] {
         for (unsigned left = 0; left < 20; ++left) {
             processtest::leaveDescriptors(left);
             const auto connection = published();

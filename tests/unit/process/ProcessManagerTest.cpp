@@ -1,5 +1,7 @@
 #include <OKVPlatform/process/ProcessManager.h>
 
+#include "support/ForkedChild.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/syscall.h>
@@ -58,7 +60,7 @@ Dictionary dictionaryOf(int pid, const okv::PropertyListReader& reader = pathRea
 std::string bundleSeenByNobody(int pid) {
     const TempFolder answers;
     std::filesystem::permissions(answers.path(), std::filesystem::perms::all);
-    processtest::inFork([&] {
+    support::outcomeInAChild([&] {
         if (setgid(processtest::kNobody) != 0 || setuid(processtest::kNobody) != 0) return 1;
         const auto dictionary = dictionaryOf(pid);
         if (!dictionary.empty())

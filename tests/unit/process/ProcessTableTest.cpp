@@ -1,5 +1,7 @@
 #include <OKVPlatform/process/ProcessTable.h>
 
+#include "support/ForkedChild.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -254,7 +256,7 @@ TEST(ProcessTable, AFolderThatCannotBeReadIsAnError) {
 }
 
 TEST(ProcessTable, RunningOutOfDescriptorsIsAnErrorAndNoShortList) {
-    const int outcome = processtest::inFork([] {
+    const int outcome = support::outcomeInAChild([] {
         std::vector<ProcessRecord> records(100000);
         KernelProcessTable table;
         std::size_t length = records.size() * sizeof(ProcessRecord);

@@ -3,6 +3,7 @@
 #include <OKVPlatform/process/QuitEvent.h>
 #include <OKVTesting/RuntimeFolder.h>
 
+#include "support/ForkedChild.h"
 #include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
@@ -186,7 +187,7 @@ TEST_F(QuitEvent, AnotherUserMayNotAsk) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
     const Child application(applicationPath());
     ASSERT_TRUE(application.isReady());
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         if (setgid(1234) != 0 || setuid(1234) != 0) return 2;
         const auto expected = Outcome{okv::noErr, okv::errAEEventNotPermitted};
         return sendQuit(application.pid()) == expected ? 0 : 1;
@@ -198,7 +199,7 @@ TEST_F(QuitEvent, AnotherUserMayNotAsk) {
 TEST_F(QuitEvent, ANameThatAnotherAccountsProcessLeftDoesNotKeepOneFromBeingAsked) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change accounts";
     startAccepting();  // makes the folder
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         const auto left = appsFolder() + "/" + std::to_string(getpid());
         std::ofstream(left) << "";
         if (chown(left.c_str(), processtest::kNobody, processtest::kNobody) != 0) return 2;
@@ -272,7 +273,7 @@ TEST_F(QuitEvent, ASenderWithoutDescriptorsSaysSoAndTakesNobodyForDeaf) {
     if (support::kIsAddressSanitized) GTEST_SKIP() << "its checks of types take descriptors, too";
     const Child application(applicationPath(), with({"--reply", "-128"}));
     ASSERT_TRUE(application.isReady());
-    const int refusals = processtest::inFork([&] {
+    const int refusals = support::outcomeInAChild([&] {
         for (unsigned left = 0; left < 20; ++left) {
             processtest::leaveDescriptors(left);
             const auto outcome = sendQuit(application.pid());
@@ -289,7 +290,7 @@ TEST_F(QuitEvent, ASenderWithoutDescriptorsSaysSoAndTakesNobodyForDeaf) {
 TEST_F(QuitEvent, AListenerWithoutDescriptorsIsNoneAndSaysWhyAndLeavesNoName) {
     if (support::kIsAddressSanitized) GTEST_SKIP() << "its checks of types take descriptors, too";
     ASSERT_TRUE(startAccepting());
-    const int refusals = processtest::inFork([&] {
+    const int refusals = support::outcomeInAChild([&] {
         for (unsigned left = 0; left < 20; ++left) {
             std::string why;
             processtest::leaveDescriptors(left);

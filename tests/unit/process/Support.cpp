@@ -53,20 +53,6 @@ std::string sleeperPath() {
     return OKV_TEST_SLEEPER;
 }
 
-// An exception must not unwind into the copy of the test that the fork also made.
-static int outcomeOf(const std::function<int()>& body) noexcept {
-    return body();
-}
-
-int inFork(const std::function<int()>& body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(outcomeOf(body));
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 void waitForEnd(pid_t child) {
     siginfo_t info{};
     while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 &&

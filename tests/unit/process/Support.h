@@ -4,7 +4,6 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,16 +39,13 @@ private:
 /// The helper program: writes "ready" and waits; see Sleeper.cpp for its options.
 std::string sleeperPath();
 
-/// What `body` answers in a forked copy of this process; -1 when that was killed.
-int inFork(const std::function<int()>& body);
-
 /// Blocks until a child of ours has ended, without reaping it.
 void waitForEnd(pid_t child);
 
 std::size_t openDescriptors();
 
 /// From now on this process may open `count` more descriptors at the most; for children that
-/// `inFork` made.
+/// were forked for it.
 void leaveDescriptors(unsigned count);
 
 }  // namespace processtest

@@ -115,7 +115,7 @@ TEST(Task, ARelativePathIsRelativeToTheLauncherNotToTheChild) {
     const TempFolder folder;
     folder.copyExecutable("/bin/sh", "here/tool");
     folder.makeFolder("there");
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         if (chdir((folder / "here").c_str()) != 0) return 1;
         Task task;
         task.setLaunchPath("tool");
@@ -307,7 +307,7 @@ TEST(Task, KeepsItsPipeFromProgramsThatOthersExecute) {
 
 TEST(Task, TheChildStartsWithCleanSignals) {
     const TempFolder folder;
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         sigset_t blocked;
         sigemptyset(&blocked);
         sigaddset(&blocked, SIGTERM);
@@ -371,7 +371,7 @@ TEST(Task, TheErrorPipeStaysOpenWhileAGrandchildMayWriteToIt) {
 TEST(Task, APipeDoesNotTakeThePlaceOfAClosedStandardDescriptor) {
     const TempFolder folder;
     mkfifo((folder / "gate").c_str(), 0600);
-    const int outcome = processtest::inFork([&] {
+    const int outcome = support::outcomeInAChild([&] {
         for (const int standard : {0, 1, 2}) close(standard);
         auto task = shell("echo x >&2; [ -e /proc/$$/fd/1 ] || : > closed; read x < gate", folder);
         task.pipeStandardError();
