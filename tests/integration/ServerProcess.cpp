@@ -17,7 +17,7 @@ std::string& program() {
     return name;
 }
 
-constexpr int kReadyWithinMilliseconds = 30000;
+constexpr int kReadyWithinMilliseconds = 60000;
 
 // The sockets are the descriptors from 3 on, wherever they were before.
 void handOver(const ServerProcess::HandOver& given) {

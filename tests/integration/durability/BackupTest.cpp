@@ -176,12 +176,13 @@ TEST(TheInterval, OfZeroMakesNone) {
 
 namespace {
 
-// So large that copying it takes a while; no server runs on it, and there is no backup.
+// So large that copying it takes a while, of so few settings that reading them does not; no server
+// runs on it, and there is no backup.
 void leaveALargeStore(ServerProcess& server) {
     ASSERT_TRUE(server.start({"--backup-interval", "0"}));
     server.signal(SIGTERM);
     server.wait();
-    fill(server, 20, 5000);
+    fill(server, 20, 100, 8000);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include <OKVPlatform/values/Cbor.h>
+
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -10,6 +12,8 @@
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <thread>
 
 namespace durability {
@@ -18,6 +22,16 @@ namespace {
 
 constexpr std::chrono::seconds kWithin{30 * faults::kSlowness};
 constexpr std::chrono::milliseconds kAgain{2};
+
+std::string hexOf(std::string_view bytes) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string hex;
+    for (const char byte : bytes) {
+        const auto number = static_cast<unsigned char>(byte);
+        hex += {digits[number / 16], digits[number % 16]};
+    }
+    return hex;
+}
 
 // None of the words has a quotation mark: they are ours.
 Ran run(const ServerProcess& server, const std::string& program,
@@ -92,7 +106,7 @@ bool awaitBackups(okv::RemoteObject& root, std::int64_t count) {
     return eventually([&] { return backupState(root)["kept"].longLongValue() >= count; });
 }
 
-void fill(const ServerProcess& server, int users, int settingsOfEach) {
+void fill(const ServerProcess& server, int users, int settingsOfEach, std::size_t lettersOfEach) {
     const auto highest = std::to_string(users);
     change(server.storeFile(),
            "WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < " + highest +
@@ -103,7 +117,9 @@ void fill(const ServerProcess& server, int users, int settingsOfEach) {
                "WITH RECURSIVE k(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM k WHERE i < " +
                std::to_string(settingsOfEach) +
                ") INSERT INTO settings SELECT scopes.id, 'dc-fill-' || k.i,"
-               " CAST(x'74' || 'a text of 20 letters' AS BLOB), 0, 0.0"
+               " x'" +
+               hexOf(okv::encodeCbor(std::string(lettersOfEach, 'a'))) +
+               "', 0, 0.0"
                " FROM scopes, k WHERE scopes.id > 0;");
 }
 

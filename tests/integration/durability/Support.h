@@ -47,8 +47,9 @@ okv::Dictionary backupState(okv::RemoteObject& root);
 /// Waits for the backup that is made at the start.
 bool awaitBackups(okv::RemoteObject& root, std::int64_t count);
 
-/// Puts so many settings of each user into the store, past any server.
-void fill(const ServerProcess& server, int users, int settingsOfEach);
+/// Puts so many settings of each user, texts of so many letters, into the store, past any server.
+void fill(const ServerProcess& server, int users, int settingsOfEach,
+          std::size_t lettersOfEach = 20);
 
 /// For servers whose writes below a folder a test makes fail: start them while this lives.
 class BreakableDisk {

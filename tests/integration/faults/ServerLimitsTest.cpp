@@ -141,7 +141,7 @@ TEST(ServerLimits, TwoHundredClientsOfAServerWithSixtyFourDescriptorsAreSurvived
     EXPECT_EQ(listener->notices, 1);
     clients.clear();
     const auto late = PatientClient();
-    EXPECT_TRUE(late.isToldSomething(std::chrono::seconds(10)));
+    EXPECT_TRUE(late.isToldSomething(std::chrono::seconds(60)));
     EXPECT_EQ(get(*connect(), "k"), Value(1));
 }
 
@@ -152,7 +152,7 @@ TEST(ServerLimits, WhoNeverGreetsIsDroppedAfterTwoSecondsAndWhoGreetedIsNot) {
     const auto silent = okv::connectToName(kOKVDataServerName);
     const auto greeted = connect();
     pollfd entry{silent.socket.get(), POLLIN, 0};
-    EXPECT_EQ(poll(&entry, 1, 20000), 1);
+    EXPECT_EQ(poll(&entry, 1, 60000), 1);
     EXPECT_GE(Clock::now() - begun, std::chrono::milliseconds(1900));
     std::string text(200, '\0');
     const auto count = recv(silent.socket.get(), text.data(), text.size(), 0);

@@ -98,7 +98,7 @@ std::string Harness::awaitAnswer(RecordingPort& port, std::size_t count) {
     const auto loop = okv::RunLoop::current();
     while (port.answers.size() < count) {
         pollfd entry{loop->fd(), POLLIN, 0};
-        if (poll(&entry, 1, 10000) <= 0) throw std::runtime_error("no answer came");
+        if (poll(&entry, 1, 60000) <= 0) throw std::runtime_error("no answer came");
         loop->dispatch();
     }
     return port.answers.at(count - 1);

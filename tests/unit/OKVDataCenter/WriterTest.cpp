@@ -30,7 +30,7 @@ protected:
     std::shared_ptr<datacenter::Batch> next() {
         std::unique_lock lock(mutex_);
         EXPECT_TRUE(
-            came_.wait_for(lock, std::chrono::seconds(10), [this] { return !batches_.empty(); }));
+            came_.wait_for(lock, std::chrono::seconds(60), [this] { return !batches_.empty(); }));
         auto batch = batches_.front();
         batches_.erase(batches_.begin());
         return batch;
