@@ -187,7 +187,7 @@ TEST_F(PublicationTest, AClientThatOnlyEndsItsOwnSideIsLetGo) {
 
 // Far more than is read in one turn, and nothing comes behind it that would tell of it again.
 TEST_F(PublicationTest, RequestsThatCameInOneBurstAreAllServed) {
-    constexpr int requests = 1000;
+    constexpr int requests = 500;
     publish();
     auto client = greeted();
     std::string burst;
