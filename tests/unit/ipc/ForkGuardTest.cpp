@@ -28,7 +28,7 @@ void lendForAMoment(Busy& busy) {
 // Two threads of the parent begin with the very first call of the process, or so.
 void expectAChildCan(void (*task)(Busy&)) {
     const auto onItsOwn = [task] { task(*okv::make<Busy>()); };
-    EXPECT_TRUE(support::succeedsInChildrenWhile(onItsOwn, onItsOwn));
+    support::expectChildrenSucceedWhile(onItsOwn, onItsOwn);
 }
 
 }  // namespace

@@ -335,11 +335,11 @@ TEST_F(NobodyTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsConnecting)
 TEST_F(SharedTest, AForkedChildDoesNotWaitForAThreadOfItsParentThatIsCalling) {
     const auto manager = shared();
     ASSERT_TRUE(manager);
-    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { manager->proxyObj(); },
-                                                 [&] {
-                                                     EXPECT_FALSE(manager->isValid());
-                                                     EXPECT_TRUE(manager->proxyObj());
-                                                 }));
+    support::expectChildrenSucceedWhile([&] { manager->proxyObj(); },
+                                        [&] {
+                                            EXPECT_FALSE(manager->isValid());
+                                            EXPECT_TRUE(manager->proxyObj());
+                                        });
 }
 
 TEST_F(SharedTest, AHeldConnectionWithoutAProxyIsKeptAsLongAsItIsAlive) {

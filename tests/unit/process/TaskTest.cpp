@@ -221,8 +221,8 @@ TEST(Task, AChildThatNobodyWaitsForIsReapedOnRequest) {
 
 TEST(Task, CanBeLaunchedByAForkedChildWhateverOtherThreadsWereLaunching) {
     const TempFolder folder;
-    EXPECT_TRUE(support::succeedsInChildrenWhile([&] { runShell("true", folder); },
-                                                 [&] { runShell("true", folder); }));
+    support::expectChildrenSucceedWhile([&] { runShell("true", folder); },
+                                        [&] { runShell("true", folder); });
 }
 
 TEST(Task, OfItsParentDoesNotConcernAForkedChild) {

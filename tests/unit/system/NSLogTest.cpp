@@ -102,7 +102,6 @@ TEST(NSLog, TheSinkMayChangeWhileOtherThreadsLog) {
 }
 
 TEST(NSLog, WritesInAForkedChildWhateverOtherThreadsOfTheParentWereLogging) {
-    EXPECT_TRUE(support::succeedsInChildrenWhile(
-        [] { okv::logLine("in the parent"); }, [] { return !okv::logLine("in the child").empty(); },
-        300));
+    support::expectChildrenSucceedWhile([] { okv::logLine("in the parent"); },
+                                        [] { return !okv::logLine("in the child").empty(); }, 300);
 }
