@@ -53,6 +53,15 @@ protected:
         look();
         return posted_;
     }
+    /// Whether the last notice is one of this revision, soon.
+    bool endsWith(const std::string& revision) {
+        support::Patience patience(20s);
+        const auto isLast = [&] {
+            return !posted_.empty() && posted_.back().starts_with(revision);
+        };
+        while (!isLast() && patience.isLeft()) look();
+        return isLast();
+    }
     std::vector<std::string> logged(std::size_t count) {
         support::Patience patience(20s);
         for (;;) {
@@ -143,9 +152,10 @@ TEST_F(ASystemPoster, KeepsNobodyWaitingWhileAnotherOneHoldsTheLog) {
     const int lock = open((folder_.path() / okv::kNotificationLockFile).c_str(), O_RDWR);
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     for (int revision = 2; revision < 5000; ++revision) post(revision);
-    logged(1);  // all of them were told while the first was still being tried
+    logged(1);  // told as soon as the first of them was given up
     close(lock);
-    EXPECT_EQ(posted(2), (Words{"1 of 5 keys", "4999"}));
+    EXPECT_TRUE(endsWith("4999"));
+    EXPECT_LT(posted_.size(), 4999U) << "what could not be posted is told in one notice";
 }
 
 TEST_F(ASystemPoster, IsSettledOnceWhatItWasToldIsPostedOrCannotBe) {
