@@ -18,7 +18,7 @@ using okv::Value;
 using Admin = OKVDataAdmin_protocol;
 
 constexpr double kPatience = 30.0 * faults::kSlowness;
-constexpr int kRoundOfTheFault = 2;
+constexpr int kRoundOfTheFault = 6;
 
 template <class Done>
 void waitUntil(Done done, const char* what) {

@@ -30,7 +30,7 @@ protected:
         if (faults::kSlowness > 1) GTEST_SKIP() << "tested where no sanitizer slows it down";
     }
     void expectFound(const std::string& fault, const std::string& told) const {
-        const auto ran = run("5", fault);
+        const auto ran = run("8", fault);
         EXPECT_EQ(ran.code, 1) << ran.output;
         EXPECT_NE(ran.output.find("\n  " + told), std::string::npos) << ran.output;
         EXPECT_NE(ran.output.find("kill-rounds: BROKEN"), std::string::npos) << ran.output;
@@ -69,7 +69,7 @@ TEST_F(KillRoundsWithAFault, FindAGap) {
 
 // One of the two changes that it stands for is missing then for those who saw the other one.
 TEST_F(KillRoundsWithAFault, FindARevisionThatIsGivenTwice) {
-    const auto ran = run("5", "duplicate");
+    const auto ran = run("8", "duplicate");
     EXPECT_EQ(ran.code, 1) << ran.output;
     const auto kinds = kindsIn(ran.output);
     EXPECT_THAT(kinds, Contains(AnyOf("duplicate", "lost", "torn"))) << ran.output;
