@@ -1,8 +1,8 @@
 #include <pthread.h>
 
-// The address sanitizer of clang 14 does not know of forks, as later ones do: a child that was
-// forked while another thread allocated would wait for ever for that thread's lock. Part of every
-// test program that is built with it, so that what a forked child is tested for is our own locks.
+// The address sanitizer of clang 14 does not keep its locks whole over a fork: a child that was
+// forked while another thread allocated would wait for ever for that thread's. Part of every test
+// program that is built with it, so that what a forked child is tested for is our own locks.
 
 // The runtime's own names: its leak detector stops the other threads so, in this order.
 namespace __lsan {

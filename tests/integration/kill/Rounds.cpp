@@ -18,6 +18,7 @@ using okv::Value;
 using Admin = OKVDataAdmin_protocol;
 
 constexpr double kPatience = 30.0 * faults::kSlowness;
+// By then writes of each kind have been acknowledged, on a busy machine, too.
 constexpr int kRoundOfTheFault = 6;
 
 template <class Done>
